@@ -1,0 +1,10 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* Everything a sensor host needs to load and drive the plug-in. */
+#ifndef SENSORS_SENSORS_H
+#define SENSORS_SENSORS_H
+
+#include <sensors/api.h>
+#include <sensors/data.h>
+#include <sensors/driver.h>
+
+#endif /* SENSORS_SENSORS_H */

@@ -1,0 +1,12 @@
+#!/usr/bin/env bash
+# Builds everything, runs each fuzz target briefly, then runs every test in
+# parallel; ctest's summary closes the output.
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+build=${BUILD_DIR:-$root/build}
+
+"$root/scripts/build.sh" "$build"
+status=0
+"$root/scripts/fuzz.sh" "${FUZZ_SECONDS:-10}" || status=1
+(cd "$build" && ctest -j "$(nproc)" --output-on-failure --timeout 300) || status=$?
+exit $status

@@ -1,0 +1,236 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "platform/log.h"
+
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <mutex>
+
+namespace {
+
+constexpr size_t kMaxTagOverrides = 32;
+constexpr size_t kTagNameMax = 32;
+constexpr size_t kMessageMax = 1024;
+
+struct tag_level {
+    char name[kTagNameMax];
+    int level;
+};
+
+struct level_table {
+    int default_level = kLogDefaultLevel;
+    size_t count = 0;
+    tag_level tags[kMaxTagOverrides] = {};
+};
+
+enum class log_output { stderr_out, syslog_out, none };
+
+struct log_state {
+    level_table levels;
+    log_output output = log_output::stderr_out;
+    std::atomic<uint64_t> formatted{0};
+    std::atomic<bool> capturing{false};
+    std::mutex capture_lock;
+    std::vector<log_record> captured;
+};
+
+bool parse_levels(const char *spec, level_table *out)
+{
+    level_table table;
+    const char *p = spec;
+    while (*p) {
+        const char *end = strchr(p, ',');
+        size_t len = end ? size_t(end - p) : strlen(p);
+        const char *eq = static_cast<const char *>(memchr(p, '=', len));
+        if (len == 0) {
+            // tolerate empty items ("info,,imu=debug")
+        } else if (!eq) {
+            int level = log_level_from_name(p, len);
+            if (level < 0)
+                return false;
+            table.default_level = level;
+        } else {
+            size_t name_len = size_t(eq - p);
+            int level = log_level_from_name(eq + 1, len - name_len - 1);
+            if (level < 0 || name_len == 0 || name_len >= kTagNameMax || table.count == kMaxTagOverrides)
+                return false;
+            tag_level &t = table.tags[table.count++];
+            memcpy(t.name, p, name_len);
+            t.name[name_len] = '\0';
+            t.level = level;
+        }
+        if (!end)
+            break;
+        p = end + 1;
+    }
+    *out = table;
+    return true;
+}
+
+log_state &state()
+{
+    static log_state *s = [] {
+        auto *st = new log_state;
+        const char *levels = getenv("SENSORS_LOG_LEVEL");
+        if (levels && !parse_levels(levels, &st->levels))
+            fprintf(stderr, "sensors log: ignoring malformed SENSORS_LOG_LEVEL '%s'\n", levels);
+        const char *output = getenv("SENSORS_LOG_OUTPUT");
+        if (output && strcmp(output, "syslog") == 0)
+            st->output = log_output::syslog_out;
+        else if (output && strcmp(output, "none") == 0)
+            st->output = log_output::none;
+        return st;
+    }();
+    return *s;
+}
+
+int level_of(const log_state &s, const char *tag)
+{
+    for (size_t i = 0; i < s.levels.count; i++)
+        if (strcmp(s.levels.tags[i].name, tag) == 0)
+            return s.levels.tags[i].level;
+    return s.levels.default_level;
+}
+
+char priority_letter(int priority)
+{
+    static constexpr char kLetters[] = "AACEWNID";
+    return priority >= 0 && priority <= LOG_DEBUG ? kLetters[priority] : '?';
+}
+
+void emit(log_state &s, const log_tag &tag, int priority, const char *text)
+{
+    if (s.capturing.load(std::memory_order_acquire)) {
+        std::lock_guard<std::mutex> lock(s.capture_lock);
+        s.captured.push_back(log_record{priority, tag.name, text});
+        return;
+    }
+    switch (s.output) {
+    case log_output::none:
+        return;
+    case log_output::syslog_out:
+        syslog(priority, "%s: %s", tag.name, text);
+        return;
+    case log_output::stderr_out:
+        break;
+    }
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    char line[kMessageMax + 96];
+    int n = snprintf(line, sizeof line, "[%5lld.%06ld] %c %s: %s\n", static_cast<long long>(now.tv_sec),
+                     now.tv_nsec / 1000, priority_letter(priority), tag.name, text);
+    if (n < 0)
+        return;
+    size_t len = size_t(n) < sizeof line ? size_t(n) : sizeof line - 1;
+    if (line[len - 1] != '\n')
+        line[len - 1] = '\n';
+    // One write per line keeps lines whole when several processes share stderr.
+    ssize_t ignored = write(STDERR_FILENO, line, len);
+    (void)ignored;
+}
+
+} // namespace
+
+int log_level_from_name(const char *name, size_t len)
+{
+    struct entry {
+        const char *name;
+        int level;
+    };
+    static constexpr entry kNames[] = {
+        {"none", 0},        {"off", 0},           {"crit", LOG_CRIT},     {"critical", LOG_CRIT},
+        {"err", LOG_ERR},   {"error", LOG_ERR},   {"warn", LOG_WARNING},  {"warning", LOG_WARNING},
+        {"notice", LOG_NOTICE}, {"info", LOG_INFO}, {"debug", LOG_DEBUG},
+    };
+    if (len == 1 && name[0] >= '0' && name[0] <= '7')
+        return name[0] - '0';
+    for (const entry &e : kNames)
+        if (strlen(e.name) == len && strncmp(e.name, name, len) == 0)
+            return e.level;
+    return -1;
+}
+
+bool log_admits(const log_tag &tag, int priority)
+{
+    return priority <= level_of(state(), tag.name);
+}
+
+void log_vmsg(const log_tag &tag, int priority, const char *fmt, va_list ap)
+{
+    log_state &s = state();
+    if (priority > level_of(s, tag.name))
+        return;
+    char text[kMessageMax];
+    vsnprintf(text, sizeof text, fmt, ap);
+    s.formatted.fetch_add(1, std::memory_order_relaxed);
+    emit(s, tag, priority, text);
+}
+
+void log_msg(const log_tag &tag, int priority, const char *fmt, ...)
+{
+    va_list ap;
+    va_start(ap, fmt);
+    log_vmsg(tag, priority, fmt, ap);
+    va_end(ap);
+}
+
+void log_str(const log_tag &tag, int priority, const char *text)
+{
+    log_state &s = state();
+    if (priority > level_of(s, tag.name))
+        return;
+    emit(s, tag, priority, text ? text : "(null)");
+}
+
+void log_call_failed(const log_tag &tag, int priority, const char *function, int line, const char *operation,
+                     int err)
+{
+    int positive = err < 0 ? -err : err;
+    log_msg(tag, priority, "%s:%d: %s err=%d(%s)", function, line, operation, positive, strerror(positive));
+}
+
+int log_set_levels(const char *spec)
+{
+    if (!spec)
+        return -EINVAL;
+    level_table table;
+    if (!parse_levels(spec, &table))
+        return -EINVAL;
+    state().levels = table;
+    return 0;
+}
+
+uint64_t log_formatted_count()
+{
+    return state().formatted.load(std::memory_order_relaxed);
+}
+
+void log_capture_start()
+{
+    log_state &s = state();
+    std::lock_guard<std::mutex> lock(s.capture_lock);
+    s.captured.clear();
+    s.capturing.store(true, std::memory_order_release);
+}
+
+std::vector<log_record> log_capture_take()
+{
+    log_state &s = state();
+    std::lock_guard<std::mutex> lock(s.capture_lock);
+    std::vector<log_record> out;
+    out.swap(s.captured);
+    return out;
+}
+
+void log_capture_stop()
+{
+    log_state &s = state();
+    std::lock_guard<std::mutex> lock(s.capture_lock);
+    s.capturing.store(false, std::memory_order_release);
+    s.captured.clear();
+}

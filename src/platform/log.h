@@ -1,0 +1,63 @@
+// SPDX-License-Identifier: Apache-2.0
+// Platform log: tagged messages with syslog priorities.
+//
+// Each tag has a level; a message is formatted only when its tag's level
+// admits its priority (priority <= level). Levels come from SENSORS_LOG_LEVEL,
+// for instance "info,imu=debug,bldc=warning"; output goes to stderr (default)
+// or syslog, chosen by SENSORS_LOG_OUTPUT ("stderr", "syslog" or "none").
+#pragma once
+
+#include <syslog.h>
+
+#include <cstdarg>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+struct log_tag {
+    const char *name;
+};
+
+// Default level when SENSORS_LOG_LEVEL says nothing about a tag.
+inline constexpr int kLogDefaultLevel = LOG_INFO;
+
+// True when a message of this priority on this tag would be emitted.
+bool log_admits(const log_tag &tag, int priority);
+
+void log_msg(const log_tag &tag, int priority, const char *fmt, ...) __attribute__((format(printf, 3, 4)));
+void log_vmsg(const log_tag &tag, int priority, const char *fmt, va_list ap) __attribute__((format(printf, 3, 0)));
+
+// A preformatted message, emitted as it stands.
+void log_str(const log_tag &tag, int priority, const char *text);
+
+// The recurring report of a failed platform call inside a module:
+// "<function>:<line>: <operation> err=<errno>(<text>)". err may be given
+// positive or negative; the message carries the positive errno.
+void log_call_failed(const log_tag &tag, int priority, const char *function, int line, const char *operation,
+                     int err);
+
+// Replaces the level table with a SENSORS_LOG_LEVEL-style specification.
+// Returns 0, or -EINVAL for a malformed specification (the table is then
+// left as it was).
+int log_set_levels(const char *spec);
+
+// Level names: "crit"/"critical" 2, "err"/"error" 3, "warn"/"warning" 4,
+// "notice" 5, "info" 6, "debug" 7, "none"/"off" 0, or a digit 0..7.
+// Returns -1 for an unknown name.
+int log_level_from_name(const char *name, size_t len);
+
+// Number of messages formatted since start: lets tests prove that a message
+// below its tag's level costs no formatting.
+uint64_t log_formatted_count();
+
+// Capture sink for tests: while capturing, messages are recorded instead of
+// written to the output.
+struct log_record {
+    int priority;
+    std::string tag;
+    std::string text;
+};
+void log_capture_start();
+std::vector<log_record> log_capture_take(); // returns and clears what was captured
+void log_capture_stop();

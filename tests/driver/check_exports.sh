@@ -1,0 +1,13 @@
+#!/usr/bin/env bash
+# Compares the dynamic symbols a library defines with the expected list.
+set -eu
+lib=$1
+expected=$2
+actual=$(nm -D --defined-only "$lib" | awk '{print $3}' | sed 's/@.*//' | sort -u)
+wanted=$(grep -v -E '^(#|$)' "$expected" | sort -u)
+if [ "$actual" != "$wanted" ]; then
+  echo "exported symbols of $lib differ from $expected:"
+  diff <(echo "$wanted") <(echo "$actual") | sed -n 's/^</missing: /p; s/^>/unexpected: /p'
+  exit 1
+fi
+echo "exports match: $(echo "$actual" | grep -c . || true) symbols"

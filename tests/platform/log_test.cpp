@@ -1,0 +1,138 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "platform/log.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <regex>
+#include <string>
+
+#include "support/test_env.h"
+
+namespace {
+
+constexpr log_tag kImu{"imu"};
+constexpr log_tag kBaro{"baro"};
+
+class LogTest : public ::testing::Test {
+protected:
+    void TearDown() override { log_set_levels("info"); }
+};
+
+TEST_F(LogTest, PerTagLevelsDecideWhatIsEmitted)
+{
+    ASSERT_EQ(log_set_levels("warning,imu=debug"), 0);
+    EXPECT_TRUE(log_admits(kImu, LOG_DEBUG));
+    EXPECT_TRUE(log_admits(kBaro, LOG_WARNING));
+    EXPECT_FALSE(log_admits(kBaro, LOG_NOTICE));
+
+    log_capture cap;
+    log_msg(kBaro, LOG_INFO, "dropped %d", 1);
+    log_msg(kBaro, LOG_ERR, "kept %d", 2);
+    log_msg(kImu, LOG_DEBUG, "Accel\t%+f", 1.5);
+    auto records = cap.take();
+    ASSERT_EQ(records.size(), 2u);
+    EXPECT_EQ(records[0].tag, "baro");
+    EXPECT_EQ(records[0].priority, LOG_ERR);
+    EXPECT_EQ(records[0].text, "kept 2");
+    EXPECT_EQ(records[1].tag, "imu");
+    EXPECT_EQ(records[1].priority, LOG_DEBUG);
+    EXPECT_EQ(records[1].text, "Accel\t+1.500000");
+}
+
+TEST_F(LogTest, LevelSpecificationsAcceptNamesAndDigits)
+{
+    struct row {
+        const char *spec;
+        int baro_level;
+        int imu_level;
+    };
+    const row rows[] = {
+        {"debug", LOG_DEBUG, LOG_DEBUG},   {"err,imu=7", LOG_ERR, LOG_DEBUG},   {"3", LOG_ERR, LOG_ERR},
+        {"notice,,imu=crit", LOG_NOTICE, LOG_CRIT}, {"off,imu=info", 0, LOG_INFO}, {"imu=warn", kLogDefaultLevel, LOG_WARNING},
+    };
+    for (const row &r : rows) {
+        ASSERT_EQ(log_set_levels(r.spec), 0) << r.spec;
+        for (int p = LOG_CRIT; p <= LOG_DEBUG; p++) {
+            EXPECT_EQ(log_admits(kBaro, p), p <= r.baro_level) << r.spec << " baro " << p;
+            EXPECT_EQ(log_admits(kImu, p), p <= r.imu_level) << r.spec << " imu " << p;
+        }
+    }
+}
+
+TEST_F(LogTest, MalformedSpecificationLeavesLevelsAsTheyWere)
+{
+    ASSERT_EQ(log_set_levels("err"), 0);
+    for (const char *bad : {"verbose", "imu=", "=debug", "imu=loud,info", "8"})
+        EXPECT_EQ(log_set_levels(bad), -EINVAL) << bad;
+    EXPECT_EQ(log_set_levels(nullptr), -EINVAL);
+    EXPECT_TRUE(log_admits(kImu, LOG_ERR));
+    EXPECT_FALSE(log_admits(kImu, LOG_WARNING));
+}
+
+TEST_F(LogTest, MessagesBelowTheLevelAreNeverFormatted)
+{
+    ASSERT_EQ(log_set_levels("notice"), 0);
+    log_capture cap;
+    uint64_t before = log_formatted_count();
+    for (int i = 0; i < 100; i++)
+        log_msg(kImu, LOG_DEBUG, "Gyro\t\t%+f\t%+f\t%+f", 0.1 * i, 0.2, 0.3);
+    log_str(kImu, LOG_INFO, "preformatted, below the level");
+    EXPECT_EQ(log_formatted_count(), before);
+    EXPECT_TRUE(cap.take().empty());
+
+    log_msg(kImu, LOG_NOTICE, "EVT:ESC;flight_time=%d;device='%s'", 12, "bldc0");
+    EXPECT_EQ(log_formatted_count(), before + 1);
+    EXPECT_EQ(cap.texts("imu"), std::vector<std::string>{"EVT:ESC;flight_time=12;device='bldc0'"});
+}
+
+TEST_F(LogTest, PreformattedStringsAreEmittedVerbatim)
+{
+    log_capture cap;
+    log_str(kBaro, LOG_WARNING, "[3] 100% done %s %d");
+    EXPECT_EQ(cap.texts("baro"), std::vector<std::string>{"[3] 100% done %s %d"});
+}
+
+TEST_F(LogTest, FailedCallHelperCarriesThePositiveErrnoAndItsText)
+{
+    log_capture cap;
+    log_call_failed(kImu, LOG_ERR, "imu_new", 42, "sensor_tlm_init", -ENOMEM);
+    log_call_failed(kImu, LOG_ERR, "check_defects", 7, "elapsed_since", EINVAL);
+    auto records = cap.take();
+    ASSERT_EQ(records.size(), 2u);
+    EXPECT_EQ(records[0].priority, LOG_ERR);
+    EXPECT_EQ(records[0].text, "imu_new:42: sensor_tlm_init err=12(Cannot allocate memory)");
+    EXPECT_EQ(records[1].text, "check_defects:7: elapsed_since err=22(Invalid argument)");
+}
+
+TEST_F(LogTest, OverlongMessagesAreCutNotOverflowed)
+{
+    log_capture cap;
+    std::string big(5000, 'x');
+    log_msg(kImu, LOG_ERR, "%s", big.c_str());
+    auto texts = cap.texts("imu");
+    ASSERT_EQ(texts.size(), 1u);
+    EXPECT_EQ(texts[0], std::string(1023, 'x'));
+}
+
+TEST_F(LogTest, StderrLinesCarryTimePriorityAndTag)
+{
+    int pipefd[2];
+    ASSERT_EQ(pipe(pipefd), 0);
+    int saved = dup(STDERR_FILENO);
+    dup2(pipefd[1], STDERR_FILENO);
+    log_msg(kBaro, LOG_WARNING, "pressure %.1f", 101325.0);
+    log_str(kImu, LOG_CRIT, "gone");
+    dup2(saved, STDERR_FILENO);
+    close(saved);
+    close(pipefd[1]);
+    char buf[512] = {};
+    ssize_t n = read(pipefd[0], buf, sizeof buf - 1);
+    close(pipefd[0]);
+    ASSERT_GT(n, 0);
+    std::regex expected(R"(\[ *\d+\.\d{6}\] W baro: pressure 101325\.0\n\[ *\d+\.\d{6}\] C imu: gone\n)");
+    EXPECT_TRUE(std::regex_match(std::string(buf), expected)) << buf;
+}
+
+} // namespace
