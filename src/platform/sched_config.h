@@ -1,0 +1,49 @@
+// SPDX-License-Identifier: Apache-2.0
+// Named thread scheduling configurations.
+//
+// The sensor host loads a table of named configurations and hands it to the
+// plug-in as its scheduling handle; modules apply names at creation ("imu",
+// "imu_spi", "barometer", a trigger's name, ...). Each entry gives a policy,
+// a priority, an optional CPU set, and the threads it tunes: "self" for the
+// calling thread, or a glob matched against the names (comm) of every thread
+// of the system, such as "irq/*-orlune-imu".
+//
+// Table file, one entry a line, '#' starts a comment:
+//   # name       policy  priority  cpus  threads
+//   imu          fifo    60        1     irq/*-orlune-imu
+//   barometer    other   0         -     self
+// policy: other, batch, idle, fifo, rr; cpus: "-" (unchanged) or a list such as 0,2-3.
+#pragma once
+
+#include <sched.h>
+
+#include <cstddef>
+
+struct sched_config;
+
+struct sched_entry {
+    char name[48];
+    int policy;   // SCHED_OTHER, SCHED_FIFO, ...
+    int priority; // 1..99 for fifo and rr, 0 otherwise
+    bool set_cpus;
+    cpu_set_t cpus;
+    char threads[64]; // "self" or a glob over thread names
+};
+
+sched_config *sched_config_new();
+// Loads a table file. Returns null with a message (tag "sched_config") naming
+// the file and line of the first error.
+sched_config *sched_config_load(const char *path);
+// Parses one table line into entry; 0 for an entry, 1 for a blank or comment
+// line, -EINVAL for a malformed one.
+int sched_config_parse_line(const char *line, sched_entry *entry);
+int sched_config_add(sched_config *config, const sched_entry &entry);
+size_t sched_config_count(const sched_config *config);
+void sched_config_destroy(sched_config *config);
+
+// Applies the named configuration. A null handle (a host without scheduling
+// configuration) and a name the table does not hold leave every thread as it
+// is and return 0. Otherwise 0, or a negative errno: -ESRCH when no thread
+// matches the entry's glob, the errno of a refused sched_setscheduler or
+// sched_setaffinity (-EPERM without the privilege).
+int sched_config_apply(sched_config *config, const char *name);
