@@ -6,6 +6,8 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <linux/limits.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -14,6 +16,7 @@
 
 #include "platform/failpoint.h"
 #include "platform/log.h"
+#include "platform/paths.h"
 
 namespace {
 
@@ -257,6 +260,23 @@ int sched_config_apply(sched_config *config, const char *name)
             return apply_to(pid_t(syscall(SYS_gettid)), e);
         return apply_to_matching(e);
     }
-    log_msg(kTag, LOG_DEBUG, "no scheduling configuration named '%s': threads left as they are", name);
-    return 0;
+    return -ENOENT;
+}
+
+int sched_config_open_default(sched_config **config)
+{
+    if (!config)
+        return -EINVAL;
+    *config = nullptr;
+    const char *path = getenv(kSchedConfigEnv);
+    char relocated[PATH_MAX];
+    if (!path || !*path) {
+        if (platform_path(kSchedConfigFile, relocated, sizeof relocated) != 0)
+            return -EINVAL;
+        if (access(relocated, F_OK) != 0)
+            return 0;
+        path = relocated;
+    }
+    *config = sched_config_load(path);
+    return *config ? 0 : -EINVAL;
 }

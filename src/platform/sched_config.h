@@ -42,8 +42,17 @@ size_t sched_config_count(const sched_config *config);
 void sched_config_destroy(sched_config *config);
 
 // Applies the named configuration. A null handle (a host without scheduling
-// configuration) and a name the table does not hold leave every thread as it
-// is and return 0. Otherwise 0, or a negative errno: -ESRCH when no thread
+// configuration) accepts every name and changes nothing. Otherwise 0, or a
+// negative errno: -ENOENT for a name the table lacks, -ESRCH when no thread
 // matches the entry's glob, the errno of a refused sched_setscheduler or
 // sched_setaffinity (-EPERM without the privilege).
 int sched_config_apply(sched_config *config, const char *name);
+
+inline constexpr const char *kSchedConfigEnv = "ORLUNE_SCHED_CONFIG";
+inline constexpr const char *kSchedConfigFile = "/etc/orlune/sched.conf";
+
+// The host's table: the file ORLUNE_SCHED_CONFIG names, else
+// /etc/orlune/sched.conf (under ORLUNE_ROOT) when it exists. *config is null
+// when there is no file (every name accepted). Returns 0, or -EINVAL when a
+// file exists but cannot be read or parsed (its message is logged).
+int sched_config_open_default(sched_config **config);

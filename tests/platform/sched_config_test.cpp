@@ -113,15 +113,42 @@ TEST(SchedConfig, ApplyTunesTheNamedThreads)
     EXPECT_EQ(policy, SCHED_IDLE);
 
     EXPECT_EQ(sched_config_apply(config, "nobody"), -ESRCH);
-    EXPECT_EQ(sched_config_apply(config, "unlisted"), 0);
+    EXPECT_EQ(sched_config_apply(config, "unlisted"), -ENOENT);
     EXPECT_EQ(sched_config_apply(nullptr, "imu"), 0);
     EXPECT_EQ(sched_config_apply(config, nullptr), -EINVAL);
 
     ASSERT_EQ(failpoint_arm("sched_config_apply", -EPERM, 1), 0);
-    EXPECT_EQ(sched_config_apply(config, "unlisted"), -EPERM);
-    EXPECT_EQ(sched_config_apply(config, "unlisted"), 0);
+    EXPECT_EQ(sched_config_apply(config, "calling"), -EPERM);
+    EXPECT_EQ(sched_config_apply(nullptr, "calling"), 0);
     sched_config_destroy(config);
     sched_config_destroy(nullptr);
+}
+
+TEST(SchedConfig, DefaultTableComesFromTheEnvironmentOrTheFixedFile)
+{
+    test_root root;
+    unsetenv(kSchedConfigEnv);
+    sched_config *config = reinterpret_cast<sched_config *>(1);
+    EXPECT_EQ(sched_config_open_default(&config), 0);
+    EXPECT_EQ(config, nullptr); // no file: every name accepted
+
+    root.write(kSchedConfigFile, "imu other 0 - self\n");
+    ASSERT_EQ(sched_config_open_default(&config), 0);
+    EXPECT_EQ(sched_config_count(config), 1u);
+    sched_config_destroy(config);
+
+    std::string env_file = root.path() + "/host.sched";
+    write_file(env_file, "a other 0 - self\nb other 0 - self\n");
+    setenv(kSchedConfigEnv, env_file.c_str(), 1);
+    ASSERT_EQ(sched_config_open_default(&config), 0);
+    EXPECT_EQ(sched_config_count(config), 2u);
+    sched_config_destroy(config);
+
+    log_capture cap;
+    write_file(env_file, "a fifo 0 - self\n");
+    EXPECT_EQ(sched_config_open_default(&config), -EINVAL);
+    EXPECT_EQ(config, nullptr);
+    unsetenv(kSchedConfigEnv);
 }
 
 } // namespace
