@@ -1,0 +1,189 @@
+// SPDX-License-Identifier: Apache-2.0
+// The barometer and magnetometer sets: factory file only, plain polynomial at
+// any temperature, the barometer's f32 rounding per term, the magnetometer's
+// milligauss coefficients.
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <string>
+#include <vector>
+
+#include "calib_test_util.h"
+#include "support/test_env.h"
+
+namespace {
+
+using strings = std::vector<std::string>;
+
+constexpr const char *kBaroFile = "/factory/flight_baro_thermal_bias";
+constexpr const char *kMagnetoFile = "/factory/flight_magneto_thermal_bias";
+
+sensors_baro_data baro_sample(float pressure_pa, float temperature_k)
+{
+    sensors_baro_data d{};
+    d.pressure = pressure_pa;
+    d.temperature = temperature_k;
+    d.flags = 3;
+    return d;
+}
+
+TEST(BaroCalib, SubtractsThePolynomialAtAnyTemperature)
+{
+    test_root root;
+    root.write(kBaroFile, calib_header("298.15", "303.15", "333.15") + "Poly_Baro_bias_Pa_K 2 12.5 0.5\n");
+    log_capture cap;
+    baro_calib_ptr calib{baro_calib_new()};
+    ASSERT_TRUE(calib);
+    EXPECT_EQ(cap.texts("baro_calib"),
+              strings{"using [temp0_k=298.15K temp_min=303.15K temp_max=333.15K] Baro thermal calibration"});
+
+    sensors_baro_data d = baro_sample(101325.0f, 308.15f);
+    ASSERT_EQ(baro_calib_apply(calib.get(), &d), 0);
+    EXPECT_EQ(d.pressure, 101307.5f);
+    EXPECT_EQ(d.temperature, 308.15f);
+    EXPECT_EQ(d.flags, 3u);
+
+    // Far outside the characterised range: still the polynomial, no clamping.
+    d = baro_sample(101325.0f, 400.0f);
+    ASSERT_EQ(baro_calib_apply(calib.get(), &d), 0);
+    EXPECT_NEAR(d.pressure, 101325.0 - 12.5 - 0.5 * (400.0 - 298.15), 0.008);
+    d = baro_sample(101325.0f, 200.0f);
+    ASSERT_EQ(baro_calib_apply(calib.get(), &d), 0);
+    EXPECT_NEAR(d.pressure, 101325.0 - 12.5 - 0.5 * (200.0 - 298.15), 0.008);
+}
+
+// At 101325 Pa an f32 step is 0.0078125 Pa: two terms of 0.003 Pa each vanish
+// when the pressure is rounded after each term, not when they are summed first.
+TEST(BaroCalib, ThePressureIsRoundedAfterEachTerm)
+{
+    test_root root;
+    root.write(kBaroFile, calib_header("300", "303.15", "333.15") + "Poly_Baro_bias_Pa_K 2 0.003 0.0003\n");
+    baro_calib_ptr calib{baro_calib_new()};
+    ASSERT_TRUE(calib);
+    sensors_baro_data d = baro_sample(101325.0f, 310.0f);
+    ASSERT_EQ(baro_calib_apply(calib.get(), &d), 0);
+    EXPECT_EQ(d.pressure, 101325.0f);
+    EXPECT_NEAR(baro_calib_bias_at(*calib, 310.0), 0.006, 1e-12);
+}
+
+TEST(BaroCalib, WithoutAPolynomialThePressurePassesUnchanged)
+{
+    struct row {
+        const char *fixed; // the file written, null for none
+        std::string content;
+        strings messages;
+    };
+    const row rows[] = {
+        {nullptr, "", {"no BARO thermal calibration"}},
+        // The barometer has no field calibration: a /data copy is not read.
+        {"/data/flight_baro_thermal_bias", calib_header("300", "303.15", "333.15") + "Poly_Baro_bias_Pa_K 1 100\n",
+         {"no BARO thermal calibration"}},
+        {kBaroFile, calib_header("300", "303.15", "333.15") + "Poly_Baro_bias_mbar_K 1 100\n",
+         {"using [temp0_k=300.00K temp_min=303.15K temp_max=333.15K] Baro thermal calibration",
+          "ignoring unknown calibration line: Poly_Baro_bias_mbar_K 1 100\n",
+          "incomplete baro bias calibration file (0)"}},
+    };
+    for (const row &r : rows) {
+        SCOPED_TRACE(r.content);
+        test_root root;
+        if (r.fixed)
+            root.write(r.fixed, r.content);
+        log_capture cap;
+        baro_calib_ptr calib{baro_calib_new()};
+        ASSERT_TRUE(calib);
+        EXPECT_EQ(cap.texts("baro_calib"), r.messages);
+        sensors_baro_data d = baro_sample(99000.25f, 320.0f);
+        ASSERT_EQ(baro_calib_apply(calib.get(), &d), 0);
+        EXPECT_EQ(d.pressure, 99000.25f);
+    }
+}
+
+TEST(MagnetoCalib, MilligaussConstantAndLinearTermsAreStoredInMicrotesla)
+{
+    test_root root;
+    root.write(kMagnetoFile, calib_header("300", "303.15", "333.15") +
+                                 "Poly_MagX_bias_mG_K 2 50 -2\n"
+                                 "Poly_MagY_bias_mG_K 4 10 20 0.5 0.25\n"
+                                 "Poly_MagZ_bias_mG_K 1 -30\n");
+    log_capture cap;
+    magneto_calib_ptr calib{magneto_calib_new()};
+    ASSERT_TRUE(calib);
+    EXPECT_EQ(cap.texts("magneto_calib"),
+              strings{"using [temp0_k=300.00K temp_min=303.15K temp_max=333.15K] magneto thermal calibration"});
+    EXPECT_EQ(calib->bias[0].coefficients[0], 5.0);
+    EXPECT_EQ(calib->bias[0].coefficients[1], -0.2);
+    EXPECT_EQ(calib->bias[1].coefficients[0], 1.0);
+    EXPECT_EQ(calib->bias[1].coefficients[1], 2.0);
+    EXPECT_EQ(calib->bias[1].coefficients[2], 0.5);
+    EXPECT_EQ(calib->bias[1].coefficients[3], 0.25);
+    EXPECT_EQ(calib->bias[2].coefficients[0], -3.0);
+    EXPECT_EQ(calib->largest_count, 4u);
+
+    // x = 10 K: x loses 5 - 2 = 3 uT, y loses 1 + 20 + 50 + 250, z gains 3.
+    float field[3] = {10.0f, 400.0f, -7.0f};
+    ASSERT_EQ(magneto_calib_apply(calib.get(), field, 310.0f), 0);
+    EXPECT_EQ(field[0], 7.0f);
+    EXPECT_EQ(field[1], 79.0f);
+    EXPECT_EQ(field[2], -4.0f);
+
+    // 0 K, as when the barometer gives no temperature: x = -300 K.
+    float cold[3] = {0.0f, 0.0f, 0.0f};
+    ASSERT_EQ(magneto_calib_apply(calib.get(), cold, 0.0f), 0);
+    EXPECT_EQ(cold[0], -65.0f);
+    EXPECT_EQ(cold[1], -(1.0f - 600.0f + 45000.0f - 6750000.0f));
+    EXPECT_EQ(cold[2], 3.0f);
+}
+
+TEST(MagnetoCalib, MissingOrIncompleteFiles)
+{
+    struct row {
+        std::string content; // empty: no file
+        strings messages;
+        float expected_x;
+    };
+    const row rows[] = {
+        {"", {"no magneto thermal calibration"}, 12.5f},
+        {calib_header("300", "303.15", "333.15") + "Poly_MagX_bias_mG_K 1 25\nPoly_MagZ_bias_mG_K 3 1 2\n",
+         {"using [temp0_k=300.00K temp_min=303.15K temp_max=333.15K] magneto thermal calibration",
+          "invalid calibration coeffs line: Poly_MagZ_bias_mG_K 3 1 2\n", "incomplete magneto bias calibration file"},
+         10.0f},
+    };
+    for (const row &r : rows) {
+        SCOPED_TRACE(r.content);
+        test_root root;
+        if (!r.content.empty())
+            root.write(kMagnetoFile, r.content);
+        log_capture cap;
+        magneto_calib_ptr calib{magneto_calib_new()};
+        ASSERT_TRUE(calib);
+        EXPECT_EQ(cap.texts("magneto_calib"), r.messages);
+        float field[3] = {12.5f, -3.25f, 0.125f};
+        ASSERT_EQ(magneto_calib_apply(calib.get(), field, 320.0f), 0);
+        EXPECT_EQ(field[0], r.expected_x);
+        EXPECT_EQ(field[1], -3.25f);
+        EXPECT_EQ(field[2], 0.125f);
+    }
+}
+
+TEST(CalibSets, NullArgumentsAreRefused)
+{
+    test_root root;
+    imu_calib_ptr imu{imu_calib_new()};
+    baro_calib_ptr baro{baro_calib_new()};
+    magneto_calib_ptr magneto{magneto_calib_new()};
+    ASSERT_TRUE(imu && baro && magneto);
+    sensors_imu_data imu_data{};
+    sensors_baro_data baro_data{};
+    float field[3] = {};
+    EXPECT_EQ(imu_calib_apply(nullptr, &imu_data), -EINVAL);
+    EXPECT_EQ(imu_calib_apply(imu.get(), nullptr), -EINVAL);
+    EXPECT_EQ(baro_calib_apply(nullptr, &baro_data), -EINVAL);
+    EXPECT_EQ(baro_calib_apply(baro.get(), nullptr), -EINVAL);
+    EXPECT_EQ(magneto_calib_apply(nullptr, field, 300.0f), -EINVAL);
+    EXPECT_EQ(magneto_calib_apply(magneto.get(), nullptr, 300.0f), -EINVAL);
+    imu_calib_destroy(nullptr);
+    baro_calib_destroy(nullptr);
+    magneto_calib_destroy(nullptr);
+}
+
+} // namespace

@@ -1,0 +1,243 @@
+// SPDX-License-Identifier: Apache-2.0
+// The two IMU sections, the rotation switch and the matrix reader.
+#include <gmock/gmock.h>
+
+#include "config/sensorscfg.h"
+#include "config_fixture.h"
+
+using ::testing::ElementsAre;
+using ::testing::ElementsAreArray;
+
+namespace {
+
+TEST_F(ConfigTest, FlightImuFieldsAndMessages)
+{
+    config_ptr config = load(cfg_text::complete());
+    ASSERT_TRUE(config);
+    const sensors_imu_config &imu = config->imu;
+    EXPECT_EQ(imu.enabled, 1);
+    EXPECT_STREQ(imu.device, "imu-dev");
+    EXPECT_STREQ(imu.trigger, "imu-trig");
+    EXPECT_DOUBLE_EQ(imu.temperature_sensitivity, 326.8);
+    EXPECT_DOUBLE_EQ(imu.temperature_offset, 25.0);
+    EXPECT_DOUBLE_EQ(imu.accelero_scale, 0.5);
+    EXPECT_DOUBLE_EQ(imu.gyro_scale, 0.25);
+    EXPECT_EQ(imu.sampling_frequency, 1000);
+    EXPECT_EQ(imu.sampling_rate_div, 4);
+    EXPECT_EQ(imu.matrix_from_device_tree, 0);
+    EXPECT_THAT(imu.rotation_matrix, ElementsAreArray({1.f, 0.f, 0.f, 0.f, -1.f, 0.f, 0.f, 0.f, -1.f}));
+    EXPECT_EQ(imu.rotation_after_calib, 1);
+    EXPECT_EQ(imu.rotation_enabled, 1);
+    ASSERT_EQ(imu.thread_cfg_count, 3);
+    EXPECT_STREQ(imu.thread_cfg[0], "imu");
+    EXPECT_STREQ(imu.thread_cfg[1], "imu_spi");
+    EXPECT_STREQ(imu.thread_cfg[2], "imu_spi_ksoftirq");
+    EXPECT_STREQ(imu.tlm_section, "flight_imu");
+
+    const sensors_imu_config &vcam = config->imu_vcam;
+    EXPECT_EQ(vcam.enabled, 1);
+    EXPECT_STREQ(vcam.device, "vcam-imu");
+    EXPECT_EQ(vcam.sampling_rate_div, 0);
+    EXPECT_EQ(vcam.matrix_from_device_tree, 1);
+    EXPECT_EQ(vcam.rotation_after_calib, 0);
+    EXPECT_EQ(vcam.thread_cfg, nullptr);
+    EXPECT_EQ(vcam.thread_cfg_count, 0);
+    EXPECT_STREQ(vcam.tlm_section, "sensors_imu_vcam");
+
+    std::vector<std::string> t = texts();
+    auto at = [&](const std::string &text) { return std::find(t.begin(), t.end(), text) - t.begin(); };
+    // The switch is reported before the matrix's origin.
+    EXPECT_LT(at("imu.rotation-matrix is applied"), at("imu.rotation-matrix configuration retrieved from /etc/sensors"));
+    EXPECT_LT(at("imu.rotation-matrix configuration retrieved from /etc/sensors"), long(t.size()));
+    EXPECT_LT(at("imu_vcam.rotation-matrix will be retrieved from device-tree"), at("imu_vcam.rotation-matrix is applied"));
+}
+
+TEST_F(ConfigTest, MissingSecondImuIsANotice)
+{
+    config_ptr config = load(cfg_text::complete().drop("imu_vcam"));
+    ASSERT_TRUE(config);
+    EXPECT_EQ(config->imu_vcam.enabled, 0);
+    EXPECT_STREQ(config->imu_vcam.tlm_section, "sensors_imu_vcam");
+    std::vector<log_record> m = messages();
+    EXPECT_TRUE(has(m, LOG_NOTICE, "'imu_vcam.enabled' not found or incorrect type"));
+    EXPECT_EQ(enabled_line({m.back().text}),
+              "enabled sensors: baro bldc gps imu magneto battery ultrasound fcam_gimbal vcam_position "
+              "fstcam_position vcam_optical_flow carpet_detection");
+}
+
+TEST_F(ConfigTest, SecondImuErrorsOnlyDisableIt)
+{
+    for (const char *key : {"device", "sampling-frequency", "trigger", "temperature.offset", "gyro_scale"}) {
+        SCOPED_TRACE(key);
+        config_ptr config = load(cfg_text::complete().erase("imu_vcam", key));
+        ASSERT_TRUE(config);
+        EXPECT_EQ(config->imu_vcam.enabled, 0);
+        EXPECT_EQ(config->fcam_gimbal.enabled, 1); // the reading went on
+        EXPECT_TRUE(has(messages(), LOG_ERR, std::string("'imu_vcam.") + key + "' not found or incorrect type"));
+    }
+    config_ptr config = load(cfg_text::complete().set("imu_vcam", "thread_cfg", "(\"a\", 2)"));
+    ASSERT_TRUE(config);
+    EXPECT_EQ(config->imu_vcam.enabled, 0);
+    EXPECT_TRUE(has(messages(), LOG_ERR, "'imu_vcam.thread_cfg' not found or incorrect type"));
+}
+
+TEST_F(ConfigTest, DisabledImuReadsOnlyFlagThreadsAndSection)
+{
+    cfg_text text = cfg_text::complete().section(
+        "imu", {{"enabled", "false"}, {"thread_cfg", "(\"rt\")"}, {"tlm_section", "\"quiet_imu\""}, {"device", "9"}});
+    config_ptr config = load(text);
+    ASSERT_TRUE(config);
+    EXPECT_EQ(config->imu.enabled, 0);
+    EXPECT_EQ(config->imu.device, nullptr);
+    ASSERT_EQ(config->imu.thread_cfg_count, 1);
+    EXPECT_STREQ(config->imu.thread_cfg[0], "rt");
+    EXPECT_STREQ(config->imu.tlm_section, "quiet_imu");
+    EXPECT_EQ(config->imu.rotation_enabled, 0); // the switch is not read either
+}
+
+struct thread_case {
+    const char *value; // null: key absent
+    int64_t count;
+    bool ok;
+};
+
+class ThreadCfg : public ConfigTest, public ::testing::WithParamInterface<thread_case> {};
+
+TEST_P(ThreadCfg, NamesOrRefusal)
+{
+    cfg_text text = cfg_text::complete().erase("imu", "thread_cfg");
+    if (GetParam().value)
+        text.set("imu", "thread_cfg", GetParam().value);
+    config_ptr config = load(text);
+    if (!GetParam().ok) {
+        EXPECT_FALSE(config);
+        EXPECT_EQ(texts().back(), "'imu.thread_cfg' not found or incorrect type");
+        return;
+    }
+    ASSERT_TRUE(config);
+    EXPECT_EQ(config->imu.thread_cfg_count, GetParam().count);
+    EXPECT_EQ(config->imu.thread_cfg == nullptr, GetParam().count == 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Config, ThreadCfg,
+                         ::testing::Values(thread_case{nullptr, 0, true}, thread_case{"[]", 0, true},
+                                           thread_case{"()", 0, true}, thread_case{"\"imu\"", 0, true},
+                                           thread_case{"(\"a\", \"b\")", 2, true},
+                                           thread_case{"{ a = \"x\"; b = \"y\"; }", 2, true},
+                                           thread_case{"[\"imu\", \"spi\", \"soft\", \"gps\"]", 4, true},
+                                           thread_case{"[1, 2]", 0, false},
+                                           thread_case{"(\"imu\", 5)", 0, false},
+                                           thread_case{"(\"imu\", [\"spi\"])", 0, false}),
+                         [](const auto &info) {
+                             return case_name(std::string(info.param.value ? info.param.value : "absent") + "_" +
+                                              std::to_string(info.index));
+                         });
+
+struct rotation_case {
+    const char *env; // null: unset
+    uint8_t enabled;
+};
+
+class RotationSwitch : public ConfigTest, public ::testing::WithParamInterface<rotation_case> {};
+
+TEST_P(RotationSwitch, OnlyALeadingLowercaseYDisables)
+{
+    if (GetParam().env)
+        setenv("SENSORS_IMU_NO_ROTATION", GetParam().env, 1);
+    config_ptr config = load(cfg_text::complete());
+    ASSERT_TRUE(config);
+    EXPECT_EQ(config->imu.rotation_enabled, GetParam().enabled);
+    EXPECT_EQ(config->imu_vcam.rotation_enabled, GetParam().enabled);
+    std::vector<log_record> m = messages();
+    const char *state = GetParam().enabled ? "applied" : "disabled";
+    EXPECT_TRUE(has(m, LOG_INFO, std::string("imu.rotation-matrix is ") + state));
+    EXPECT_TRUE(has(m, LOG_INFO, std::string("imu_vcam.rotation-matrix is ") + state));
+}
+
+INSTANTIATE_TEST_SUITE_P(Config, RotationSwitch,
+                         ::testing::Values(rotation_case{nullptr, 1}, rotation_case{"yes", 0}, rotation_case{"y", 0},
+                                           rotation_case{"yolo", 0}, rotation_case{"no", 1}, rotation_case{"1", 1},
+                                           rotation_case{"Yes", 1}, rotation_case{"", 1},
+                                           rotation_case{" yes", 1}),
+                         [](const auto &info) {
+                             return case_name(std::string(info.param.env ? info.param.env : "unset") + "_" +
+                                              std::to_string(info.index));
+                         });
+
+struct matrix_case {
+    const char *text; // null: key absent
+    int result;
+    std::vector<float> expected;
+};
+
+class Matrix : public ::testing::TestWithParam<matrix_case> {};
+
+TEST_P(Matrix, ReadsThreeRowsOfThreeFloats)
+{
+    ASSERT_EQ(log_set_levels("info,sensors_config=debug"), 0);
+    std::string file = "other = 1;\n";
+    if (GetParam().text)
+        file += std::string("m = ") + GetParam().text + ";\n";
+    config_t tree;
+    config_init(&tree);
+    ASSERT_EQ(config_read_string(&tree, file.c_str()), CONFIG_TRUE) << config_error_text(&tree);
+    float matrix[9] = {9, 9, 9, 9, 9, 9, 9, 9, 9};
+    log_capture cap;
+    EXPECT_EQ(sensorscfg_get_matrix(&tree, "m", matrix), GetParam().result);
+    EXPECT_THAT(matrix, ElementsAreArray(GetParam().expected));
+    std::vector<std::string> t = cap.texts("sensors_config");
+    if (GetParam().result < 0)
+        EXPECT_THAT(t, ElementsAre("'m' not found or incorrect type"));
+    else
+        EXPECT_TRUE(t.empty());
+    config_destroy(&tree);
+}
+
+const std::vector<float> kUntouched(9, 9.f);
+
+INSTANTIATE_TEST_SUITE_P(
+    Config, Matrix,
+    ::testing::Values(
+        matrix_case{nullptr, 1, kUntouched},
+        matrix_case{"([1.0, 2.0, 3.0], [4.0, 5.0, 6.0], [7.0, 8.0, 9.5])", 0, {1, 2, 3, 4, 5, 6, 7, 8, 9.5}},
+        // Rows as lists, outer as an array-free list: any aggregate.
+        matrix_case{"((1.0, 2.0, 3.0), (4.0, 5.0, 6.0), (7.0, 8.0, 9.0))", 0, {1, 2, 3, 4, 5, 6, 7, 8, 9}},
+        // Extra rows and columns are ignored.
+        matrix_case{"([1.0, 2.0, 3.0, 3.5], [4.0, 5.0, 6.0], [7.0, 8.0, 9.0], [0.0])", 0, {1, 2, 3, 4, 5, 6, 7, 8, 9}},
+        // Integers are refused; what was read before stays.
+        matrix_case{"([1, 0, 0], [0, 1, 0], [0, 0, 1])", -EINVAL, kUntouched},
+        matrix_case{"([1.0, 2.0, 3.0], (4.0, 5, 6.0), [7.0, 8.0, 9.0])", -EINVAL, {1, 2, 3, 4, 9, 9, 9, 9, 9}},
+        matrix_case{"([1.0, 2.0, 3.0], [4.0, 5.0, 6.0])", -EINVAL, {1, 2, 3, 4, 5, 6, 9, 9, 9}},
+        matrix_case{"([1.0, 2.0, 3.0], [4.0, 5.0], [7.0, 8.0, 9.0])", -EINVAL, {1, 2, 3, 4, 5, 9, 9, 9, 9}},
+        matrix_case{"(1.0, 2.0, 3.0)", -EINVAL, kUntouched},
+        matrix_case{"1.0", -EINVAL, kUntouched},
+        matrix_case{"((\"1.0\", 2.0, 3.0), [4.0, 5.0, 6.0], [7.0, 8.0, 9.0])", -EINVAL, kUntouched}),
+    [](const auto &info) { return "Row" + std::to_string(info.index); });
+
+TEST_F(ConfigTest, MalformedImuMatrixKeepsReading)
+{
+    cfg_text text = cfg_text::complete().set("imu", "rotation-matrix", "([1.0, 0.0, 0.0], [0, 1, 0], [0, 0, 1])");
+    config_ptr config = load(text);
+    ASSERT_TRUE(config);
+    EXPECT_EQ(config->imu.enabled, 1);
+    EXPECT_EQ(config->imu.matrix_from_device_tree, 0);
+    EXPECT_THAT(config->imu.rotation_matrix, ElementsAreArray({1.f, 0.f, 0.f, 0.f, 0.f, 0.f, 0.f, 0.f, 0.f}));
+    EXPECT_EQ(config->imu.rotation_after_calib, 1);
+    std::vector<log_record> m = messages();
+    EXPECT_TRUE(has(m, LOG_ERR, "'imu.rotation-matrix' not found or incorrect type"));
+    EXPECT_FALSE(has(m, LOG_DEBUG, "imu.rotation-matrix configuration retrieved from /etc/sensors"));
+    EXPECT_FALSE(has(m, LOG_DEBUG, "imu.rotation-matrix will be retrieved from device-tree"));
+}
+
+TEST(ConfigImu, UnknownKindIsRefused)
+{
+    config_t tree;
+    config_init(&tree);
+    sensors_imu_config imu{};
+    const sensors_probe_header header{SENSORS_KIND_ALL, SENSORS_KIND_ALL};
+    EXPECT_EQ(sensorscfg_read_imu(&imu, &tree, &header, 3), -EINVAL);
+    EXPECT_EQ(sensorscfg_read_imu(&imu, &tree, &header, 0), -EINVAL);
+    config_destroy(&tree);
+}
+
+} // namespace

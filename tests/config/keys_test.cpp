@@ -1,0 +1,258 @@
+// SPDX-License-Identifier: Apache-2.0
+// Sections and keys: required keys and their types, defaults, the host
+// filter and the "enabled sensors:" line.
+#include <gmock/gmock.h>
+
+#include "config_fixture.h"
+
+using ::testing::ElementsAreArray;
+
+namespace {
+
+constexpr int kNotice = LOG_NOTICE;
+constexpr int kError = LOG_ERR;
+
+struct required_case {
+    const char *section;
+    const char *key;
+    const char *wrong; // a value of another type
+    int priority;      // of the report
+};
+
+// Every required key of the complete file: missing and mistyped, each is
+// fatal with the full key named, and nothing after it is read.
+class RequiredKey : public ConfigTest, public ::testing::WithParamInterface<required_case> {
+protected:
+    void expect_fatal(const cfg_text &text)
+    {
+        const required_case &c = GetParam();
+        EXPECT_FALSE(load(text));
+        std::vector<log_record> m = messages();
+        ASSERT_FALSE(m.empty());
+        EXPECT_EQ(m.back().text, std::string("'") + c.section + "." + c.key + "' not found or incorrect type");
+        EXPECT_EQ(m.back().priority, c.priority);
+    }
+};
+
+TEST_P(RequiredKey, MissingIsFatal)
+{
+    expect_fatal(cfg_text::complete().erase(GetParam().section, GetParam().key));
+}
+
+TEST_P(RequiredKey, WrongTypeIsFatal)
+{
+    expect_fatal(cfg_text::complete().set(GetParam().section, GetParam().key, GetParam().wrong));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Config, RequiredKey,
+    ::testing::Values(required_case{"barometer", "enabled", "1", kError},
+                      required_case{"barometer", "device", "7", kError},
+                      required_case{"barometer", "trigger", "true", kError},
+                      required_case{"barometer", "sampling-frequency", "75.0", kError},
+                      required_case{"bldc", "enabled", "\"yes\"", kError},
+                      required_case{"bldc", "device", "1.5", kError},
+                      required_case{"bldc", "trigger", "[\"t\"]", kError},
+                      required_case{"gps", "enabled", "0", kError},
+                      required_case{"imu", "enabled", "1", kNotice},
+                      required_case{"imu", "device", "3", kError},
+                      required_case{"imu", "sampling-frequency", "1000.0", kError},
+                      required_case{"imu", "trigger", "false", kError},
+                      required_case{"imu", "temperature.sensitivity", "326", kError},
+                      required_case{"imu", "temperature.offset", "25", kError},
+                      required_case{"imu", "accelero_scale", "1", kError},
+                      required_case{"imu", "gyro_scale", "\"0.25\"", kError},
+                      required_case{"magnetometer", "enabled", "\"true\"", kError},
+                      required_case{"magnetometer", "device", "0", kError},
+                      required_case{"magnetometer", "trigger", "{ name = \"t\"; }", kError},
+                      required_case{"battery", "enabled", "1.0", kError},
+                      required_case{"battery", "device", "false", kError},
+                      required_case{"ultrasound", "enabled", "1", kError},
+                      required_case{"carpet_detection", "enabled", "\"on\"", kError},
+                      required_case{"vcam_position", "enabled", "1", kError},
+                      required_case{"fstcam_position", "enabled", "1", kError},
+                      required_case{"vcam_optical_flow", "enabled", "1", kError}),
+    [](const auto &info) {
+        std::string name = std::string(info.param.section) + "_" + info.param.key;
+        for (char &ch : name)
+            if (ch == '.' || ch == '-')
+                ch = '_';
+        return name;
+    });
+
+TEST_F(ConfigTest, CompleteFileFillsEveryField)
+{
+    config_ptr config = load(cfg_text::complete());
+    ASSERT_TRUE(config);
+    const sensors_config &c = *config;
+    EXPECT_EQ(c.baro.enabled, 1);
+    EXPECT_STREQ(c.baro.device, "lps22hb");
+    EXPECT_STREQ(c.baro.trigger, "baro-trig");
+    EXPECT_EQ(c.baro.sampling_frequency, 75);
+    EXPECT_EQ(c.bldc.enabled, 1);
+    EXPECT_STREQ(c.bldc.device, "esc");
+    EXPECT_STREQ(c.bldc.trigger, "esc-trig");
+    EXPECT_EQ(c.bldc.tlm_frequency, 400);
+    EXPECT_EQ(c.gps.enabled, 1);
+    EXPECT_EQ(c.magneto.enabled, 1);
+    EXPECT_STREQ(c.magneto.device, "mag");
+    EXPECT_STREQ(c.magneto.trigger, "mag-trig");
+    EXPECT_EQ(c.magneto.matrix_from_device_tree, 0);
+    EXPECT_THAT(c.magneto.rotation_matrix, ElementsAreArray({0.f, -1.f, 0.f, -1.f, 0.f, 0.f, 0.f, 0.f, -1.f}));
+    EXPECT_EQ(c.magneto.sampling_frequency, 50);
+    EXPECT_EQ(c.magneto.use_temperature, 1);
+    EXPECT_EQ(c.battery.enabled, 1);
+    EXPECT_STREQ(c.battery.device, "/sys/class/power_supply/pack");
+    EXPECT_EQ(c.battery.frequency, 2);
+    EXPECT_EQ(c.ultrasound.enabled, 1);
+    EXPECT_EQ(c.carpet_detection.enabled, 1);
+    EXPECT_EQ(c.vcam_position.enabled, 1);
+    EXPECT_EQ(c.fstcam_position.enabled, 1);
+    EXPECT_EQ(c.vcam_optical_flow.enabled, 1);
+    EXPECT_EQ(c.fcam_gimbal.enabled, 1);
+    EXPECT_EQ(c.tof.enabled, 0);
+    EXPECT_EQ(c.tof_lib.enabled, 0);
+    std::vector<log_record> m = messages();
+    EXPECT_TRUE(has(m, LOG_DEBUG, "magnetometer.rotation-matrix configuration retrieved from /etc/sensors"));
+    EXPECT_TRUE(has(m, LOG_INFO,
+                    "enabled sensors: baro bldc gps imu magneto battery ultrasound fcam_gimbal vcam_position "
+                    "fstcam_position vcam_optical_flow carpet_detection imu_vcam"));
+}
+
+TEST_F(ConfigTest, OptionalKeysTakeTheirDefaults)
+{
+    cfg_text text = cfg_text::complete()
+                        .erase("bldc", "tlm_frequency")
+                        .erase("battery", "frequency")
+                        .erase("magnetometer", "rotation-matrix")
+                        .erase("magnetometer", "sampling-frequency")
+                        .erase("magnetometer", "use-temperature")
+                        .drop("fcam_gimbal");
+    config_ptr config = load(text);
+    ASSERT_TRUE(config);
+    EXPECT_EQ(config->bldc.tlm_frequency, 200);
+    EXPECT_EQ(config->battery.frequency, 1);
+    EXPECT_EQ(config->magneto.matrix_from_device_tree, 1);
+    EXPECT_EQ(config->magneto.sampling_frequency, 0);
+    EXPECT_EQ(config->magneto.use_temperature, 0);
+    EXPECT_EQ(config->fcam_gimbal.enabled, 0);
+    std::vector<log_record> m = messages();
+    EXPECT_TRUE(has(m, LOG_DEBUG, "magnetometer.rotation-matrix will be retrieved from device-tree"));
+    EXPECT_TRUE(has(m, LOG_INFO, "fcam_gimbal section missing, disabling"));
+}
+
+TEST_F(ConfigTest, MistypedOptionalKeysAlsoTakeTheirDefaults)
+{
+    cfg_text text = cfg_text::complete()
+                        .set("bldc", "tlm_frequency", "400.0")
+                        .set("battery", "frequency", "\"2\"")
+                        .set("magnetometer", "use-temperature", "1")
+                        .set("fcam_gimbal", "enabled", "1");
+    config_ptr config = load(text);
+    ASSERT_TRUE(config);
+    EXPECT_EQ(config->bldc.tlm_frequency, 200);
+    EXPECT_EQ(config->battery.frequency, 1);
+    EXPECT_EQ(config->magneto.use_temperature, 0);
+    EXPECT_EQ(config->fcam_gimbal.enabled, 0);
+}
+
+TEST_F(ConfigTest, BarometerRateIsRequiredOnlyForTheLps22hb)
+{
+    cfg_text text = cfg_text::complete().set("barometer", "device", "\"bmp-baro\"").erase("barometer",
+                                                                                          "sampling-frequency");
+    config_ptr config = load(text);
+    ASSERT_TRUE(config);
+    EXPECT_EQ(config->baro.sampling_frequency, 0);
+
+    // Other devices are not read a rate even when the file gives one.
+    config = load(text.set("barometer", "sampling-frequency", "25"));
+    ASSERT_TRUE(config);
+    EXPECT_EQ(config->baro.sampling_frequency, 0);
+
+    EXPECT_FALSE(load(text.set("barometer", "device", "\"st-lps22hb-press\"").erase("barometer", "sampling-frequency")));
+    EXPECT_EQ(texts().back(), "'barometer.sampling-frequency' not found or incorrect type");
+}
+
+TEST_F(ConfigTest, DisabledSectionsNeedNoOtherKey)
+{
+    config_ptr config = load(cfg_text::all_disabled());
+    ASSERT_TRUE(config);
+    EXPECT_EQ(config->bldc.device, nullptr);
+    EXPECT_EQ(config->imu.device, nullptr);
+    EXPECT_EQ(config->imu.tlm_section, std::string("sensors_imu"));
+    EXPECT_EQ(config->imu.thread_cfg_count, 0);
+    EXPECT_EQ(enabled_line(texts()), "enabled sensors:");
+}
+
+TEST_F(ConfigTest, FirstFatalErrorStopsTheReading)
+{
+    // bldc fails; the imu section after it is never read.
+    EXPECT_FALSE(load(cfg_text::complete().erase("bldc", "device")));
+    for (const std::string &t : texts())
+        EXPECT_EQ(t.find("imu."), std::string::npos) << t;
+}
+
+TEST_F(ConfigTest, MalformedMagnetometerMatrixIsReportedNotFatal)
+{
+    config_ptr config =
+        load(cfg_text::complete().set("magnetometer", "rotation-matrix", "((0.5, 0.25, 1), [1.0, 1.0, 1.0])"));
+    ASSERT_TRUE(config);
+    EXPECT_EQ(config->magneto.matrix_from_device_tree, 0);
+    EXPECT_THAT(config->magneto.rotation_matrix, ElementsAreArray({0.5f, 0.25f, 0.f, 0.f, 0.f, 0.f, 0.f, 0.f, 0.f}));
+    EXPECT_EQ(config->magneto.sampling_frequency, 50); // read after the matrix
+    std::vector<log_record> m = messages();
+    EXPECT_TRUE(has(m, LOG_ERR, "'magnetometer.rotation-matrix' not found or incorrect type"));
+    EXPECT_FALSE(has(m, LOG_DEBUG, "magnetometer.rotation-matrix configuration retrieved from /etc/sensors"));
+}
+
+// Each section's kind bit alone: that section is the only one left enabled,
+// and the line shows its word; the two rangefinder lists follow the tof bit.
+struct filter_case {
+    uint32_t bit;
+    const char *line;
+};
+
+class HostFilter : public ConfigTest, public ::testing::WithParamInterface<filter_case> {};
+
+TEST_P(HostFilter, OnlyTheAcceptedKindStaysEnabled)
+{
+    config_ptr config = load(cfg_text::complete(), GetParam().bit);
+    ASSERT_TRUE(config);
+    std::vector<std::string> t = texts();
+    EXPECT_EQ(enabled_line(t), std::string("enabled sensors:") + GetParam().line);
+    // Values stay in the record even when the host refuses the sensor.
+    EXPECT_STREQ(config->bldc.device, "esc");
+    EXPECT_STREQ(config->imu_vcam.device, "vcam-imu");
+    EXPECT_EQ(config->imu.thread_cfg_count, 3);
+}
+
+INSTANTIATE_TEST_SUITE_P(Config, HostFilter,
+                         ::testing::Values(filter_case{0, ""}, filter_case{SENSORS_KIND_MAGNETO, " magneto"},
+                                           filter_case{SENSORS_KIND_BARO, " baro"},
+                                           filter_case{SENSORS_KIND_IMU, " imu"},
+                                           filter_case{SENSORS_KIND_GPS, " gps"},
+                                           filter_case{SENSORS_KIND_BLDC, " bldc"},
+                                           filter_case{SENSORS_KIND_ULTRASOUND, " ultrasound"},
+                                           filter_case{SENSORS_KIND_BATTERY, " battery"},
+                                           filter_case{SENSORS_KIND_TOF, ""},
+                                           filter_case{SENSORS_KIND_CARPET_DETECTION, " carpet_detection"},
+                                           filter_case{SENSORS_KIND_VCAM_POSITION, " vcam_position"},
+                                           filter_case{SENSORS_KIND_VCAM_OPTICAL_FLOW, " vcam_optical_flow"},
+                                           filter_case{SENSORS_KIND_FCAM_GIMBAL, " fcam_gimbal"},
+                                           filter_case{SENSORS_KIND_FSTCAM_POSITION, " fstcam_position"},
+                                           filter_case{SENSORS_KIND_IMU_VCAM, " imu_vcam"},
+                                           filter_case{SENSORS_KIND_BARO | SENSORS_KIND_IMU_VCAM | SENSORS_KIND_GPS,
+                                                       " baro gps imu_vcam"}),
+                         [](const auto &info) {
+                             char name[16];
+                             snprintf(name, sizeof name, "Mask0x%04x", unsigned(info.param.bit));
+                             return std::string(name);
+                         });
+
+TEST_F(ConfigTest, RefusedSectionIsStillValidated)
+{
+    EXPECT_FALSE(load(cfg_text::complete().erase("battery", "device"), SENSORS_KIND_ALL & ~SENSORS_KIND_BATTERY));
+    EXPECT_EQ(texts().back(), "'battery.device' not found or incorrect type");
+}
+
+} // namespace

@@ -1,0 +1,219 @@
+// SPDX-License-Identifier: Apache-2.0
+// The rangefinder lists "tofs" and "tofs_lib".
+#include <gmock/gmock.h>
+
+#include "config/sensorscfg.h"
+#include "config_fixture.h"
+
+namespace {
+
+const std::string kTofElement = R"({
+    enabled = true;
+    device = "tof-dev";
+    trigger = "tof-trig";
+    calib = "/factory/tof.bin";
+    sampling-frequency = 30;
+    type = "vertical";
+    min_distance = 0.05;
+    max_distance = 4.0;
+    min_amplitude = 12.5;
+  })";
+
+const std::string kTofLibElement = R"({
+    enabled = true;
+    device = "/dev/i2c-3";
+    calib = "/factory/tof_lib.bin";
+    type = "vertical";
+    i2c_addr = 0x29;
+    hw_type = "vl53";
+    gpio = "tof_reset";
+    flags = 3;
+    min_distance = 0.1;
+    max_distance = 2.5;
+    min_amplitude = 1.5;
+  })";
+
+std::string with_key(std::string element, const std::string &key, const char *value)
+{
+    size_t at = element.find("\n    " + key + " = ");
+    if (at != std::string::npos) {
+        size_t end = element.find(';', at);
+        element.erase(at, end + 1 - at);
+    }
+    if (value)
+        element.insert(element.rfind('}'), "  " + key + " = " + value + ";\n  ");
+    return element;
+}
+
+TEST_F(ConfigTest, TofElementsAreRead)
+{
+    config_ptr config = load(cfg_text::complete().raw("tofs = (" + kTofElement + ");\ntofs_lib = (" +
+                                                      kTofLibElement + ");\n"));
+    ASSERT_TRUE(config);
+    const sensors_tof_config &tof = config->tof;
+    EXPECT_EQ(tof.enabled, 1);
+    EXPECT_STREQ(tof.device, "tof-dev");
+    EXPECT_STREQ(tof.trigger, "tof-trig");
+    EXPECT_STREQ(tof.calib, "/factory/tof.bin");
+    EXPECT_EQ(tof.sampling_frequency, 30);
+    EXPECT_STREQ(tof.type, "vertical");
+    EXPECT_EQ(tof.type_index, 0);
+    EXPECT_FLOAT_EQ(tof.min_distance, 0.05f);
+    EXPECT_FLOAT_EQ(tof.max_distance, 4.0f);
+    EXPECT_FLOAT_EQ(tof.min_amplitude, 12.5f);
+
+    const sensors_tof_lib_config &lib = config->tof_lib;
+    EXPECT_EQ(lib.enabled, 1);
+    EXPECT_STREQ(lib.device, "/dev/i2c-3");
+    EXPECT_STREQ(lib.calib, "/factory/tof_lib.bin");
+    EXPECT_EQ(lib.calib_per_design, nullptr);
+    EXPECT_STREQ(lib.type, "vertical");
+    EXPECT_EQ(lib.i2c_addr, 0x29);
+    EXPECT_STREQ(lib.hw_type, "vl53");
+    EXPECT_STREQ(lib.gpio, "tof_reset");
+    EXPECT_EQ(lib.flags, 3);
+    EXPECT_FLOAT_EQ(lib.min_distance, 0.1f);
+    EXPECT_FLOAT_EQ(lib.max_distance, 2.5f);
+    EXPECT_FLOAT_EQ(lib.min_amplitude, 1.5f);
+    EXPECT_EQ(lib.type_index, 0);
+
+    std::vector<log_record> m = messages();
+    ASSERT_GE(m.size(), 2u);
+    EXPECT_EQ(m.back().priority, LOG_INFO);
+    EXPECT_EQ(m.back().text, "enabled sensors: tof vertical");
+}
+
+TEST_F(ConfigTest, TofDefaultsAndOptionalKeys)
+{
+    std::string tof = with_key(kTofElement, "sampling-frequency", nullptr);
+    std::string lib = with_key(kTofLibElement, "calib_per_design", "\"/factory/design.bin\"");
+    config_ptr config = load(cfg_text::complete().raw("tofs = (" + tof + ");\ntofs_lib = (" + lib + ");\n"));
+    ASSERT_TRUE(config);
+    EXPECT_EQ(config->tof.sampling_frequency, 0);
+    EXPECT_STREQ(config->tof_lib.calib_per_design, "/factory/design.bin");
+}
+
+struct list_case {
+    const char *name;
+    std::string raw;
+    bool ok;
+    std::vector<std::string> tail; // last messages of the reader, in order
+    int tof_enabled;
+};
+
+class TofList : public ConfigTest, public ::testing::WithParamInterface<list_case> {};
+
+TEST_P(TofList, ListRules)
+{
+    const list_case &c = GetParam();
+    config_ptr config = load(cfg_text::complete().raw(c.raw));
+    EXPECT_EQ(bool(config), c.ok);
+    std::vector<std::string> t = texts();
+    ASSERT_GE(t.size(), c.tail.size());
+    EXPECT_EQ(std::vector<std::string>(t.end() - long(c.tail.size()), t.end()), c.tail);
+    if (config) {
+        EXPECT_EQ(config->tof.enabled, c.tof_enabled);
+        EXPECT_EQ(config->tof_lib.enabled, 0);
+    }
+}
+
+const std::string kLine = "enabled sensors: baro bldc gps imu magneto battery ultrasound fcam_gimbal vcam_position "
+                          "fstcam_position vcam_optical_flow carpet_detection imu_vcam";
+
+INSTANTIATE_TEST_SUITE_P(
+    Config, TofList,
+    ::testing::Values(
+        list_case{"EmptyList", "tofs = ();\ntofs_lib = ();\n", true, {kLine}, 0},
+        list_case{"OnlyDisabled", "tofs = ({ enabled = false; });\n", true, {kLine}, 0},
+        list_case{"NoEnabledFlag", "tofs = ({ device = \"d\"; });\n", true,
+                  {"tof section missing, disabling", kLine}, 0},
+        list_case{"LibNoEnabledFlag", "tofs_lib = ({ enabled = 1; });\n", true,
+                  {"tof section missing, disabling", kLine}, 0},
+        list_case{"NotAList", "tofs = { enabled = false; };\n", false, {"tofs should be a list"}, 0},
+        list_case{"ArrayIsNotAList", "tofs = [1, 2];\n", false, {"tofs should be a list"}, 0},
+        list_case{"LibNotAList", "tofs_lib = \"vertical\";\n", false, {"tofs should be a list"}, 0},
+        list_case{"TwoElements", "tofs = (" + kTofElement + ", { enabled = false; });\n", false,
+                  {"tof count exceeds SENSORS_TOF_MAX (2 != 1)"}, 0},
+        list_case{"LibThreeElements", "tofs_lib = ({}, {}, {});\n", false,
+                  {"tof count exceeds SENSORS_TOF_MAX (3 != 1)"}, 0},
+        list_case{"UnknownType", "tofs = (" + with_key(kTofElement, "type", "\"horizontal\"") + ");\n", false,
+                  {"unknown tof type: horizontal", "'tof.type' not found or incorrect type"}, 0},
+        list_case{"TypeIsCaseSensitive", "tofs = (" + with_key(kTofElement, "type", "\"Vertical\"") + ");\n", false,
+                  {"unknown tof type: Vertical", "'tof.type' not found or incorrect type"}, 0},
+        // The type is checked before the range keys of tofs.
+        list_case{"TypeBeforeRange",
+                  "tofs = (" + with_key(with_key(kTofElement, "type", "\"side\""), "min_distance", nullptr) + ");\n",
+                  false, {"unknown tof type: side", "'tof.type' not found or incorrect type"}, 0},
+        // ... and after them in tofs_lib.
+        list_case{"LibTypeAfterRange",
+                  "tofs_lib = (" + with_key(with_key(kTofLibElement, "type", "\"side\""), "min_amplitude", nullptr) +
+                      ");\n",
+                  false, {"'tof.min_amplitude' not found or incorrect type"}, 0},
+        list_case{"LibUnknownType", "tofs_lib = (" + with_key(kTofLibElement, "type", "\"side\"") + ");\n", false,
+                  {"unknown tof type: side", "'tof.type' not found or incorrect type"}, 0}),
+    [](const auto &info) { return std::string(info.param.name); });
+
+struct element_case {
+    bool lib;
+    const char *key;
+    const char *wrong;
+};
+
+class TofElementKey : public ConfigTest, public ::testing::WithParamInterface<element_case> {};
+
+TEST_P(TofElementKey, RequiredKeysAreNamedWithTheTofPrefix)
+{
+    const element_case &c = GetParam();
+    const std::string &element = c.lib ? kTofLibElement : kTofElement;
+    const std::string list = c.lib ? "tofs_lib" : "tofs";
+    const std::string expected = std::string("'tof.") + c.key + "' not found or incorrect type";
+
+    EXPECT_FALSE(load(cfg_text::complete().raw(list + " = (" + with_key(element, c.key, nullptr) + ");\n")));
+    EXPECT_EQ(texts().back(), expected);
+    EXPECT_FALSE(load(cfg_text::complete().raw(list + " = (" + with_key(element, c.key, c.wrong) + ");\n")));
+    EXPECT_EQ(texts().back(), expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(Config, TofElementKey,
+                         ::testing::Values(element_case{false, "device", "1"}, element_case{false, "trigger", "true"},
+                                           element_case{false, "calib", "2.0"}, element_case{false, "type", "0"},
+                                           element_case{false, "min_distance", "1"},
+                                           element_case{false, "max_distance", "\"4.0\""},
+                                           element_case{false, "min_amplitude", "12"},
+                                           element_case{true, "device", "1"}, element_case{true, "calib", "false"},
+                                           element_case{true, "type", "1"}, element_case{true, "i2c_addr", "41.0"},
+                                           element_case{true, "hw_type", "1"}, element_case{true, "gpio", "1"},
+                                           element_case{true, "flags", "\"3\""},
+                                           element_case{true, "min_distance", "0"},
+                                           element_case{true, "max_distance", "2"},
+                                           element_case{true, "min_amplitude", "true"}),
+                         [](const auto &info) {
+                             return case_name(std::string(info.param.lib ? "tofs_lib_" : "tofs_") + info.param.key);
+                         });
+
+TEST_F(ConfigTest, TofOutsideTheHostMaskIsValidatedThenDisabled)
+{
+    config_ptr config = load(cfg_text::complete().raw("tofs = (" + kTofElement + ");\n"),
+                             SENSORS_KIND_ALL & ~SENSORS_KIND_TOF);
+    ASSERT_TRUE(config);
+    EXPECT_EQ(config->tof.enabled, 0);
+    EXPECT_STREQ(config->tof.device, "tof-dev");
+    for (const std::string &t : texts())
+        EXPECT_NE(t, "enabled sensors: tof vertical");
+
+    EXPECT_FALSE(load(cfg_text::complete().raw("tofs = (" + with_key(kTofElement, "calib", nullptr) + ");\n"),
+                      SENSORS_KIND_ALL & ~SENSORS_KIND_TOF));
+}
+
+TEST(ConfigTof, TypeIndex)
+{
+    log_capture cap;
+    EXPECT_EQ(sensorscfg_tof_index("vertical"), 0);
+    EXPECT_TRUE(cap.texts("sensors_config").empty());
+    EXPECT_EQ(sensorscfg_tof_index("vertical "), -1);
+    EXPECT_EQ(sensorscfg_tof_index(""), -1);
+    EXPECT_THAT(cap.texts("sensors_config"),
+                ::testing::ElementsAre("unknown tof type: vertical ", "unknown tof type: "));
+}
+
+} // namespace
