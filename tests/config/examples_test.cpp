@@ -42,7 +42,7 @@ TEST_F(ConfigTest, VirtualVehicleFileIsFoundByItsHardwareName)
     EXPECT_THAT(std::vector<std::string>(c.imu.thread_cfg, c.imu.thread_cfg + 3),
                 ElementsAre("imu", "imu_spi", "imu_spi_ksoftirq"));
     EXPECT_STREQ(c.imu.tlm_section, "sensors_imu");
-    EXPECT_STREQ(c.baro.device, "orlune-baro");
+    EXPECT_STREQ(c.baro.device, "orlune-lps22hb");
     EXPECT_STREQ(c.baro.trigger, "orlune-baro-trig");
     EXPECT_EQ(c.baro.sampling_frequency, 75);
     EXPECT_STREQ(c.magneto.device, "orlune-magneto");
