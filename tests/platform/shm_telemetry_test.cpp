@@ -1,0 +1,578 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <gtest/gtest.h>
+
+#include <sensors/sensor_tlm.h>
+
+#include <cerrno>
+#include <cstring>
+#include <vector>
+
+#include "platform/failpoint.h"
+#include "platform/shm_telemetry.h"
+#include "platform/telemetry_test_util.h"
+
+namespace {
+
+// What a vision process publishes: its own record, its own order.
+struct published_position {
+    int64_t last_ref_image_ts;
+    float x, y, z;
+    float discriminable_ft_ratio;
+    int32_t status;
+    uint8_t pad[4];
+};
+
+constexpr tlm_field_desc kPublishedFields[] = {
+    {offsetof(published_position, last_ref_image_ts), "last_ref_image_ts", TLM_TYPE_INT64, 0, 8, 1, {}},
+    {offsetof(published_position, x), "x", TLM_TYPE_FLOAT, 0, 4, 1, {}},
+    {offsetof(published_position, y), "y", TLM_TYPE_FLOAT, 0, 4, 1, {}},
+    {offsetof(published_position, z), "z", TLM_TYPE_FLOAT, 0, 4, 1, {}},
+    {offsetof(published_position, discriminable_ft_ratio), "discriminable_ft_ratio", TLM_TYPE_FLOAT, 0, 4, 1, {}},
+    {offsetof(published_position, status), "status", TLM_TYPE_INT32, 0, 4, 1, {}},
+};
+constexpr tlm_struct_desc kPublished{0, 6, kPublishedFields};
+
+// What the consumer wants, at other offsets.
+struct wanted_position {
+    float x, y, z;
+    float ratio;
+    int32_t status;
+    uint8_t pad[4];
+    int64_t last_ref;
+};
+constexpr tlm_field_desc kWantedFields[] = {
+    {offsetof(wanted_position, x), "x", TLM_TYPE_FLOAT, 0, 4, 1, {}},
+    {offsetof(wanted_position, y), "y", TLM_TYPE_FLOAT, 0, 4, 1, {}},
+    {offsetof(wanted_position, z), "z", TLM_TYPE_FLOAT, 0, 4, 1, {}},
+    {offsetof(wanted_position, ratio), "discriminable_ft_ratio", TLM_TYPE_FLOAT, 0, 4, 1, {}},
+    {offsetof(wanted_position, status), "status", TLM_TYPE_INT32, 0, 4, 1, {}},
+    {offsetof(wanted_position, last_ref), "last_ref_image_ts", TLM_TYPE_INT64, 0, 8, 1, {}},
+};
+constexpr tlm_struct_desc kWanted{0, 6, kWantedFields};
+
+timespec at_seconds(int64_t s, long ns = 0)
+{
+    timespec t{};
+    t.tv_sec = s;
+    t.tv_nsec = ns;
+    return t;
+}
+
+// A child that publishes one position per step it is given ('q' ends it,
+// 'x' ends it without destroying its producer, as a crash would).
+int position_producer(const child_process::link &link, const char *section, uint32_t count)
+{
+    published_position rec{};
+    shm_producer *p = producer_create(section, count, 10000);
+    if (!p || producer_register_struct(p, &rec, nullptr, &kPublished) < 0 || producer_complete(p) < 0)
+        return 1;
+    link.signal();
+    for (int i = 1;; i++) {
+        char c = link.wait();
+        if (c == 'x')
+            return 0;
+        if (c != '.')
+            break;
+        rec.x = float(i);
+        rec.y = float(i) / 2;
+        rec.z = -float(i);
+        rec.discriminable_ft_ratio = 0.25f;
+        rec.status = 40 + i;
+        rec.last_ref_image_ts = 1000000000000LL + i;
+        timespec ts = at_seconds(100 + i, 5);
+        if (producer_put_sample(p, &ts) < 0)
+            return 2;
+        link.signal();
+    }
+    producer_destroy(p);
+    return 0;
+}
+
+shm_consumer *position_consumer(wanted_position *dest, const char *section = "vcam_position")
+{
+    shm_consumer *c = consumer_create();
+    EXPECT_NE(c, nullptr);
+    EXPECT_EQ(consumer_register_struct(c, dest, section, &kWanted), 0);
+    EXPECT_EQ(consumer_complete(c), 0);
+    return c;
+}
+
+TEST(ShmTelemetry, AnotherProcessReadsTheSampleFieldByField)
+{
+    tlm_root root;
+    child_process child([](const auto &link) { return position_producer(link, "vcam_position", 16); });
+    ASSERT_TRUE(child.wait_step());
+    child.step();
+    ASSERT_TRUE(child.wait_step());
+
+    wanted_position dest{};
+    shm_consumer *c = position_consumer(&dest);
+    timespec ts{};
+    ASSERT_EQ(consumer_get_sample_at(c, nullptr, 0, &ts), 0);
+    EXPECT_EQ(dest.x, 1.0f);
+    EXPECT_EQ(dest.y, 0.5f);
+    EXPECT_EQ(dest.z, -1.0f);
+    EXPECT_EQ(dest.ratio, 0.25f);
+    EXPECT_EQ(dest.status, 41);
+    EXPECT_EQ(dest.last_ref, 1000000000001LL);
+    EXPECT_EQ(ts.tv_sec, 101);
+    EXPECT_EQ(ts.tv_nsec, 5);
+
+    // The same sample is copied again by every read, over whatever the owner did to it.
+    dest.x = 99.0f;
+    ASSERT_EQ(consumer_get_sample_at(c, nullptr, 0, &ts), 0);
+    EXPECT_EQ(dest.x, 1.0f);
+
+    child.step();
+    ASSERT_TRUE(child.wait_step());
+    ASSERT_EQ(consumer_get_sample_at(c, nullptr, 0, nullptr), 0);
+    EXPECT_EQ(dest.status, 42);
+
+    child.step('q');
+    EXPECT_EQ(child.join(), 0);
+    consumer_destroy(c);
+}
+
+TEST(ShmTelemetry, ConsumerCompletedBeforeItsProducerAttachesWhenTheSectionAppears)
+{
+    tlm_root root;
+    wanted_position dest{};
+    dest.status = -7;
+    shm_consumer *c = position_consumer(&dest);
+    EXPECT_EQ(consumer_get_sample_at(c, nullptr, 0, nullptr), -ENOENT);
+
+    child_process child([](const auto &link) { return position_producer(link, "vcam_position", 4); });
+    ASSERT_TRUE(child.wait_step());
+    // The section exists but holds nothing yet: try again, destination untouched.
+    EXPECT_EQ(consumer_get_sample_at(c, nullptr, 0, nullptr), -EAGAIN);
+    EXPECT_EQ(dest.status, -7);
+
+    child.step();
+    ASSERT_TRUE(child.wait_step());
+    EXPECT_EQ(consumer_get_sample_at(c, nullptr, 0, nullptr), 0);
+    EXPECT_EQ(dest.status, 41);
+
+    // A producer that ends removes its section; reads fail until one comes back.
+    child.step('q');
+    EXPECT_EQ(child.join(), 0);
+    EXPECT_EQ(consumer_get_sample_at(c, nullptr, 0, nullptr), -ENOENT);
+    consumer_destroy(c);
+}
+
+TEST(ShmTelemetry, ConsumerFollowsAProducerThatRestarted)
+{
+    tlm_root root;
+    wanted_position dest{};
+    shm_consumer *c = position_consumer(&dest);
+    {
+        child_process first([](const auto &link) { return position_producer(link, "vcam_position", 8); });
+        ASSERT_TRUE(first.wait_step());
+        for (int i = 0; i < 3; i++) {
+            first.step();
+            ASSERT_TRUE(first.wait_step());
+        }
+        ASSERT_EQ(consumer_get_sample_at(c, nullptr, 0, nullptr), 0);
+        EXPECT_EQ(dest.status, 43);
+        first.step('x'); // ends without destroying its producer: the file stays
+        EXPECT_EQ(first.join(), 0);
+    }
+    // Still readable: nothing said the producer has gone.
+    ASSERT_EQ(consumer_get_sample_at(c, nullptr, 0, nullptr), 0);
+    EXPECT_EQ(dest.status, 43);
+
+    child_process second([](const auto &link) { return position_producer(link, "vcam_position", 8); });
+    ASSERT_TRUE(second.wait_step());
+    EXPECT_EQ(consumer_get_sample_at(c, nullptr, 0, nullptr), -EAGAIN);
+    second.step();
+    ASSERT_TRUE(second.wait_step());
+    ASSERT_EQ(consumer_get_sample_at(c, nullptr, 0, nullptr), 0);
+    EXPECT_EQ(dest.status, 41);
+    second.step('q');
+    EXPECT_EQ(second.join(), 0);
+    consumer_destroy(c);
+}
+
+TEST(ShmTelemetry, AFileRemovedOrPutBackBehindTheConsumerIsNoticed)
+{
+    tlm_root root;
+    wanted_position dest{};
+    shm_consumer *c = position_consumer(&dest);
+    child_process child([](const auto &link) { return position_producer(link, "vcam_position", 8); });
+    ASSERT_TRUE(child.wait_step());
+    child.step();
+    ASSERT_TRUE(child.wait_step());
+    child.step('x'); // gone without a word: the file is not marked closed
+    EXPECT_EQ(child.join(), 0);
+    ASSERT_EQ(consumer_get_sample_at(c, nullptr, 0, nullptr), 0);
+
+    std::string aside = root.dir() + "/aside";
+    ASSERT_EQ(rename(root.file("vcam_position").c_str(), aside.c_str()), 0);
+    EXPECT_TRUE(eventually([&] { return consumer_get_sample_at(c, nullptr, 0, nullptr) == -ENOENT; }));
+    ASSERT_EQ(rename(aside.c_str(), root.file("vcam_position").c_str()), 0);
+    dest.status = 0;
+    EXPECT_EQ(consumer_get_sample_at(c, nullptr, 0, nullptr), 0);
+    EXPECT_EQ(dest.status, 41);
+    consumer_destroy(c);
+}
+
+// The gimbal's entries: several fields of one section, latest first.
+struct gimbal_state {
+    float ef_rate[3];
+    float w, x;
+};
+constexpr tlm_field_desc kGimbalFields[] = {
+    {offsetof(gimbal_state, ef_rate), "ef_rate", TLM_TYPE_FLOAT, 0, 4, 3, {}},
+    {offsetof(gimbal_state, w), "ef_q.w", TLM_TYPE_FLOAT, 0, 4, 1, {}},
+    {offsetof(gimbal_state, x), "ef_q.x", TLM_TYPE_FLOAT, 0, 4, 1, {}},
+};
+constexpr tlm_struct_desc kGimbal{0, 3, kGimbalFields};
+
+int gimbal_producer(const child_process::link &link, uint32_t ring, int samples)
+{
+    gimbal_state s{};
+    shm_producer *p = producer_create("gimbal_stab", ring, 1000);
+    if (!p || producer_register_struct(p, &s, "est.state", &kGimbal) < 0 || producer_complete(p) < 0)
+        return 1;
+    for (int i = 0; i < samples; i++) {
+        s.ef_rate[0] = float(i);
+        s.ef_rate[1] = float(i) + 0.5f;
+        s.ef_rate[2] = float(i) + 0.25f;
+        s.w = float(i) * 10;
+        s.x = float(i) * 100;
+        timespec ts = at_seconds(i, 0);
+        producer_put_sample(p, &ts);
+    }
+    link.signal();
+    link.wait();
+    producer_destroy(p);
+    return 0;
+}
+
+struct gimbal_arrays {
+    float ef_rate[5][3];
+    float w[5];
+    float x[5];
+    timespec times[5];
+};
+
+shm_consumer *gimbal_consumer(gimbal_arrays *g)
+{
+    const tlm_array_entry entries[] = {
+        {g->ef_rate, "gimbal_stab.est.state.ef_rate", TLM_TYPE_FLOAT, 0, 4, 3, 5, g->times},
+        {g->w, "gimbal_stab.est.state.ef_q.w", TLM_TYPE_FLOAT, 0, 4, 1, 5, nullptr},
+        {g->x, "gimbal_stab.est.state.ef_q.x", TLM_TYPE_FLOAT, 0, 4, 1, 5, nullptr},
+    };
+    shm_consumer *c = consumer_create();
+    EXPECT_EQ(consumer_register_array(c, entries, 3), 0);
+    EXPECT_EQ(consumer_complete(c), 0);
+    return c;
+}
+
+TEST(ShmTelemetry, HistoryGivesTheLatestFirstAndAsManyEarlierSamplesAsTheRingHolds)
+{
+    struct row {
+        uint32_t ring;
+        int written;
+        uint32_t before;
+        uint32_t expect_before;
+    };
+    const row rows[] = {
+        {16, 10, 4, 4}, // plenty
+        {16, 3, 4, 2},  // fewer written than asked
+        {4, 10, 4, 3},  // the ring holds only 4
+        {16, 1, 4, 0},  // the latest alone
+        {16, 10, 0, 0}, // the latest only, by request
+        {16, 10, 9, 4}, // no more than the destinations hold
+    };
+    for (const row &r : rows) {
+        SCOPED_TRACE(testing::Message() << "ring " << r.ring << " written " << r.written << " before " << r.before);
+        tlm_root root;
+        child_process child([&](const auto &link) { return gimbal_producer(link, r.ring, r.written); });
+        ASSERT_TRUE(child.wait_step());
+        gimbal_arrays g;
+        memset(&g, 0xff, sizeof g);
+        shm_consumer *c = gimbal_consumer(&g);
+        uint32_t before = 99;
+        uint32_t after = 99;
+        ASSERT_EQ(consumer_get_samples(c, nullptr, 0, r.before, 0, &before, &after), 0);
+        EXPECT_EQ(before, r.expect_before);
+        EXPECT_EQ(after, 0u);
+        for (uint32_t k = 0; k <= r.expect_before; k++) {
+            float i = float(r.written - 1 - int(k));
+            EXPECT_EQ(g.ef_rate[k][0], i);
+            EXPECT_EQ(g.ef_rate[k][1], i + 0.5f);
+            EXPECT_EQ(g.ef_rate[k][2], i + 0.25f);
+            EXPECT_EQ(g.w[k], i * 10);
+            EXPECT_EQ(g.x[k], i * 100);
+            EXPECT_EQ(g.times[k].tv_sec, int64_t(i));
+        }
+        // Beyond the samples delivered nothing is written.
+        for (uint32_t k = r.expect_before + 1; k < 5; k++) {
+            uint32_t bits;
+            memcpy(&bits, &g.w[k], 4);
+            EXPECT_EQ(bits, 0xffffffffu);
+        }
+        EXPECT_EQ(consumer_get_samples(c, nullptr, 0, 4, 1, &before, &after), -EOPNOTSUPP);
+        timespec when = at_seconds(1);
+        EXPECT_EQ(consumer_get_samples(c, &when, 0, 4, 0, &before, &after), -EOPNOTSUPP);
+        child.step('q');
+        EXPECT_EQ(child.join(), 0);
+        consumer_destroy(c);
+    }
+}
+
+TEST(ShmTelemetry, FieldsAreMatchedByNameAndAMismatchIsRefusedOnce)
+{
+    struct row {
+        const char *what;
+        tlm_field_desc field;
+        const char *message;
+    };
+    const row rows[] = {
+        {"type", {0, "status", TLM_TYPE_UINT32, 0, 4, 1, {}},
+         "section \"vcam_position\" field \"status\": expected u32[1] (type 6, 4-byte elements), the section has "
+         "i32[1] (type 5, 4-byte elements)"},
+        {"size", {0, "last_ref_image_ts", TLM_TYPE_INT32, 0, 4, 1, {}},
+         "section \"vcam_position\" field \"last_ref_image_ts\": expected i32[1] (type 5, 4-byte elements), the "
+         "section has i64[1] (type 7, 8-byte elements)"},
+        {"count", {0, "x", TLM_TYPE_FLOAT, 0, 4, 3, {}},
+         "section \"vcam_position\" field \"x\": expected f32[3] (type 9, 4-byte elements), the section has f32[1] "
+         "(type 9, 4-byte elements)"},
+        {"name", {0, "w", TLM_TYPE_FLOAT, 0, 4, 1, {}}, "section \"vcam_position\" has no field \"w\""},
+    };
+    for (const row &r : rows) {
+        SCOPED_TRACE(r.what);
+        tlm_root root;
+        child_process child([](const auto &link) { return position_producer(link, "vcam_position", 4); });
+        ASSERT_TRUE(child.wait_step());
+        child.step();
+        ASSERT_TRUE(child.wait_step());
+
+        log_capture cap;
+        uint8_t dest[64] = {};
+        const tlm_struct_desc desc{0, 1, &r.field};
+        shm_consumer *c = consumer_create();
+        ASSERT_EQ(consumer_register_struct(c, dest, "vcam_position", &desc), 0);
+        ASSERT_EQ(consumer_complete(c), 0);
+        EXPECT_EQ(consumer_get_sample_at(c, nullptr, 0, nullptr), -EPROTO);
+        EXPECT_EQ(consumer_get_sample_at(c, nullptr, 0, nullptr), -EPROTO);
+        EXPECT_EQ(cap.texts("shm_telemetry"), std::vector<std::string>{r.message});
+        child.step('q');
+        EXPECT_EQ(child.join(), 0);
+        consumer_destroy(c);
+    }
+}
+
+TEST(ShmTelemetry, ReadersNeverSeeATornSample)
+{
+    // Every byte of a sample carries the same counter as its timestamp; a
+    // small ring and a fast writer make the reader race the writer all the time.
+    struct block {
+        uint32_t words[256];
+    };
+    static const tlm_field_desc fields[] = {{0, "words", TLM_TYPE_UINT32, 0, 4, 256, {}}};
+    static const tlm_struct_desc desc{0, 1, fields};
+    tlm_root root;
+    constexpr int kSamples = 200000;
+    child_process child([](const auto &link) {
+        static block b;
+        shm_producer *p = producer_create("torn", 2, 1);
+        if (!p || producer_register_struct(p, &b, nullptr, &desc) < 0 || producer_complete(p) < 0)
+            return 1;
+        link.signal();
+        for (uint32_t i = 1; i <= uint32_t(kSamples); i++) {
+            for (uint32_t &w : b.words)
+                w = i;
+            timespec ts = at_seconds(i);
+            producer_put_sample(p, &ts);
+        }
+        link.signal();
+        link.wait();
+        producer_destroy(p);
+        return 0;
+    });
+    ASSERT_TRUE(child.wait_step());
+    block dest{};
+    shm_consumer *c = consumer_create();
+    ASSERT_EQ(consumer_register_struct(c, &dest, "torn", &desc), 0);
+    ASSERT_EQ(consumer_complete(c), 0);
+    int good = 0;
+    int last_seen = 0;
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (last_seen < kSamples && std::chrono::steady_clock::now() < deadline) {
+        timespec ts{};
+        int r = consumer_get_sample_at(c, nullptr, 0, &ts);
+        if (r == -EAGAIN)
+            continue;
+        ASSERT_EQ(r, 0);
+        for (uint32_t w : dest.words)
+            ASSERT_EQ(w, uint32_t(ts.tv_sec));
+        ASSERT_GE(ts.tv_sec, last_seen);
+        last_seen = int(ts.tv_sec);
+        good++;
+    }
+    EXPECT_EQ(last_seen, kSamples);
+    EXPECT_GT(good, 10);
+    child.step('q');
+    EXPECT_EQ(child.join(), 0);
+    consumer_destroy(c);
+}
+
+// Bytes of a valid one-field section file, made by a real producer.
+std::string valid_section_bytes(const tlm_root &root, const char *section)
+{
+    float value = 3.5f;
+    static const tlm_field_desc fields[] = {{0, "value", TLM_TYPE_FLOAT, 0, 4, 1, {}}};
+    static const tlm_struct_desc desc{0, 1, fields};
+    shm_producer *p = producer_create(section, 4, 1000);
+    EXPECT_EQ(producer_register_struct(p, &value, nullptr, &desc), 0);
+    EXPECT_EQ(producer_complete(p), 0);
+    timespec ts = at_seconds(7);
+    EXPECT_EQ(producer_put_sample(p, &ts), 0);
+    std::string bytes = read_file(root.file(section));
+    producer_destroy(p);
+    return bytes;
+}
+
+template <typename T>
+void poke(std::string &bytes, size_t offset, T value)
+{
+    memcpy(bytes.data() + offset, &value, sizeof value);
+}
+
+TEST(ShmTelemetry, HostileSectionFilesGiveACleanError)
+{
+    // Offsets in the file: version 8, section name 16, field_count 96,
+    // sample_size 108, slot_size 112, sample_count 116, file_size 128;
+    // the first field at 256: its name, then type 320, size 324, count 328, offset 332.
+    struct row {
+        const char *what;
+        std::function<void(std::string &)> damage;
+        int expected;
+    };
+    const row rows[] = {
+        {"intact", [](std::string &) {}, 0},
+        {"empty file", [](std::string &b) { b.clear(); }, -EBADMSG},
+        {"truncated header", [](std::string &b) { b.resize(100); }, -EBADMSG},
+        {"truncated ring", [](std::string &b) { b.resize(b.size() - 8); }, -EBADMSG},
+        {"longer than its geometry", [](std::string &b) { b.append(64, '\0'); }, -EBADMSG},
+        {"wrong magic", [](std::string &b) { b[0] = 'X'; }, -EBADMSG},
+        {"wrong version", [](std::string &b) { poke<uint32_t>(b, 8, 2); }, -EBADMSG},
+        {"other section name", [](std::string &b) { b[16] = 'z'; }, -EBADMSG},
+        {"unterminated section name", [](std::string &b) { memset(b.data() + 16, 'a', 64); }, -EBADMSG},
+        {"no field", [](std::string &b) { poke<uint32_t>(b, 96, 0); }, -EBADMSG},
+        {"absurd field count", [](std::string &b) { poke<uint32_t>(b, 96, 0xffffffffu); }, -EBADMSG},
+        {"absurd sample count", [](std::string &b) { poke<uint32_t>(b, 116, 0x7fffffffu); }, -EBADMSG},
+        {"sample count beyond the file", [](std::string &b) { poke<uint32_t>(b, 116, 5); }, -EBADMSG},
+        {"slot size inconsistent", [](std::string &b) { poke<uint32_t>(b, 112, 8); }, -EBADMSG},
+        {"sample size beyond the slot", [](std::string &b) { poke<uint32_t>(b, 108, 4096); }, -EBADMSG},
+        {"file size lies", [](std::string &b) { poke<uint64_t>(b, 128, 1u << 20); }, -EBADMSG},
+        {"field beyond the sample", [](std::string &b) { poke<uint32_t>(b, 332, 4); }, -EBADMSG},
+        {"field count overflows", [](std::string &b) { poke<uint32_t>(b, 328, 0x40000001u); }, -EBADMSG},
+        {"unknown type", [](std::string &b) { poke<uint32_t>(b, 320, 99); }, -EBADMSG},
+        {"type and size disagree", [](std::string &b) { poke<uint32_t>(b, 324, 8); }, -EBADMSG},
+        {"unterminated field name", [](std::string &b) { memset(b.data() + 256, 'v', 64); }, -EBADMSG},
+    };
+    for (const row &r : rows) {
+        SCOPED_TRACE(r.what);
+        tlm_root root;
+        std::string bytes = valid_section_bytes(root, "hostile");
+        r.damage(bytes);
+        write_file(root.file("hostile"), bytes);
+
+        float value = 0;
+        static const tlm_field_desc fields[] = {{0, "value", TLM_TYPE_FLOAT, 0, 4, 1, {}}};
+        static const tlm_struct_desc desc{0, 1, fields};
+        shm_consumer *c = consumer_create();
+        ASSERT_EQ(consumer_register_struct(c, &value, "hostile", &desc), 0);
+        ASSERT_EQ(consumer_complete(c), 0);
+        timespec ts{};
+        EXPECT_EQ(consumer_get_sample_at(c, nullptr, 0, &ts), r.expected);
+        if (r.expected == 0) {
+            EXPECT_EQ(value, 3.5f);
+            EXPECT_EQ(ts.tv_sec, 7);
+        }
+        consumer_destroy(c);
+    }
+}
+
+TEST(ShmTelemetry, ProducersRefuseWhatNoConsumerCouldRead)
+{
+    tlm_root root;
+    float v = 0;
+    static const tlm_field_desc one[] = {{0, "v", TLM_TYPE_FLOAT, 0, 4, 1, {}}};
+    static const tlm_struct_desc desc{0, 1, one};
+    for (const char *bad : {"", "a.b", "has space", "../up", "a/b",
+                            "x234567890123456789012345678901234567890123456789012345678901234"})
+        EXPECT_EQ(producer_create(bad, 4, 1000), nullptr) << bad;
+    EXPECT_EQ(producer_create("ok", 0, 1000), nullptr);
+
+    shm_producer *p = producer_create("ok", 4, 1000);
+    ASSERT_NE(p, nullptr);
+    EXPECT_EQ(producer_complete(p), -EINVAL); // nothing registered
+    timespec ts = at_seconds(1);
+    EXPECT_EQ(producer_put_sample(p, &ts), -EINVAL); // not completed
+    const tlm_field_desc wrong_size[] = {{0, "w", TLM_TYPE_FLOAT, 0, 8, 1, {}}};
+    const tlm_struct_desc bad_desc{0, 1, wrong_size};
+    EXPECT_EQ(producer_register_struct(p, &v, nullptr, &bad_desc), -EINVAL);
+    EXPECT_EQ(producer_register_struct(p, &v, nullptr, &desc), 0);
+    EXPECT_EQ(producer_register_struct(p, &v, nullptr, &desc), -EINVAL); // "v" is taken
+    EXPECT_EQ(producer_register_struct(p, &v, "again", &desc), 0);      // "again.v" is not
+    EXPECT_EQ(producer_complete(p), 0);
+    EXPECT_EQ(producer_register_struct(p, &v, "late", &desc), -EINVAL);
+    EXPECT_EQ(producer_put_sample(p, nullptr), -EINVAL);
+
+    tlm_section_view view;
+    ASSERT_EQ(tlm_view_open("ok", &view), 0);
+    ASSERT_EQ(view.field_count, 2u);
+    tlm_field_info info;
+    ASSERT_EQ(tlm_view_field(&view, 1, &info), 0);
+    EXPECT_STREQ(info.name, "again.v");
+    EXPECT_EQ(info.offset, 8u);
+    tlm_view_close(&view);
+    producer_destroy(p);
+    EXPECT_EQ(access(root.file("ok").c_str(), F_OK), -1);
+}
+
+// The consumer's fail points are exercised by the section reader's tests.
+TEST(ShmTelemetry, ProducerFailPointsStandForFailuresTheSystemRarelyGives)
+{
+    tlm_root root;
+    float v = 0;
+    static const tlm_field_desc one[] = {{0, "v", TLM_TYPE_FLOAT, 0, 4, 1, {}}};
+    static const tlm_struct_desc desc{0, 1, one};
+    failpoint_arm("shm_producer_create", -ENOMEM, 1);
+    EXPECT_EQ(producer_create("fp", 4, 1000), nullptr);
+    shm_producer *p = producer_create("fp", 4, 1000);
+    failpoint_arm("shm_producer_register_struct", -EIO, 1);
+    EXPECT_EQ(producer_register_struct(p, &v, nullptr, &desc), -EIO);
+    EXPECT_EQ(producer_register_struct(p, &v, nullptr, &desc), 0);
+    failpoint_arm("shm_producer_complete", -ENOSPC, 1);
+    EXPECT_EQ(producer_complete(p), -ENOSPC);
+    EXPECT_EQ(producer_complete(p), 0);
+    producer_destroy(p);
+    producer_destroy(nullptr);
+    consumer_destroy(nullptr);
+}
+
+TEST(ShmTelemetry, ArrayEntriesNameTheirSectionBeforeTheFirstDot)
+{
+    float dest[2];
+    const tlm_array_entry bad[] = {
+        {dest, "nodot", TLM_TYPE_FLOAT, 0, 4, 1, 2, nullptr},
+        {dest, ".field", TLM_TYPE_FLOAT, 0, 4, 1, 2, nullptr},
+        {dest, "section.", TLM_TYPE_FLOAT, 0, 4, 1, 2, nullptr},
+        {dest, "sec tion.f", TLM_TYPE_FLOAT, 0, 4, 1, 2, nullptr},
+        {dest, "section.f", TLM_TYPE_FLOAT, 0, 8, 1, 2, nullptr},
+        {dest, "section.f", TLM_TYPE_FLOAT, 0, 4, 1, 0, nullptr},
+        {nullptr, "section.f", TLM_TYPE_FLOAT, 0, 4, 1, 2, nullptr},
+    };
+    for (const tlm_array_entry &e : bad) {
+        shm_consumer *c = consumer_create();
+        EXPECT_EQ(consumer_register_array(c, &e, 1), -EINVAL) << e.name;
+        EXPECT_EQ(consumer_complete(c), -EINVAL); // nothing registered
+        consumer_destroy(c);
+    }
+}
+
+} // namespace
