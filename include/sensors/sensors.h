@@ -4,7 +4,10 @@
 #define SENSORS_SENSORS_H
 
 #include <sensors/api.h>
+#include <sensors/calib.h>
+#include <sensors/config.h>
 #include <sensors/data.h>
 #include <sensors/driver.h>
+#include <sensors/sensor_tlm.h>
 
 #endif /* SENSORS_SENSORS_H */
