@@ -1,0 +1,1105 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "sim/iiod_server.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <list>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "sim/iiod_command.h"
+
+namespace sim {
+namespace {
+
+constexpr int64_t kNsPerMs = 1000000;
+constexpr int64_t kNever = INT64_MAX;
+constexpr size_t kMaxLine = 4096;          // longer requests are refused whole
+constexpr size_t kMaxAttrValue = 4096;     // longer written values are read and dropped
+constexpr size_t kMaxBufferBytes = 16 << 20; // per open buffer
+constexpr size_t kMaxChannels = 64;
+constexpr size_t kDefaultKernelLength = 64; // scans, the kernel's default buffer length
+
+int64_t now_ns()
+{
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return ts.tv_sec * 1000000000LL + ts.tv_nsec;
+}
+
+std::chrono::steady_clock::time_point to_steady(int64_t mono_ns)
+{
+    // steady_clock is CLOCK_MONOTONIC on Linux.
+    return std::chrono::steady_clock::time_point(std::chrono::nanoseconds(mono_ns));
+}
+
+std::string xml_escape(const std::string &s)
+{
+    std::string out;
+    for (char c : s) {
+        switch (c) {
+        case '<': out += "&lt;"; break;
+        case '>': out += "&gt;"; break;
+        case '&': out += "&amp;"; break;
+        case '"': out += "&quot;"; break;
+        default: out += c;
+        }
+    }
+    return out;
+}
+
+std::string format_text(const scan_format &f)
+{
+    return std::string("le:") + (f.is_signed ? "s" : "u") + std::to_string(f.bits) + "/" +
+           std::to_string(f.storage_bytes * 8) + "&gt;&gt;0";
+}
+
+constexpr const char *kDtd =
+    "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n"
+    "<!DOCTYPE context [\n"
+    "<!ELEMENT context (device | context-attribute)*>\n"
+    "<!ELEMENT context-attribute EMPTY>\n"
+    "<!ELEMENT device (channel | attribute | debug-attribute | buffer-attribute)*>\n"
+    "<!ELEMENT channel (scan-element?, attribute*)>\n"
+    "<!ELEMENT attribute EMPTY>\n"
+    "<!ELEMENT scan-element EMPTY>\n"
+    "<!ELEMENT debug-attribute EMPTY>\n"
+    "<!ELEMENT buffer-attribute EMPTY>\n"
+    "<!ATTLIST context name CDATA #REQUIRED version-major CDATA #REQUIRED version-minor CDATA #REQUIRED "
+    "version-git CDATA #REQUIRED description CDATA #IMPLIED>\n"
+    "<!ATTLIST context-attribute name CDATA #REQUIRED value CDATA #REQUIRED>\n"
+    "<!ATTLIST device id CDATA #REQUIRED name CDATA #IMPLIED label CDATA #IMPLIED>\n"
+    "<!ATTLIST channel id CDATA #REQUIRED type (input|output) #REQUIRED name CDATA #IMPLIED>\n"
+    "<!ATTLIST scan-element index CDATA #REQUIRED format CDATA #REQUIRED scale CDATA #IMPLIED>\n"
+    "<!ATTLIST attribute name CDATA #REQUIRED filename CDATA #IMPLIED>\n"
+    "<!ATTLIST debug-attribute name CDATA #REQUIRED>\n"
+    "<!ATTLIST buffer-attribute name CDATA #REQUIRED>\n"
+    "]>\n";
+
+// Attribute values that clients may write, with their accepted range.
+struct writable_attr {
+    const char *file;
+    long min;
+    long max;
+};
+constexpr std::array<writable_attr, 2> kWritable{{
+    {"sampling_frequency", 1, 1000000},
+    {"rate_divider", 1, 64},
+}};
+
+struct sensor_state {
+    std::unique_ptr<device_model> model;
+    std::string id;                   // "iio:deviceN"
+    size_t trigger = 0;               // its own trigger's index
+    std::vector<std::pair<std::string, std::string>> values; // by file name
+    std::vector<size_t> offsets;      // byte offset of each channel for the open mask
+    // Buffer, opened by one connection at a time.
+    uint64_t owner = 0; // connection serial, 0 = not open
+    bool enabled = false;
+    uint64_t mask = 0;
+    size_t samples = 0;
+    size_t scan_size = 0;
+    size_t kernel_length = kDefaultKernelLength;
+    long attached = -1; // trigger index, -1 = none
+    // Scans are numbered from origin: scan j is sampled at origin + (j+1)
+    // periods and becomes readable when its trigger batch completes.
+    int64_t origin_ns = 0;
+    uint64_t consumed = 0;
+    // Armed faults.
+    int error_left = 0;
+    int error_errno = EIO;
+    int short_left = 0;
+    int short_scans = 0;
+};
+
+struct trigger_state {
+    std::string id; // "triggerN"
+    std::string name;
+    size_t sensor;
+};
+
+struct connection {
+    uint64_t serial = 0;
+    int fd = -1;
+    uint64_t generation = 0;
+    bool done = false;
+    std::thread thread;
+};
+
+long attr_long(const sensor_state &s, const char *file, long fallback)
+{
+    for (const auto &[name, value] : s.values)
+        if (name == file)
+            return std::strtol(value.c_str(), nullptr, 10);
+    return fallback;
+}
+
+} // namespace
+
+struct iiod_server::impl {
+    scenario scn;
+    vehicle truth;
+    server_options options;
+    int64_t epoch = 0;
+    std::string xml;
+    std::vector<sensor_state> sensors;
+    std::vector<trigger_state> triggers;
+
+    mutable std::mutex mu;
+    std::condition_variable cv;
+    bool stopping = false;
+    uint64_t generation = 0; // bumped by a disconnect: older connections end
+    unsigned timeout_ms = 2500;
+    uint16_t port = 0;
+    int listen_fd = -1;
+    int64_t restart_at = kNever;
+    std::list<connection> connections;
+    uint64_t next_serial = 1;
+    std::thread acceptor;
+    std::thread controller;
+    size_t next_fault = 0;
+    std::vector<scenario_fault> schedule;
+
+    explicit impl(const scenario &s) : scn(s), truth(s) {}
+
+    // ---- description -------------------------------------------------
+    void build_xml()
+    {
+        xml = kDtd;
+        xml += "<context name=\"network\" version-major=\"0\" version-minor=\"24\" version-git=\"v0.24\" "
+               "description=\"orlune virtual vehicle\">\n";
+        xml += "<context-attribute name=\"hw_model\" value=\"orlune virtual vehicle\" />\n";
+        xml += "<context-attribute name=\"scenario\" value=\"" + xml_escape(scn.name) + "\" />\n";
+        for (const sensor_state &s : sensors) {
+            const device_model &m = *s.model;
+            xml += "<device id=\"" + s.id + "\" name=\"" + xml_escape(m.setup().name) + "\">";
+            for (size_t i = 0; i < m.channels().size(); i++) {
+                const channel_desc &c = m.channels()[i];
+                xml += "<channel id=\"" + c.id + "\" type=\"input\"><scan-element index=\"" + std::to_string(i) +
+                       "\" format=\"" + format_text(c.format) + "\" />";
+                for (const attr_desc &a : c.attrs)
+                    xml += "<attribute name=\"" + a.name + "\" filename=\"" + a.filename + "\" />";
+                xml += "</channel>";
+            }
+            for (const std::string &a : m.device_attrs())
+                xml += "<attribute name=\"" + a + "\" />";
+            xml += "<buffer-attribute name=\"enable\" /><buffer-attribute name=\"length\" /></device>\n";
+            const trigger_state &t = triggers[s.trigger];
+            xml += "<device id=\"" + t.id + "\" name=\"" + xml_escape(t.name) + "\">";
+            for (const std::string &a : m.trigger_attrs())
+                xml += "<attribute name=\"" + a + "\" />";
+            xml += "</device>\n";
+        }
+        xml += "</context>";
+    }
+
+    // ---- lookups (lock held) ------------------------------------------
+    sensor_state *sensor_by_id(std::string_view id)
+    {
+        for (sensor_state &s : sensors)
+            if (s.id == id)
+                return &s;
+        return nullptr;
+    }
+    trigger_state *trigger_by_id(std::string_view id)
+    {
+        for (trigger_state &t : triggers)
+            if (t.id == id)
+                return &t;
+        return nullptr;
+    }
+    long trigger_index_by_word(std::string_view word)
+    {
+        // As iiod: id, label or name.
+        for (size_t i = 0; i < triggers.size(); i++)
+            if (triggers[i].id == word || triggers[i].name == word)
+                return static_cast<long>(i);
+        return -1;
+    }
+
+    // ---- streams (lock held) ------------------------------------------
+    int64_t period_ns(const sensor_state &s) const
+    {
+        return std::max<int64_t>(1, 1000000000LL / std::max(1L, attr_long(s, "sampling_frequency", 1)));
+    }
+    uint64_t divider(const sensor_state &s) const
+    {
+        return s.model->blocking() ? static_cast<uint64_t>(std::max(1L, attr_long(s, "rate_divider", 1))) : 1;
+    }
+    bool producing(const sensor_state &s) const { return s.owner && s.enabled && s.attached >= 0; }
+    void restart_stream(sensor_state &s, int64_t at)
+    {
+        s.origin_ns = at;
+        s.consumed = 0;
+        cv.notify_all();
+    }
+    uint64_t produced(const sensor_state &s, int64_t now) const
+    {
+        if (!producing(s) || now < s.origin_ns)
+            return 0;
+        const uint64_t sampled = static_cast<uint64_t>((now - s.origin_ns) / period_ns(s));
+        return sampled / divider(s) * divider(s);
+    }
+    int64_t ready_at(const sensor_state &s, uint64_t scan) const
+    {
+        if (!producing(s))
+            return kNever;
+        const uint64_t d = divider(s);
+        return s.origin_ns + static_cast<int64_t>((scan / d + 1) * d) * period_ns(s);
+    }
+    // Scans waiting; a full kernel buffer keeps the newest.
+    uint64_t waiting(sensor_state &s, int64_t now)
+    {
+        // The kernel buffer holds at least one refill's worth.
+        const uint64_t capacity = std::max(s.kernel_length, s.samples);
+        const uint64_t p = produced(s, now);
+        if (p > s.consumed + capacity)
+            s.consumed = p - capacity;
+        return p > s.consumed ? p - s.consumed : 0;
+    }
+    void layout(sensor_state &s)
+    {
+        // The client's rule: each element aligned to its own size, no
+        // padding after the last one.
+        const auto &ch = s.model->channels();
+        s.offsets.assign(ch.size(), 0);
+        size_t size = 0;
+        for (size_t i = 0; i < ch.size(); i++) {
+            if (!(s.mask & (uint64_t{1} << i)))
+                continue;
+            const size_t len = ch[i].format.storage_bytes;
+            if (size % len)
+                size += len - size % len;
+            s.offsets[i] = size;
+            size += len;
+        }
+        s.scan_size = size;
+    }
+    void write_scans(sensor_state &s, uint64_t first, size_t count, char *out)
+    {
+        const auto &ch = s.model->channels();
+        const int64_t period = period_ns(s);
+        int64_t raw[kMaxChannels];
+        std::memset(out, 0, count * s.scan_size);
+        for (size_t k = 0; k < count; k++) {
+            const int64_t stamp = s.origin_ns + static_cast<int64_t>(first + k + 1) * period;
+            s.model->sample(truth, static_cast<double>(stamp - epoch) / 1e9, static_cast<uint64_t>(stamp), raw);
+            raw[ch.size() - 1] = stamp;
+            char *scan = out + k * s.scan_size;
+            for (size_t i = 0; i < ch.size(); i++) {
+                if (!(s.mask & (uint64_t{1} << i)))
+                    continue;
+                const uint64_t v = static_cast<uint64_t>(raw[i]);
+                for (unsigned b = 0; b < ch[i].format.storage_bytes; b++)
+                    scan[s.offsets[i] + b] = static_cast<char>((v >> (8 * b)) & 0xff);
+            }
+        }
+    }
+
+    // ---- faults ---------------------------------------------------------
+    int arm(const scenario_fault &f)
+    {
+        std::unique_lock<std::mutex> lock(mu);
+        if (f.kind == fault_kind::disconnect) {
+            lock.unlock();
+            go_down(f.duration_s);
+            return 0;
+        }
+        sensor_state *s = nullptr;
+        for (sensor_state &c : sensors)
+            if (c.model->setup().name == f.device)
+                s = &c;
+        if (!s)
+            return -ENODEV;
+        switch (f.kind) {
+        case fault_kind::refill_error:
+            s->error_left += f.count;
+            s->error_errno = f.error;
+            break;
+        case fault_kind::short_batch:
+            s->short_left += f.count;
+            s->short_scans = f.scans;
+            break;
+        case fault_kind::stall:
+            // The trigger falls silent: what it had not delivered is lost and
+            // scans resume once the stall is over.
+            restart_stream(*s, now_ns() + static_cast<int64_t>(f.duration_s * 1e9));
+            break;
+        case fault_kind::disconnect:
+            break;
+        }
+        cv.notify_all();
+        return 0;
+    }
+
+    // ---- sockets ----------------------------------------------------------
+    int open_listener(std::string *error)
+    {
+        int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (fd < 0)
+            return fail(error, "socket", errno);
+        int one = 1;
+        setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+        sockaddr_in addr{};
+        addr.sin_family = AF_INET;
+        addr.sin_port = htons(port ? port : options.port);
+        if (inet_pton(AF_INET, options.address.c_str(), &addr.sin_addr) != 1) {
+            close(fd);
+            return fail(error, "address " + options.address, EINVAL);
+        }
+        if (bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0 || listen(fd, 16) != 0) {
+            int err = errno;
+            close(fd);
+            return fail(error, "bind/listen " + options.address + ":" + std::to_string(ntohs(addr.sin_port)), err);
+        }
+        socklen_t len = sizeof addr;
+        getsockname(fd, reinterpret_cast<sockaddr *>(&addr), &len);
+        std::lock_guard<std::mutex> lock(mu);
+        if (stopping) {
+            close(fd);
+            return fail(error, "listen", ESHUTDOWN);
+        }
+        port = ntohs(addr.sin_port);
+        listen_fd = fd;
+        acceptor = std::thread([this, fd] { accept_loop(fd); });
+        return 0;
+    }
+
+    static int fail(std::string *error, const std::string &what, int err)
+    {
+        if (error)
+            *error = what + ": " + std::strerror(err);
+        return -err;
+    }
+
+    void accept_loop(int fd)
+    {
+        for (;;) {
+            int c = accept4(fd, nullptr, nullptr, SOCK_CLOEXEC);
+            if (c < 0) {
+                if (errno == EINTR || errno == ECONNABORTED)
+                    continue;
+                return; // shut down
+            }
+            int one = 1;
+            setsockopt(c, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+            std::lock_guard<std::mutex> lock(mu);
+            reap();
+            if (stopping) {
+                close(c);
+                return;
+            }
+            connection &conn = connections.emplace_back();
+            conn.serial = next_serial++;
+            conn.fd = c;
+            conn.generation = generation;
+            conn.thread = std::thread([this, &conn] { serve(conn); });
+        }
+    }
+
+    void reap()
+    {
+        for (auto it = connections.begin(); it != connections.end();) {
+            if (it->done) {
+                it->thread.join();
+                it = connections.erase(it);
+            } else {
+                ++it;
+            }
+        }
+    }
+
+    // Stops listening and drops every connection; the controller listens
+    // again after down_s seconds.
+    void go_down(double down_s)
+    {
+        std::thread old;
+        {
+            std::lock_guard<std::mutex> lock(mu);
+            if (listen_fd < 0 || !acceptor.joinable() || stopping)
+                return; // already down, or going down
+            shutdown(listen_fd, SHUT_RDWR);
+            old = std::move(acceptor);
+            generation++;
+            for (connection &c : connections)
+                if (c.fd >= 0)
+                    shutdown(c.fd, SHUT_RDWR);
+            restart_at = now_ns() + static_cast<int64_t>(down_s * 1e9);
+            cv.notify_all();
+        }
+        old.join();
+        std::lock_guard<std::mutex> lock(mu);
+        close(listen_fd);
+        listen_fd = -1;
+    }
+
+    void control_loop()
+    {
+        std::unique_lock<std::mutex> lock(mu);
+        while (!stopping) {
+            int64_t next = restart_at;
+            if (next_fault < schedule.size())
+                next = std::min(next, epoch + static_cast<int64_t>(schedule[next_fault].at_s * 1e9));
+            const int64_t now = now_ns();
+            if (now < next) {
+                if (next == kNever)
+                    cv.wait(lock);
+                else
+                    cv.wait_until(lock, to_steady(next));
+                continue;
+            }
+            if (restart_at <= now && listen_fd < 0) {
+                restart_at = kNever;
+                lock.unlock();
+                std::string error;
+                if (open_listener(&error) != 0) {
+                    std::fprintf(stderr, "orlune-sim: cannot listen again: %s\n", error.c_str());
+                    lock.lock();
+                    restart_at = now_ns() + 100 * kNsPerMs;
+                    continue;
+                }
+                lock.lock();
+                continue;
+            }
+            if (restart_at <= now)
+                restart_at = kNever;
+            if (next_fault < schedule.size() && epoch + static_cast<int64_t>(schedule[next_fault].at_s * 1e9) <= now) {
+                scenario_fault f = schedule[next_fault++];
+                lock.unlock();
+                arm(f);
+                lock.lock();
+            }
+        }
+    }
+
+    // ---- one connection -------------------------------------------------------
+    struct session {
+        impl &server;
+        connection &conn;
+        char in[kMaxLine];
+        size_t in_begin = 0, in_end = 0;
+        std::vector<char> out; // reply buffer, sized at OPEN so refills do not allocate
+
+        bool fill()
+        {
+            if (in_begin == in_end)
+                in_begin = in_end = 0;
+            if (in_end == sizeof in) {
+                std::memmove(in, in + in_begin, in_end - in_begin);
+                in_end -= in_begin;
+                in_begin = 0;
+            }
+            ssize_t n;
+            do
+                n = recv(conn.fd, in + in_end, sizeof in - in_end, 0);
+            while (n < 0 && errno == EINTR);
+            if (n <= 0)
+                return false;
+            in_end += static_cast<size_t>(n);
+            return true;
+        }
+
+        // 1: a line in *line; 0: an over-long line was skipped; -1: EOF.
+        int read_line(std::string *line)
+        {
+            line->clear();
+            bool too_long = false;
+            for (;;) {
+                char *start = in + in_begin;
+                char *nl = static_cast<char *>(std::memchr(start, '\n', in_end - in_begin));
+                if (nl) {
+                    if (!too_long)
+                        line->append(start, static_cast<size_t>(nl - start));
+                    in_begin += static_cast<size_t>(nl - start) + 1;
+                    if (too_long || line->size() >= kMaxLine)
+                        return 0;
+                    if (!line->empty() && line->back() == '\r')
+                        line->pop_back();
+                    return 1;
+                }
+                if (!too_long)
+                    line->append(start, in_end - in_begin);
+                in_begin = in_end;
+                if (line->size() >= kMaxLine) {
+                    too_long = true;
+                    line->clear();
+                }
+                if (!fill())
+                    return -1;
+            }
+        }
+
+        // Reads exactly n payload bytes, keeping at most kMaxAttrValue.
+        bool read_payload(uint64_t n, std::string *value)
+        {
+            value->clear();
+            while (n) {
+                if (in_begin == in_end && !fill())
+                    return false;
+                const size_t take = static_cast<size_t>(std::min<uint64_t>(n, in_end - in_begin));
+                if (value->size() < kMaxAttrValue)
+                    value->append(in + in_begin, std::min(take, kMaxAttrValue - value->size()));
+                in_begin += take;
+                n -= take;
+            }
+            return true;
+        }
+
+        bool send_all(const char *p, size_t n)
+        {
+            while (n) {
+                ssize_t w = send(conn.fd, p, n, MSG_NOSIGNAL);
+                if (w < 0 && errno == EINTR)
+                    continue;
+                if (w <= 0)
+                    return false;
+                p += w;
+                n -= static_cast<size_t>(w);
+            }
+            return true;
+        }
+        bool reply(long v)
+        {
+            char line[32];
+            int n = std::snprintf(line, sizeof line, "%ld\n", v);
+            return send_all(line, static_cast<size_t>(n));
+        }
+        bool reply_value(const std::string &v)
+        {
+            // The value NUL-terminated, counted with its NUL, then "\n".
+            std::string r = std::to_string(v.size() + 1) + "\n" + v;
+            r.push_back('\0');
+            r.push_back('\n');
+            return send_all(r.data(), r.size());
+        }
+
+        void run()
+        {
+            std::string line;
+            for (;;) {
+                int r = read_line(&line);
+                if (r < 0)
+                    return;
+                if (stale())
+                    return;
+                if (r == 0) {
+                    if (!reply(-EINVAL))
+                        return;
+                    continue;
+                }
+                if (!execute(parse_iiod_command(line)))
+                    return;
+            }
+        }
+
+        bool stale()
+        {
+            std::lock_guard<std::mutex> lock(server.mu);
+            return server.stopping || conn.generation != server.generation;
+        }
+
+        // False ends the connection.
+        bool execute(const iiod_command &cmd)
+        {
+            switch (cmd.op) {
+            case iiod_op::empty:
+                return true;
+            case iiod_op::exit:
+                return false;
+            case iiod_op::print: {
+                std::string r = std::to_string(server.xml.size()) + "\n" + server.xml + "\n";
+                return send_all(r.data(), r.size());
+            }
+            case iiod_op::version: {
+                const char v[] = "0.24.v0.24-s\n";
+                return send_all(v, sizeof v - 1);
+            }
+            case iiod_op::timeout: {
+                std::lock_guard<std::mutex> lock(server.mu);
+                server.timeout_ms = static_cast<unsigned>(std::min<uint64_t>(cmd.number, UINT32_MAX));
+                server.cv.notify_all();
+                return reply(0);
+            }
+            case iiod_op::read:
+                return read_attr(cmd);
+            case iiod_op::write:
+                return write_attr(cmd);
+            case iiod_op::gettrig:
+                return get_trigger(cmd);
+            case iiod_op::settrig:
+                return reply(set_trigger(cmd));
+            case iiod_op::set_buffers_count: {
+                std::lock_guard<std::mutex> lock(server.mu);
+                if (!server.sensor_by_id(cmd.device))
+                    return reply(server.trigger_by_id(cmd.device) ? -EINVAL : -ENODEV);
+                return reply(cmd.number >= 1 ? 0 : -EINVAL);
+            }
+            case iiod_op::open:
+                return reply(open_buffer(cmd));
+            case iiod_op::close:
+                return reply(close_buffer(cmd.device));
+            case iiod_op::readbuf:
+                return read_buffer(cmd);
+            case iiod_op::writebuf:
+                // Input devices only: the client sends no data after an error.
+                return reply(-ENOSYS);
+            case iiod_op::zprint:
+            case iiod_op::help:
+            case iiod_op::invalid:
+                return reply(-EINVAL);
+            }
+            return reply(-EINVAL);
+        }
+
+        // Where an attribute of the request lives: the file name, or an errno.
+        int resolve(const iiod_command &cmd, sensor_state **sensor, std::string *file)
+        {
+            *sensor = server.sensor_by_id(cmd.device);
+            if (!*sensor) {
+                trigger_state *t = server.trigger_by_id(cmd.device);
+                if (!t)
+                    return -ENODEV;
+                if (cmd.scope != attr_scope::device)
+                    return -ENOENT;
+                *sensor = &server.sensors[t->sensor];
+                for (const std::string &a : (*sensor)->model->trigger_attrs())
+                    if (a == cmd.attr) {
+                        *file = a;
+                        return 0;
+                    }
+                return -ENOENT;
+            }
+            const device_model &m = *(*sensor)->model;
+            switch (cmd.scope) {
+            case attr_scope::device:
+                for (const std::string &a : m.device_attrs())
+                    if (a == cmd.attr) {
+                        *file = a;
+                        return 0;
+                    }
+                return -ENOENT;
+            case attr_scope::buffer:
+                if (cmd.attr == "enable" || cmd.attr == "length") {
+                    *file = std::string(cmd.attr);
+                    return 0;
+                }
+                return -ENOENT;
+            case attr_scope::input:
+                for (const channel_desc &c : m.channels()) {
+                    if (c.id != cmd.channel)
+                        continue;
+                    for (const attr_desc &a : c.attrs)
+                        if (a.name == cmd.attr) {
+                            *file = a.filename;
+                            return 0;
+                        }
+                    return -ENOENT;
+                }
+                return -ENXIO;
+            case attr_scope::output:
+                return -ENXIO;
+            case attr_scope::debug:
+                return -ENOENT;
+            }
+            return -ENOENT;
+        }
+
+        bool read_attr(const iiod_command &cmd)
+        {
+            if (cmd.attr.empty())
+                return reply(-ENOSYS); // read-all blobs are not served
+            std::string value;
+            int rc;
+            {
+                std::lock_guard<std::mutex> lock(server.mu);
+                sensor_state *s;
+                std::string file;
+                rc = resolve(cmd, &s, &file);
+                if (rc == 0)
+                    rc = value_of(*s, cmd, file, &value);
+            }
+            return rc ? reply(rc) : reply_value(value);
+        }
+
+        int value_of(sensor_state &s, const iiod_command &cmd, const std::string &file, std::string *value)
+        {
+            if (cmd.scope == attr_scope::buffer) {
+                *value = file == "enable" ? std::to_string(s.owner && s.enabled ? 1 : 0)
+                                          : std::to_string(s.kernel_length);
+                return 0;
+            }
+            if (cmd.attr == "raw") {
+                // A direct reading: the channel's value now.
+                const auto &ch = s.model->channels();
+                int64_t raw[kMaxChannels];
+                const int64_t now = now_ns();
+                s.model->sample(server.truth, static_cast<double>(now - server.epoch) / 1e9,
+                                static_cast<uint64_t>(now), raw);
+                for (size_t i = 0; i < ch.size(); i++)
+                    if (ch[i].id == cmd.channel) {
+                        *value = std::to_string(raw[i]);
+                        return 0;
+                    }
+                return -ENXIO;
+            }
+            for (const auto &[name, v] : s.values)
+                if (name == file) {
+                    *value = v;
+                    return 0;
+                }
+            return -ENOENT;
+        }
+
+        bool write_attr(const iiod_command &cmd)
+        {
+            // The payload always follows the line: read it before answering.
+            std::string value;
+            if (!read_payload(cmd.number, &value))
+                return false;
+            while (!value.empty() && (value.back() == '\0' || value.back() == '\n'))
+                value.pop_back();
+            if (cmd.attr.empty())
+                return reply(-ENOSYS);
+            std::lock_guard<std::mutex> lock(server.mu);
+            sensor_state *s;
+            std::string file;
+            int rc = resolve(cmd, &s, &file);
+            if (rc)
+                return reply(rc);
+            char *end = nullptr;
+            errno = 0;
+            const long v = std::strtol(value.c_str(), &end, 10);
+            const bool number = !value.empty() && end && (*end == '\0' || *end == '.') && errno == 0;
+            if (cmd.scope == attr_scope::buffer) {
+                if (!number)
+                    return reply(-EINVAL);
+                if (file == "length") {
+                    if (s->owner)
+                        return reply(-EBUSY);
+                    if (v < 1 || v > 65536)
+                        return reply(-EINVAL);
+                    s->kernel_length = static_cast<size_t>(v);
+                } else {
+                    const bool enable = v != 0;
+                    if (enable && !s->owner)
+                        return reply(-EINVAL);
+                    if (enable && !s->enabled)
+                        server.restart_stream(*s, now_ns());
+                    s->enabled = enable;
+                    server.cv.notify_all();
+                }
+                return reply(static_cast<long>(cmd.number));
+            }
+            for (const writable_attr &w : kWritable) {
+                if (file != w.file)
+                    continue;
+                if (!number || v < w.min || v > w.max)
+                    return reply(-EINVAL);
+                for (auto &[name, stored] : s->values)
+                    if (name == file)
+                        stored = std::to_string(v);
+                server.restart_stream(*s, now_ns());
+                return reply(static_cast<long>(cmd.number));
+            }
+            return reply(-EACCES); // read-only, as its sysfs file
+        }
+
+        bool get_trigger(const iiod_command &cmd)
+        {
+            std::string name;
+            {
+                std::lock_guard<std::mutex> lock(server.mu);
+                sensor_state *s = server.sensor_by_id(cmd.device);
+                if (!s)
+                    return reply(server.trigger_by_id(cmd.device) ? -ENOENT : -ENODEV);
+                if (s->attached < 0)
+                    return reply(0);
+                name = server.triggers[static_cast<size_t>(s->attached)].name;
+            }
+            std::string r = std::to_string(name.size()) + "\n" + name + "\n";
+            return send_all(r.data(), r.size());
+        }
+
+        int set_trigger(const iiod_command &cmd)
+        {
+            std::lock_guard<std::mutex> lock(server.mu);
+            sensor_state *s = server.sensor_by_id(cmd.device);
+            if (!s)
+                return server.trigger_by_id(cmd.device) ? -ENOENT : -ENODEV;
+            long t = -1;
+            if (!cmd.trigger.empty()) {
+                t = server.trigger_index_by_word(cmd.trigger);
+                if (t < 0)
+                    return -ENOENT;
+            }
+            if (t != s->attached) {
+                s->attached = t;
+                server.restart_stream(*s, now_ns());
+            }
+            return 0;
+        }
+
+        int open_buffer(const iiod_command &cmd)
+        {
+            std::lock_guard<std::mutex> lock(server.mu);
+            sensor_state *s = server.sensor_by_id(cmd.device);
+            if (!s)
+                return server.trigger_by_id(cmd.device) ? -EINVAL : -ENODEV;
+            uint64_t mask;
+            if (cmd.cyclic || cmd.number == 0 || parse_iiod_mask(cmd.mask, s->model->channels().size(), &mask) || !mask)
+                return -EINVAL;
+            if (s->owner)
+                return -EBUSY;
+            s->mask = mask;
+            server.layout(*s);
+            if (cmd.number > kMaxBufferBytes / s->scan_size)
+                return -ENOMEM;
+            s->samples = static_cast<size_t>(cmd.number);
+            if (out.size() < 64 + s->samples * s->scan_size)
+                out.resize(64 + s->samples * s->scan_size);
+            s->owner = conn.serial;
+            s->enabled = true;
+            server.restart_stream(*s, now_ns());
+            return 0;
+        }
+
+        int close_buffer(std::string_view id)
+        {
+            std::lock_guard<std::mutex> lock(server.mu);
+            sensor_state *s = server.sensor_by_id(id);
+            if (!s || s->owner != conn.serial)
+                return -ENXIO;
+            release(*s);
+            return 0;
+        }
+
+        void release(sensor_state &s)
+        {
+            s.owner = 0;
+            s.enabled = false;
+            server.cv.notify_all();
+        }
+
+        bool read_buffer(const iiod_command &cmd)
+        {
+            std::unique_lock<std::mutex> lock(server.mu);
+            sensor_state *s = server.sensor_by_id(cmd.device);
+            if (!s || s->owner != conn.serial)
+                return lock.unlock(), reply(s || server.trigger_by_id(cmd.device) ? -EBADF : -ENODEV);
+            size_t want = std::min<uint64_t>(s->samples, cmd.number / s->scan_size);
+            if (want == 0)
+                return lock.unlock(), reply(-EINVAL);
+            if (s->error_left > 0) {
+                s->error_left--;
+                const int err = s->error_errno;
+                return lock.unlock(), reply(-err);
+            }
+            if (s->short_left > 0) {
+                s->short_left--;
+                want = std::min<size_t>(want, static_cast<size_t>(s->short_scans));
+                if (want == 0)
+                    return lock.unlock(), reply(0);
+            }
+            const int64_t deadline =
+                server.timeout_ms ? now_ns() + static_cast<int64_t>(server.timeout_ms) * kNsPerMs : kNever;
+            for (;;) {
+                if (server.stopping || conn.generation != server.generation || s->owner != conn.serial)
+                    return false;
+                const int64_t now = now_ns();
+                const uint64_t ready = server.waiting(*s, now);
+                if (ready >= want)
+                    break;
+                if (!s->model->blocking()) {
+                    if (ready == 0)
+                        return lock.unlock(), reply(-EAGAIN);
+                    want = static_cast<size_t>(ready);
+                    break;
+                }
+                // Answer -ETIMEDOUT before the client gives up on its side.
+                const int64_t wake = std::min(server.ready_at(*s, s->consumed + want - 1), deadline);
+                if (now >= deadline)
+                    return lock.unlock(), reply(-ETIMEDOUT);
+                if (wake == kNever)
+                    server.cv.wait(lock);
+                else
+                    server.cv.wait_until(lock, to_steady(wake));
+            }
+            const size_t bytes = want * s->scan_size;
+            const size_t words = (s->model->channels().size() + 31) / 32;
+            int n = std::snprintf(out.data(), 64, "%zu\n", bytes);
+            for (size_t w = words; w-- > 0;)
+                n += std::snprintf(out.data() + n, 16, "%08x", static_cast<unsigned>(s->mask >> (32 * w)));
+            out[static_cast<size_t>(n++)] = '\n';
+            server.write_scans(*s, s->consumed, want, out.data() + n);
+            s->consumed += want;
+            size_t total = static_cast<size_t>(n) + bytes;
+            // A batch shorter than asked ends with a zero length.
+            if (bytes < cmd.number) {
+                out[total++] = '0';
+                out[total++] = '\n';
+            }
+            lock.unlock();
+            return send_all(out.data(), total);
+        }
+    };
+
+    void serve(connection &conn)
+    {
+        {
+            session ses{*this, conn, {}, 0, 0, {}};
+            ses.run();
+        }
+        std::lock_guard<std::mutex> lock(mu);
+        // A connection that goes away closes what it opened, as a cancelled
+        // client buffer sends no CLOSE.
+        for (sensor_state &s : sensors)
+            if (s.owner == conn.serial) {
+                s.owner = 0;
+                s.enabled = false;
+            }
+        cv.notify_all();
+        close(conn.fd);
+        conn.fd = -1;
+        conn.done = true;
+    }
+};
+
+iiod_server::iiod_server(std::unique_ptr<impl> p) : impl_(std::move(p)) {}
+
+std::unique_ptr<iiod_server> iiod_server::start(const scenario &s, const server_options &options, std::string *error)
+{
+    std::string why;
+    if (scenario_validate(s, &why)) {
+        if (error)
+            *error = why;
+        return nullptr;
+    }
+    auto p = std::make_unique<impl>(s);
+    p->options = options;
+    p->timeout_ms = options.initial_timeout_ms;
+    for (const scenario_device &d : s.devices) {
+        sensor_state st;
+        st.model = make_device_model(d, s.seed ^ (p->sensors.size() + 1));
+        if (!st.model || st.model->channels().size() > kMaxChannels) {
+            if (error)
+                *error = d.name + ": no model for this device (kind or mounting matrix)";
+            return nullptr;
+        }
+        st.id = "iio:device" + std::to_string(p->sensors.size());
+        st.trigger = p->triggers.size();
+        st.values = st.model->initial_values();
+        p->triggers.push_back({"trigger" + std::to_string(p->triggers.size()), d.trigger, p->sensors.size()});
+        p->sensors.push_back(std::move(st));
+    }
+    p->build_xml();
+    p->schedule = s.faults;
+    std::stable_sort(p->schedule.begin(), p->schedule.end(),
+                     [](const scenario_fault &a, const scenario_fault &b) { return a.at_s < b.at_s; });
+    p->epoch = now_ns();
+    if (p->open_listener(error) != 0)
+        return nullptr;
+    impl *raw = p.get();
+    p->controller = std::thread([raw] { raw->control_loop(); });
+    return std::unique_ptr<iiod_server>(new iiod_server(std::move(p)));
+}
+
+iiod_server::~iiod_server()
+{
+    stop();
+}
+
+void iiod_server::stop()
+{
+    impl &p = *impl_;
+    std::thread acceptor, controller;
+    {
+        std::lock_guard<std::mutex> lock(p.mu);
+        if (p.stopping)
+            return;
+        p.stopping = true;
+        if (p.listen_fd >= 0)
+            shutdown(p.listen_fd, SHUT_RDWR);
+        for (connection &c : p.connections)
+            if (c.fd >= 0)
+                shutdown(c.fd, SHUT_RDWR);
+        acceptor = std::move(p.acceptor);
+        controller = std::move(p.controller);
+        p.cv.notify_all();
+    }
+    if (acceptor.joinable())
+        acceptor.join();
+    if (controller.joinable())
+        controller.join();
+    // Connection threads only take the lock briefly once shut down.
+    for (;;) {
+        std::unique_lock<std::mutex> lock(p.mu);
+        if (p.connections.empty())
+            break;
+        connection &c = p.connections.front();
+        std::thread t = std::move(c.thread);
+        lock.unlock();
+        if (t.joinable())
+            t.join();
+        lock.lock();
+        p.connections.pop_front();
+    }
+    std::lock_guard<std::mutex> lock(p.mu);
+    if (p.listen_fd >= 0) {
+        close(p.listen_fd);
+        p.listen_fd = -1;
+    }
+}
+
+uint16_t iiod_server::port() const
+{
+    std::lock_guard<std::mutex> lock(impl_->mu);
+    return impl_->port;
+}
+
+std::string iiod_server::uri() const
+{
+    return "ip:" + impl_->options.address + ":" + std::to_string(port());
+}
+
+int iiod_server::inject(const scenario_fault &fault)
+{
+    return impl_->arm(fault);
+}
+
+device_model *iiod_server::model(const std::string &name)
+{
+    for (sensor_state &s : impl_->sensors)
+        if (s.model->setup().name == name)
+            return s.model.get();
+    return nullptr;
+}
+
+const vehicle &iiod_server::truth() const
+{
+    return impl_->truth;
+}
+
+int64_t iiod_server::epoch_ns() const
+{
+    return impl_->epoch;
+}
+
+const std::string &iiod_server::context_xml() const
+{
+    return impl_->xml;
+}
+
+} // namespace sim

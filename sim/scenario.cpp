@@ -1,0 +1,353 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "sim/scenario.h"
+
+#include <libconfig.h>
+
+#include <array>
+#include <cctype>
+#include <cerrno>
+#include <cstring>
+#include <set>
+#include <string_view>
+#include <unistd.h>
+
+#include "sim/vehicle.h"
+
+namespace sim {
+namespace {
+
+constexpr std::array<const char *, 3> kDeviceKinds{"imu", "baro", "magneto"};
+constexpr std::array<const char *, 4> kFaultKinds{"refill-error", "short-batch", "stall", "disconnect"};
+
+template <typename E, size_t N>
+int kind_from_name(const std::array<const char *, N> &table, const char *name, E *out)
+{
+    for (size_t i = 0; name && i < table.size(); i++) {
+        if (std::strcmp(table[i], name) == 0) {
+            *out = static_cast<E>(i);
+            return 0;
+        }
+    }
+    return -EINVAL;
+}
+
+// Reads the scenario tree; each failure names the setting and its line.
+class reader {
+public:
+    explicit reader(std::string *error) : error_(error) {}
+
+    int fail(const config_setting_t *where, const std::string &what)
+    {
+        if (error_) {
+            *error_ = what;
+            if (where && config_setting_source_line(where))
+                *error_ += " (line " + std::to_string(config_setting_source_line(where)) + ")";
+        }
+        return -EINVAL;
+    }
+
+    // Numbers may be written as integers or floats.
+    int number(const config_setting_t *group, const char *key, double *out, bool required = false)
+    {
+        const config_setting_t *s = config_setting_get_member(group, key);
+        if (!s)
+            return required ? fail(group, std::string("missing '") + key + "'") : 0;
+        switch (config_setting_type(s)) {
+        case CONFIG_TYPE_INT:
+        case CONFIG_TYPE_INT64:
+            *out = static_cast<double>(config_setting_get_int64(s));
+            return 0;
+        case CONFIG_TYPE_FLOAT:
+            *out = config_setting_get_float(s);
+            return 0;
+        default:
+            return fail(s, std::string("'") + key + "' must be a number");
+        }
+    }
+
+    int integer(const config_setting_t *group, const char *key, int *out, bool required = false)
+    {
+        const config_setting_t *s = config_setting_get_member(group, key);
+        if (!s)
+            return required ? fail(group, std::string("missing '") + key + "'") : 0;
+        if (config_setting_type(s) != CONFIG_TYPE_INT)
+            return fail(s, std::string("'") + key + "' must be an integer");
+        *out = config_setting_get_int(s);
+        return 0;
+    }
+
+    int text(const config_setting_t *group, const char *key, std::string *out, bool required = false)
+    {
+        const config_setting_t *s = config_setting_get_member(group, key);
+        if (!s)
+            return required ? fail(group, std::string("missing '") + key + "'") : 0;
+        if (config_setting_type(s) != CONFIG_TYPE_STRING)
+            return fail(s, std::string("'") + key + "' must be a string");
+        *out = config_setting_get_string(s);
+        return 0;
+    }
+
+    template <size_t N>
+    int numbers(const config_setting_t *group, const char *key, std::array<double, N> *out)
+    {
+        const config_setting_t *s = config_setting_get_member(group, key);
+        if (!s)
+            return 0;
+        if (!config_setting_is_array(s) || config_setting_length(s) != static_cast<int>(N))
+            return fail(s, std::string("'") + key + "' must be an array of " + std::to_string(N) + " numbers");
+        for (size_t i = 0; i < N; i++) {
+            const config_setting_t *e = config_setting_get_elem(s, static_cast<unsigned>(i));
+            if (config_setting_type(e) == CONFIG_TYPE_FLOAT)
+                (*out)[i] = config_setting_get_float(e);
+            else if (config_setting_type(e) == CONFIG_TYPE_INT || config_setting_type(e) == CONFIG_TYPE_INT64)
+                (*out)[i] = static_cast<double>(config_setting_get_int64(e));
+            else
+                return fail(s, std::string("'") + key + "' must hold numbers");
+        }
+        return 0;
+    }
+
+    int device(const config_setting_t *g, scenario_device *d)
+    {
+        std::string kind;
+        int rc = text(g, "kind", &kind, true);
+        if (rc)
+            return rc;
+        if (device_kind_from_name(kind.c_str(), &d->kind))
+            return fail(g, "unknown device kind '" + kind + "'");
+        if ((rc = text(g, "name", &d->name, true)) || (rc = text(g, "trigger", &d->trigger, true)) ||
+            (rc = integer(g, "sampling-frequency", &d->sampling_frequency)) ||
+            (rc = integer(g, "rate-divider", &d->rate_divider)) || (rc = numbers(g, "mount-matrix", &d->mount_matrix)) ||
+            (rc = number(g, "noise", &d->noise_counts)) || (rc = number(g, "warm-up-rise", &d->warm.rise_k)) ||
+            (rc = number(g, "warm-up-time-constant", &d->warm.time_constant_s)))
+            return rc;
+        return 0;
+    }
+
+    int phase(const config_setting_t *g, scenario_phase *p)
+    {
+        int rc;
+        if ((rc = text(g, "name", &p->name)) || (rc = number(g, "duration", &p->duration_s, true)) ||
+            (rc = number(g, "roll-rate", &p->roll_rate)) || (rc = number(g, "pitch-rate", &p->pitch_rate)) ||
+            (rc = number(g, "yaw-rate", &p->yaw_rate)) || (rc = number(g, "climb-rate", &p->climb_rate)))
+            return rc;
+        return 0;
+    }
+
+    int fault(const config_setting_t *g, scenario_fault *f)
+    {
+        std::string kind;
+        int rc = text(g, "kind", &kind, true);
+        if (rc)
+            return rc;
+        if (fault_kind_from_name(kind.c_str(), &f->kind))
+            return fail(g, "unknown fault kind '" + kind + "'");
+        if ((rc = number(g, "at", &f->at_s, true)) || (rc = text(g, "device", &f->device)) ||
+            (rc = integer(g, "errno", &f->error)) || (rc = integer(g, "scans", &f->scans)) ||
+            (rc = integer(g, "count", &f->count)) || (rc = number(g, "duration", &f->duration_s)))
+            return rc;
+        return 0;
+    }
+
+    template <typename T, typename Fn>
+    int list(const config_setting_t *root, const char *key, std::vector<T> *out, Fn each)
+    {
+        const config_setting_t *s = config_setting_get_member(root, key);
+        if (!s)
+            return 0;
+        if (!config_setting_is_list(s))
+            return fail(s, std::string("'") + key + "' must be a list of groups");
+        out->clear();
+        for (int i = 0; i < config_setting_length(s); i++) {
+            const config_setting_t *g = config_setting_get_elem(s, static_cast<unsigned>(i));
+            if (!config_setting_is_group(g))
+                return fail(g, std::string("'") + key + "' must hold groups");
+            T item;
+            int rc = (this->*each)(g, &item);
+            if (rc)
+                return rc;
+            out->push_back(item);
+        }
+        return 0;
+    }
+
+    int all(const config_setting_t *root, scenario *s)
+    {
+        double seed = static_cast<double>(s->seed);
+        int rc;
+        if ((rc = text(root, "name", &s->name)) || (rc = number(root, "seed", &seed)) ||
+            (rc = number(root, "ambient-temperature", &s->ambient_k)) ||
+            (rc = number(root, "ground-altitude", &s->ground_altitude_m)) ||
+            (rc = number(root, "initial-heading", &s->initial_heading_rad)) ||
+            (rc = numbers(root, "earth-field", &s->earth_field_gauss)) ||
+            (rc = list(root, "devices", &s->devices, &reader::device)) ||
+            (rc = list(root, "phases", &s->phases, &reader::phase)) ||
+            (rc = list(root, "faults", &s->faults, &reader::fault)))
+            return rc;
+        s->seed = static_cast<uint64_t>(seed);
+        return 0;
+    }
+
+private:
+    std::string *error_;
+};
+
+bool is_wire_name(const std::string &name)
+{
+    // Names travel verbatim in the protocol's space-separated lines and in
+    // XML attributes.
+    if (name.empty() || name.size() > 64)
+        return false;
+    for (char c : name)
+        if (!(std::isalnum(static_cast<unsigned char>(c)) || c == '-' || c == '_' || c == '.' || c == ':'))
+            return false;
+    return true;
+}
+
+int set_error(std::string *error, const std::string &what)
+{
+    if (error)
+        *error = what;
+    return -EINVAL;
+}
+
+int parse_config(config_t *cfg, scenario *out, std::string *error)
+{
+    const config_setting_t *root = config_lookup(cfg, "simulator");
+    if (!root || !config_setting_is_group(root))
+        return set_error(error, "missing group 'simulator'");
+    scenario s = default_scenario();
+    int rc = reader(error).all(root, &s);
+    if (rc)
+        return rc;
+    rc = scenario_validate(s, error);
+    if (rc)
+        return rc;
+    *out = std::move(s);
+    return 0;
+}
+
+} // namespace
+
+const char *device_kind_name(device_kind kind)
+{
+    size_t i = static_cast<size_t>(kind);
+    return i < kDeviceKinds.size() ? kDeviceKinds[i] : "unknown";
+}
+
+const char *fault_kind_name(fault_kind kind)
+{
+    size_t i = static_cast<size_t>(kind);
+    return i < kFaultKinds.size() ? kFaultKinds[i] : "unknown";
+}
+
+int device_kind_from_name(const char *name, device_kind *out)
+{
+    return kind_from_name(kDeviceKinds, name, out);
+}
+
+int fault_kind_from_name(const char *name, fault_kind *out)
+{
+    return kind_from_name(kFaultKinds, name, out);
+}
+
+scenario default_scenario()
+{
+    scenario s;
+    s.name = "default";
+    s.seed = 42;
+    s.ambient_k = 293.15;
+    s.ground_altitude_m = 100.0;
+    // IMU mounted with x and y swapped and z down, as on the flight board.
+    scenario_device imu{device_kind::imu, "orlune-imu", "orlune-imu-trig", 1000, 5, {0, 1, 0, 1, 0, 0, 0, 0, -1},
+                    2.0, {12.0, 90.0}};
+    scenario_device baro{device_kind::baro, "orlune-lps22hb", "orlune-baro-trig", 75, 1, {1, 0, 0, 0, 1, 0, 0, 0, 1},
+                     20.0, {6.0, 120.0}};
+    scenario_device magneto{device_kind::magneto, "orlune-magneto", "orlune-magneto-trig", 100, 1,
+                        {-1, 0, 0, 0, 1, 0, 0, 0, -1}, 1.5, {4.0, 120.0}};
+    s.devices = {imu, baro, magneto};
+    s.phases = {
+        {"hover", 5.0, 0, 0, 0, 0},
+        {"climb", 4.0, 0, 0, 0, 1.5},
+        {"turn", 6.0, 0, 0, 0.5, 0},
+        {"bank", 2.0, 0.2, 0, 0, 0},
+        {"level", 2.0, -0.2, 0, 0, 0},
+        {"hover", 5.0, 0, 0, 0, 0},
+    };
+    return s;
+}
+
+int scenario_validate(const scenario &s, std::string *error)
+{
+    std::set<std::string> names;
+    for (const scenario_device &d : s.devices) {
+        if (!is_wire_name(d.name) || !is_wire_name(d.trigger))
+            return set_error(error, "device and trigger names need 1-64 of [A-Za-z0-9._:-]: '" + d.name + "', '" +
+                                        d.trigger + "'");
+        if (!names.insert(d.name).second || !names.insert(d.trigger).second)
+            return set_error(error, "duplicate name '" + d.name + "' or '" + d.trigger + "'");
+        if (d.sampling_frequency <= 0 || d.sampling_frequency > 1000000)
+            return set_error(error, d.name + ": sampling-frequency must be 1..1000000 Hz");
+        if (d.rate_divider < 1 || d.rate_divider > 64)
+            return set_error(error, d.name + ": rate-divider must be 1..64");
+        mat3 inverse;
+        if (!mat_inverse(d.mount_matrix, &inverse))
+            return set_error(error, d.name + ": mount-matrix cannot be inverted");
+        if (d.noise_counts < 0 || d.warm.time_constant_s <= 0)
+            return set_error(error, d.name + ": noise must be >= 0 and warm-up-time-constant > 0");
+    }
+    for (const scenario_device &a : s.devices)
+        for (const scenario_device &b : s.devices)
+            if (&a != &b && b.trigger.compare(0, a.trigger.size(), a.trigger) == 0)
+                return set_error(error, "trigger name '" + a.trigger + "' is a prefix of '" + b.trigger + "'");
+    for (const scenario_phase &p : s.phases)
+        if (!(p.duration_s > 0))
+            return set_error(error, "phase '" + p.name + "': duration must be positive");
+    for (const scenario_fault &f : s.faults) {
+        if (f.at_s < 0 || f.count < 1 || f.scans < 0 || f.error <= 0 || f.duration_s < 0)
+            return set_error(error, std::string(fault_kind_name(f.kind)) + ": at, count, scans, errno or duration out of range");
+        if (f.kind != fault_kind::disconnect && !names.count(f.device))
+            return set_error(error, std::string(fault_kind_name(f.kind)) + ": unknown device '" + f.device + "'");
+    }
+    return 0;
+}
+
+int scenario_parse(const char *text, scenario *out, std::string *error)
+{
+    config_t cfg;
+    config_init(&cfg);
+    int rc;
+    if (!config_read_string(&cfg, text)) {
+        const char *why = config_error_text(&cfg);
+        rc = set_error(error, std::string(why ? why : "syntax error") + " (line " +
+                                  std::to_string(config_error_line(&cfg)) + ")");
+    } else {
+        rc = parse_config(&cfg, out, error);
+    }
+    config_destroy(&cfg);
+    return rc;
+}
+
+int scenario_load(const char *path, scenario *out, std::string *error)
+{
+    if (!path || access(path, R_OK) != 0) {
+        int err = errno ? errno : ENOENT;
+        if (error)
+            *error = std::string(path ? path : "(null)") + ": " + std::strerror(err);
+        return -err;
+    }
+    config_t cfg;
+    config_init(&cfg);
+    int rc;
+    if (!config_read_file(&cfg, path)) {
+        const char *why = config_error_text(&cfg);
+        rc = set_error(error, std::string(path) + ":" + std::to_string(config_error_line(&cfg)) + ": " +
+                                  (why ? why : "cannot be read"));
+    } else {
+        rc = parse_config(&cfg, out, error);
+    }
+    config_destroy(&cfg);
+    return rc;
+}
+
+} // namespace sim

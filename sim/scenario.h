@@ -1,0 +1,87 @@
+// SPDX-License-Identifier: Apache-2.0
+// What the virtual vehicle does: its simulated IIO devices, the flight
+// phases that drive the truth, and the faults scripted in time.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace sim {
+
+// Each kind has one device model (iio_devices.h); a new kind is one more row
+// in kDeviceKinds and one more model.
+enum class device_kind { imu, baro, magneto };
+
+enum class fault_kind { refill_error, short_batch, stall, disconnect };
+
+// Die temperature: ambient + rise * (1 - exp(-t / time_constant)).
+struct warm_up {
+    double rise_k = 0.0;
+    double time_constant_s = 60.0;
+};
+
+struct scenario_device {
+    device_kind kind = device_kind::imu;
+    std::string name;             // IIO device name
+    std::string trigger;          // name of its trigger device
+    int sampling_frequency = 100; // Hz
+    int rate_divider = 1;         // IMU: scans per trigger batch
+    // Mounting matrix, row-major: vehicle vector = matrix x sensor vector.
+    std::array<double, 9> mount_matrix{1, 0, 0, 0, 1, 0, 0, 0, 1};
+    double noise_counts = 0.0; // standard deviation of the added noise, in raw counts
+    warm_up warm;
+};
+
+struct scenario_phase {
+    std::string name;
+    double duration_s = 0.0;
+    // Euler angle rates (roll, pitch, yaw), rad/s, and vertical speed, m/s up.
+    double roll_rate = 0.0;
+    double pitch_rate = 0.0;
+    double yaw_rate = 0.0;
+    double climb_rate = 0.0;
+};
+
+struct scenario_fault {
+    double at_s = 0.0; // scenario time at which the fault is armed
+    fault_kind kind = fault_kind::refill_error;
+    std::string device; // device name; empty for disconnect
+    int error = 5;      // refill-error: positive errno of the reply
+    int scans = 1;      // short-batch: scans delivered
+    int count = 1;      // refill-error, short-batch: refills affected
+    double duration_s = 1.0; // stall: trigger silent; disconnect: server down
+};
+
+struct scenario {
+    std::string name = "default";
+    uint64_t seed = 1;
+    double ambient_k = 293.15;
+    double ground_altitude_m = 0.0; // above mean sea level
+    double initial_heading_rad = 0.0;
+    // Earth's field in the north-east-down frame, gauss.
+    std::array<double, 3> earth_field_gauss{0.21, 0.0, 0.43};
+    std::vector<scenario_device> devices;
+    std::vector<scenario_phase> phases;
+    std::vector<scenario_fault> faults;
+};
+
+// The built-in scenario: examples/scenarios/default.cfg says the same.
+scenario default_scenario();
+
+// Reads a libconfig scenario file. Returns 0, or -EINVAL with a message in
+// *error (line number and what is wrong), -ENOENT when the file is missing.
+int scenario_load(const char *path, scenario *out, std::string *error);
+int scenario_parse(const char *text, scenario *out, std::string *error);
+
+// Checks names (no white space, unique, trigger names not prefixes of one
+// another, since the client matches a trigger by name prefix) and ranges.
+int scenario_validate(const scenario &s, std::string *error);
+
+const char *device_kind_name(device_kind kind);
+const char *fault_kind_name(fault_kind kind);
+int device_kind_from_name(const char *name, device_kind *out);
+int fault_kind_from_name(const char *name, fault_kind *out);
+
+} // namespace sim

@@ -1,0 +1,92 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "sim/thermal.h"
+
+#include <cerrno>
+#include <memory>
+#include <span>
+
+#include "calib/calib_sets.h"
+
+namespace sim {
+
+namespace {
+
+// The calibration sets outlive the server's sampling threads: the inverses
+// hold them by shared pointer.
+template <typename T, void (*Destroy)(T *)>
+std::shared_ptr<T> share(T *p)
+{
+    return std::shared_ptr<T>(p, Destroy);
+}
+
+// The plug-in computes out = M (raw - b): the sensor read raw = M^-1 out + b.
+void uncalibrate_vector(double *values, const double matrix[3][3], const double bias[3])
+{
+    mat3 m{};
+    for (int r = 0; r < 3; r++)
+        for (int c = 0; c < 3; c++)
+            m[size_t(r * 3 + c)] = matrix[r][c];
+    mat3 inverse;
+    if (!mat_inverse(m, &inverse))
+        return; // a singular calibration matrix: leave the truth as it is
+    vec3 raw = mat_mul(inverse, vec3{values[0], values[1], values[2]});
+    for (int a = 0; a < 3; a++)
+        values[a] = raw[size_t(a)] + bias[a];
+}
+
+} // namespace
+
+int install_thermal_inverses(iiod_server &server, const scenario &s, std::string *error)
+{
+    for (const scenario_device &d : s.devices) {
+        device_model *model = server.model(d.name);
+        if (!model)
+            continue;
+        switch (d.kind) {
+        case device_kind::imu: {
+            auto set = share<imu_calib, imu_calib_destroy>(imu_calib_new());
+            if (!set) {
+                *error = "the IMU calibration files are unusable";
+                return -EINVAL;
+            }
+            model->thermal = [set](std::span<double> values, double temp_k) {
+                imu_calib_terms terms;
+                imu_calib_terms_at(*set, temp_k, &terms);
+                uncalibrate_vector(&values[0], terms.accel_matrix, terms.accel_bias);
+                uncalibrate_vector(&values[3], terms.gyro_matrix, terms.gyro_bias);
+            };
+            break;
+        }
+        case device_kind::baro: {
+            auto set = share<baro_calib, baro_calib_destroy>(baro_calib_new());
+            if (!set) {
+                *error = "the barometer calibration file is unusable";
+                return -EINVAL;
+            }
+            model->thermal = [set](std::span<double> values, double temp_k) {
+                values[0] += baro_calib_bias_at(*set, temp_k);
+            };
+            break;
+        }
+        case device_kind::magneto: {
+            auto set = share<magneto_calib, magneto_calib_destroy>(magneto_calib_new());
+            if (!set) {
+                *error = "the magnetometer calibration file is unusable";
+                return -EINVAL;
+            }
+            // The plug-in corrects the field at the barometer's temperature;
+            // the model is handed its own die's, which warms alike.
+            model->thermal = [set](std::span<double> values, double temp_k) {
+                double bias[3];
+                magneto_calib_bias_at(*set, temp_k, bias);
+                for (int a = 0; a < 3; a++)
+                    values[size_t(a)] += bias[a];
+            };
+            break;
+        }
+        }
+    }
+    return 0;
+}
+
+} // namespace sim

@@ -1,0 +1,365 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "platform/iio_helper.h"
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+
+#include "platform/log.h"
+#include "platform/time_helpers.h"
+
+namespace {
+
+constexpr log_tag kTag{"iio_helper"};
+constexpr size_t kValueMax = 256; // a mount matrix is about 60 characters
+
+// Where libiio keeps an attribute found by its sysfs file name.
+struct attr_location {
+    const iio_channel *channel; // null: a device attribute
+    const char *name;           // the name libiio reads it by
+};
+
+int find_attr(const iio_device *device, const char *file, attr_location *where)
+{
+    const unsigned device_attrs = iio_device_get_attrs_count(device);
+    for (unsigned i = 0; i < device_attrs; i++) {
+        const char *name = iio_device_get_attr(device, i);
+        if (name && std::strcmp(name, file) == 0) {
+            *where = {nullptr, name};
+            return 0;
+        }
+    }
+    const unsigned channels = iio_device_get_channels_count(device);
+    for (unsigned c = 0; c < channels; c++) {
+        const iio_channel *chn = iio_device_get_channel(device, c);
+        const unsigned attrs = iio_channel_get_attrs_count(chn);
+        for (unsigned i = 0; i < attrs; i++) {
+            const char *name = iio_channel_get_attr(chn, i);
+            const char *filename = iio_channel_attr_get_filename(chn, name);
+            if (filename && std::strcmp(filename, file) == 0) {
+                *where = {chn, name};
+                return 0;
+            }
+        }
+    }
+    return -ENOENT;
+}
+
+const char *device_label(const iio_device *device)
+{
+    const char *name = iio_device_get_name(device);
+    return name ? name : iio_device_get_id(device);
+}
+
+int read_attr_text(iio_device *device, const char *file, char *value, size_t size)
+{
+    attr_location where;
+    int rc = find_attr(device, file, &where);
+    if (rc) {
+        log_msg(kTag, LOG_ERR, "%s: no attribute %s", device_label(device), file);
+        return rc;
+    }
+    const ssize_t n = where.channel ? iio_channel_attr_read(where.channel, where.name, value, size)
+                                    : iio_device_attr_read(device, where.name, value, size);
+    if (n < 0) {
+        log_msg(kTag, LOG_ERR, "%s: can't read %s: %s", device_label(device), file, std::strerror(static_cast<int>(-n)));
+        return static_cast<int>(n);
+    }
+    return 0;
+}
+
+void disable_bound(const iio_channel_binding *bindings, size_t count)
+{
+    for (size_t i = 0; i < count; i++) {
+        if (bindings[i].channel && *bindings[i].channel) {
+            iio_channel_disable(*bindings[i].channel);
+            *bindings[i].channel = nullptr;
+        }
+    }
+}
+
+int write_enable(iio_device *device, const char *value)
+{
+    const ssize_t n = iio_device_buffer_attr_write(device, "enable", value);
+    if (n < 0)
+        log_msg(kTag, LOG_ERR, "%s: can't write buffer enable %s: %s", device_label(device), value,
+                std::strerror(static_cast<int>(-n)));
+    return static_cast<int>(n);
+}
+
+} // namespace
+
+iio_device *device_init(iio_context *ctx, const char *name, int buffered)
+{
+    if (!ctx || !name)
+        return nullptr;
+    iio_device *device = iio_context_find_device(ctx, name);
+    if (!device) {
+        log_msg(kTag, LOG_ERR, "IIO device %s not found", name);
+        return nullptr;
+    }
+    if (buffered) {
+        bool streams = false;
+        for (unsigned i = 0; i < iio_device_get_channels_count(device); i++)
+            streams = streams || iio_channel_is_scan_element(iio_device_get_channel(device, i));
+        if (!streams) {
+            log_msg(kTag, LOG_ERR, "IIO device %s has no buffer", name);
+            return nullptr;
+        }
+    }
+    return device;
+}
+
+iio_device *trigger_init(iio_context *ctx, const char *name, iio_device *device)
+{
+    if (!ctx || !name)
+        return nullptr;
+    iio_device *trigger = iio_context_find_device(ctx, name);
+    if (!trigger || !iio_device_is_trigger(trigger)) {
+        log_msg(kTag, LOG_ERR, "IIO trigger %s not found", name);
+        return nullptr;
+    }
+    if (device) {
+        const iio_device *current = nullptr;
+        // A trigger cannot change under an enabled buffer: leave it alone when
+        // it is already the one.
+        if (iio_device_get_trigger(device, &current) == 0 && current == trigger)
+            return trigger;
+        const int rc = iio_device_set_trigger(device, trigger);
+        if (rc < 0) {
+            log_msg(kTag, LOG_ERR, "%s: can't attach trigger %s: %s", device_label(device), name, std::strerror(-rc));
+            return nullptr;
+        }
+    }
+    return trigger;
+}
+
+int attr_read_doubles(iio_device *device, const iio_attr_double *attrs, size_t count)
+{
+    if (!device || (!attrs && count))
+        return -EINVAL;
+    for (size_t i = 0; i < count; i++) {
+        if (!attrs[i].name || !attrs[i].value)
+            return -EINVAL;
+        attr_location where;
+        int rc = find_attr(device, attrs[i].name, &where);
+        if (rc) {
+            log_msg(kTag, LOG_ERR, "%s: no attribute %s", device_label(device), attrs[i].name);
+            return rc;
+        }
+        rc = where.channel ? iio_channel_attr_read_double(where.channel, where.name, attrs[i].value)
+                           : iio_device_attr_read_double(device, where.name, attrs[i].value);
+        if (rc < 0) {
+            log_msg(kTag, LOG_ERR, "%s: can't read %s: %s", device_label(device), attrs[i].name, std::strerror(-rc));
+            return rc;
+        }
+    }
+    return 0;
+}
+
+int matrix_parse(const char *text, float matrix[9])
+{
+    if (!text || !matrix)
+        return -EINVAL;
+    float values[9];
+    const char *p = text;
+    for (int i = 0; i < 9; i++) {
+        // Numbers separated by ',' within a row and ';' between rows.
+        while (*p == ' ' || *p == '\t')
+            p++;
+        char *end;
+        errno = 0;
+        const double v = std::strtod(p, &end);
+        if (end == p || errno == ERANGE)
+            return -EINVAL;
+        values[i] = static_cast<float>(v);
+        p = end;
+        while (*p == ' ' || *p == '\t')
+            p++;
+        const char expected = i == 8 ? '\0' : (i % 3 == 2 ? ';' : ',');
+        if (i == 8) {
+            while (*p == '\n' || *p == ' ')
+                p++;
+        }
+        if (*p != expected)
+            return -EINVAL;
+        if (*p)
+            p++;
+    }
+    std::memcpy(matrix, values, sizeof values);
+    return 0;
+}
+
+int attr_read_matrix(iio_device *device, const char *name, float matrix[9])
+{
+    if (!device || !name || !matrix)
+        return -EINVAL;
+    char value[kValueMax];
+    int rc = read_attr_text(device, name, value, sizeof value);
+    if (rc)
+        return rc;
+    rc = matrix_parse(value, matrix);
+    if (rc)
+        log_msg(kTag, LOG_ERR, "%s: %s is not a 3x3 matrix: '%s'", device_label(device), name, value);
+    return rc;
+}
+
+iio_buffer *buffer_create(iio_device *device, const iio_channel_binding *bindings, size_t count,
+                          size_t kernel_length, size_t samples_per_refill, int blocking)
+{
+    if (!device || !bindings || !count || !samples_per_refill)
+        return nullptr;
+    for (size_t i = 0; i < count; i++)
+        if (bindings[i].channel)
+            *bindings[i].channel = nullptr;
+    for (size_t i = 0; i < count; i++) {
+        iio_channel *chn = bindings[i].name ? iio_device_find_channel(device, bindings[i].name, false) : nullptr;
+        if (!chn || !bindings[i].channel || !iio_channel_is_scan_element(chn)) {
+            log_msg(kTag, LOG_ERR, "%s: no channel %s to stream", device_label(device),
+                    bindings[i].name ? bindings[i].name : "(null)");
+            disable_bound(bindings, count);
+            return nullptr;
+        }
+        iio_channel_enable(chn);
+        *bindings[i].channel = chn;
+    }
+    if (kernel_length && iio_device_find_buffer_attr(device, "length")) {
+        const int rc = iio_device_buffer_attr_write_longlong(device, "length", static_cast<long long>(kernel_length));
+        if (rc < 0) {
+            log_msg(kTag, LOG_ERR, "%s: can't set buffer length %zu: %s", device_label(device), kernel_length,
+                    std::strerror(-rc));
+            disable_bound(bindings, count);
+            return nullptr;
+        }
+    }
+    iio_buffer *buffer = iio_device_create_buffer(device, samples_per_refill, false);
+    if (!buffer) {
+        const int err = errno;
+        log_msg(kTag, LOG_ERR, "%s: can't create buffer of %zu samples: %s", device_label(device), samples_per_refill,
+                std::strerror(err));
+        disable_bound(bindings, count);
+        return nullptr;
+    }
+    // The network backend cannot switch modes (-ENOSYS): there the device
+    // itself blocks (a batched sensor) or answers -EAGAIN (a polled one).
+    const int rc = iio_buffer_set_blocking_mode(buffer, blocking != 0);
+    if (rc < 0 && rc != -ENOSYS) {
+        log_msg(kTag, LOG_ERR, "%s: can't set blocking mode %d: %s", device_label(device), blocking, std::strerror(-rc));
+        iio_buffer_destroy(buffer);
+        disable_bound(bindings, count);
+        return nullptr;
+    }
+    return buffer;
+}
+
+int device_enable(iio_device *device, iio_device *trigger, iio_buffer *buffer)
+{
+    if (!device || !buffer)
+        return -EINVAL;
+    if (trigger) {
+        const iio_device *current = nullptr;
+        if (iio_device_get_trigger(device, &current) != 0 || current != trigger) {
+            const int rc = iio_device_set_trigger(device, trigger);
+            if (rc < 0) {
+                log_msg(kTag, LOG_ERR, "%s: can't attach trigger %s: %s", device_label(device), device_label(trigger),
+                        std::strerror(-rc));
+                return rc;
+            }
+        }
+    }
+    return write_enable(device, "1");
+}
+
+int device_disable(iio_device *device, iio_device *trigger)
+{
+    (void)trigger; // stays attached: the kernel refuses to swap it under an enabled buffer
+    if (!device)
+        return -EINVAL;
+    return write_enable(device, "0");
+}
+
+void device_deinit(iio_device *device, iio_device *trigger, iio_buffer *buffer)
+{
+    if (buffer)
+        iio_buffer_destroy(buffer);
+    if (device && trigger) {
+        const int rc = iio_device_set_trigger(device, nullptr);
+        if (rc < 0)
+            log_msg(kTag, LOG_WARNING, "%s: can't detach trigger: %s", device_label(device), std::strerror(-rc));
+    }
+}
+
+int64_t channel_convert_int(const iio_channel *channel, const void *src)
+{
+    if (!channel || !src)
+        return 0;
+    const iio_data_format *f = iio_channel_get_data_format(channel);
+    const unsigned bytes = f->length / 8;
+    const unsigned repeat = f->repeat ? f->repeat : 1;
+    alignas(8) unsigned char out[64] = {};
+    if (bytes == 0 || bytes > 8 || bytes * repeat > sizeof out)
+        return 0;
+    // Byte order, shift, sign extension or masking, as libiio does it.
+    iio_channel_convert(channel, out, src);
+    switch (bytes) {
+    case 1: {
+        uint8_t v;
+        std::memcpy(&v, out, 1);
+        return f->is_signed ? static_cast<int8_t>(v) : v;
+    }
+    case 2: {
+        uint16_t v;
+        std::memcpy(&v, out, 2);
+        return f->is_signed ? static_cast<int16_t>(v) : v;
+    }
+    case 4: {
+        uint32_t v;
+        std::memcpy(&v, out, 4);
+        return f->is_signed ? static_cast<int32_t>(v) : v;
+    }
+    case 8: {
+        uint64_t v;
+        std::memcpy(&v, out, 8);
+        return static_cast<int64_t>(v);
+    }
+    default:
+        return 0;
+    }
+}
+
+float channel_convert_float(const iio_channel *channel, const void *src)
+{
+    return static_cast<float>(channel_convert_int(channel, src));
+}
+
+float buffer_first_float(const iio_buffer *buffer, const iio_channel *channel)
+{
+    if (!buffer || !channel)
+        return 0.0f;
+    const char *p = static_cast<const char *>(iio_buffer_first(buffer, channel));
+    if (!p || p >= static_cast<const char *>(iio_buffer_end(buffer)))
+        return 0.0f;
+    return channel_convert_float(channel, p);
+}
+
+int buffer_first_timestamp(const iio_buffer *buffer, const iio_channel *channel, timespec *timestamp)
+{
+    if (!buffer || !channel || !timestamp)
+        return -EINVAL;
+    const char *p = static_cast<const char *>(iio_buffer_first(buffer, channel));
+    if (!p || p >= static_cast<const char *>(iio_buffer_end(buffer)))
+        return -ENODATA;
+    *timestamp = ns_to_timespec(channel_convert_int(channel, p));
+    return 0;
+}
+
+void vector_rotate(float vec[3], const float matrix[9])
+{
+    if (!vec || !matrix)
+        return;
+    const float x = vec[0], y = vec[1], z = vec[2];
+    vec[0] = matrix[0] * x + matrix[1] * y + matrix[2] * z;
+    vec[1] = matrix[3] * x + matrix[4] * y + matrix[5] * z;
+    vec[2] = matrix[6] * x + matrix[7] * y + matrix[8] * z;
+}

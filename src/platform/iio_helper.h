@@ -1,0 +1,87 @@
+// SPDX-License-Identifier: Apache-2.0
+// iio_helper: the IIO set-up and conversions every IIO sensor module shares,
+// on top of libiio. It works the same on a board (libiio's local backend)
+// and against a remote iiod (IIOD_REMOTE): attributes are found by their
+// sysfs file name, wherever libiio lists them.
+//
+// Functions that can fail return 0 (or a non-negative count) or a negative
+// errno, or null; each failure is logged under the tag "iio_helper".
+#pragma once
+
+#include <iio.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <ctime>
+
+// A channel to enable in buffer_create, and where to store its handle.
+struct iio_channel_binding {
+    const char *name;
+    iio_channel **channel;
+};
+
+// An attribute to read with attr_read_doubles, by sysfs file name
+// ("in_accel_scale", "sampling_frequency"), and where to store its value.
+struct iio_attr_double {
+    const char *name;
+    double *value;
+};
+
+// The device named (device name, label or id). With buffered set, the device
+// must be able to stream (have scan elements). Null when not found.
+iio_device *device_init(iio_context *ctx, const char *name, int buffered);
+
+// The trigger named; when device is given, the trigger is attached to it
+// (a triggered buffer needs its trigger before it is enabled). Null when the
+// trigger is missing, is not a trigger, or cannot be attached.
+iio_device *trigger_init(iio_context *ctx, const char *name, iio_device *device);
+
+// Reads each attribute as a double; stops at the first failure (-ENOENT for
+// an attribute the device does not have).
+int attr_read_doubles(iio_device *device, const iio_attr_double *attrs, size_t count);
+
+// Reads a kernel mount matrix ("x1, y1, z1; x2, y2, z2; x3, y3, z3") into
+// nine floats, row-major. -EINVAL when it does not hold nine numbers.
+int attr_read_matrix(iio_device *device, const char *name, float matrix[9]);
+inline int attr_read_matrix(iio_device *device, const char *name, float matrix[3][3])
+{
+    return attr_read_matrix(device, name, &matrix[0][0]);
+}
+// The parser behind attr_read_matrix.
+int matrix_parse(const char *text, float matrix[9]);
+
+// Enables the bound channels (storing each handle), sets the kernel buffer
+// length (in scans) and creates a buffer that each refill fills with up to
+// samples_per_refill scans. blocking selects whether a refill waits for a
+// full batch; a backend that cannot switch modes (the network one) keeps the
+// device's own behaviour. Null on failure, with every channel disabled again.
+iio_buffer *buffer_create(iio_device *device, const iio_channel_binding *bindings, size_t count,
+                          size_t kernel_length, size_t samples_per_refill, int blocking);
+
+// Starts and stops streaming into an existing buffer (its "enable" buffer
+// attribute). device_enable also attaches the trigger when one is given.
+// Results: the attribute write's byte count, or a negative errno.
+int device_enable(iio_device *device, iio_device *trigger, iio_buffer *buffer);
+int device_disable(iio_device *device, iio_device *trigger);
+
+// Releases what the set-up made: destroys the buffer and detaches the
+// trigger. Any argument may be null.
+void device_deinit(iio_device *device, iio_device *trigger, iio_buffer *buffer);
+
+// The channel's value in the buffer's first scan, in the channel's own
+// format (sign, bits, storage), as a float; 0 when there is no such sample.
+float buffer_first_float(const iio_buffer *buffer, const iio_channel *channel);
+// The first scan's timestamp channel (signed nanoseconds) as a timespec.
+// Returns 0, or -EINVAL for null arguments.
+int buffer_first_timestamp(const iio_buffer *buffer, const iio_channel *channel, timespec *timestamp);
+// Converts one sample at src, in the channel's format, to a float.
+float channel_convert_float(const iio_channel *channel, const void *src);
+// Same, as a 64-bit integer (sign-extended or zero-extended).
+int64_t channel_convert_int(const iio_channel *channel, const void *src);
+
+// vec = matrix x vec, the matrix row-major, the vector a column.
+void vector_rotate(float vec[3], const float matrix[9]);
+inline void vector_rotate(float vec[3], const float matrix[3][3])
+{
+    vector_rotate(vec, &matrix[0][0]);
+}

@@ -1,0 +1,470 @@
+// SPDX-License-Identifier: Apache-2.0
+// iio_helper over the genuine libiio network backend, against the virtual
+// vehicle's iiod server started in this process on an ephemeral port.
+#include "platform/iio_helper.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <memory>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "sim/iiod_server.h"
+#include "support/test_env.h"
+
+#if !defined(__SANITIZE_ADDRESS__)
+// Counts the allocations the test thread makes while counting is on: the
+// acquisition path (refill, conversions) must make none.
+extern "C" void *__libc_malloc(size_t);
+extern "C" void *__libc_calloc(size_t, size_t);
+extern "C" void *__libc_realloc(void *, size_t);
+namespace {
+thread_local bool counting = false;
+thread_local long allocations = 0;
+} // namespace
+extern "C" void *malloc(size_t n)
+{
+    allocations += counting;
+    return __libc_malloc(n);
+}
+extern "C" void *calloc(size_t n, size_t size)
+{
+    allocations += counting;
+    return __libc_calloc(n, size);
+}
+extern "C" void *realloc(void *p, size_t n)
+{
+    allocations += counting;
+    return __libc_realloc(p, n);
+}
+#define ORLUNE_COUNTS_ALLOCATIONS 1
+#endif
+
+namespace {
+
+using clock_type = std::chrono::steady_clock;
+
+struct context_deleter {
+    void operator()(iio_context *c) const { iio_context_destroy(c); }
+};
+using context_ptr = std::unique_ptr<iio_context, context_deleter>;
+
+constexpr std::array<const char *, 8> kImuChannels{"accel_x",   "accel_y",   "accel_z", "anglvel_x",
+                                                   "anglvel_y", "anglvel_z", "temp0",   "timestamp"};
+
+class IioHelper : public ::testing::Test {
+protected:
+    void start(sim::scenario s = sim::default_scenario())
+    {
+        s.faults.clear();
+        std::string error;
+        server_ = sim::iiod_server::start(s, {}, &error);
+        ASSERT_TRUE(server_) << error;
+        setenv("IIOD_REMOTE", server_->uri().c_str(), 1);
+        ctx_.reset(iio_create_default_context());
+        ASSERT_TRUE(ctx_) << "errno " << errno;
+    }
+    void SetUp() override { start(); }
+    void TearDown() override
+    {
+        device_deinit(imu_, imu_trigger_, imu_buffer_);
+        ctx_.reset();
+        server_.reset();
+        unsetenv("IIOD_REMOTE");
+    }
+
+    // The IMU as the IMU module sets it up: batches of five, blocking.
+    void open_imu()
+    {
+        imu_ = device_init(ctx_.get(), "orlune-imu", 1);
+        ASSERT_TRUE(imu_);
+        imu_trigger_ = trigger_init(ctx_.get(), "orlune-imu-trig", imu_);
+        ASSERT_TRUE(imu_trigger_);
+        std::array<iio_channel_binding, 8> bindings;
+        for (size_t i = 0; i < bindings.size(); i++)
+            bindings[i] = {kImuChannels[i], &channels_[i]};
+        imu_buffer_ = buffer_create(imu_, bindings.data(), bindings.size(), 25, 5, 1);
+        ASSERT_TRUE(imu_buffer_);
+        ASSERT_GE(device_enable(imu_, imu_trigger_, imu_buffer_), 0);
+    }
+
+    std::unique_ptr<sim::iiod_server> server_;
+    context_ptr ctx_;
+    iio_device *imu_ = nullptr;
+    iio_device *imu_trigger_ = nullptr;
+    iio_buffer *imu_buffer_ = nullptr;
+    std::array<iio_channel *, 8> channels_{};
+};
+
+TEST_F(IioHelper, DeviceInitFindsDevicesAndRequiresScanElementsWhenBuffered)
+{
+    struct row {
+        const char *name;
+        int buffered;
+        bool found;
+    };
+    for (const row &r : {row{"orlune-imu", 1, true}, row{"orlune-lps22hb", 1, true}, row{"iio:device2", 1, true},
+                         row{"orlune-imu-trig", 0, true}, row{"orlune-imu-trig", 1, false}, row{"orlune-gps", 0, false}})
+        EXPECT_EQ(device_init(ctx_.get(), r.name, r.buffered) != nullptr, r.found) << r.name << " " << r.buffered;
+    log_capture cap;
+    EXPECT_EQ(device_init(ctx_.get(), "orlune-gps", 1), nullptr);
+    EXPECT_EQ(cap.texts("iio_helper"), std::vector<std::string>{"IIO device orlune-gps not found"});
+}
+
+TEST_F(IioHelper, TriggerInitAttachesTheTriggerToTheDevice)
+{
+    iio_device *baro = device_init(ctx_.get(), "orlune-lps22hb", 1);
+    ASSERT_TRUE(baro);
+    const iio_device *current = baro;
+    ASSERT_EQ(iio_device_get_trigger(baro, &current), 0);
+    EXPECT_EQ(current, nullptr);
+
+    iio_device *trigger = trigger_init(ctx_.get(), "orlune-baro-trig", baro);
+    ASSERT_TRUE(trigger);
+    ASSERT_EQ(iio_device_get_trigger(baro, &current), 0);
+    EXPECT_EQ(current, trigger);
+    EXPECT_STREQ(iio_device_get_name(current), "orlune-baro-trig");
+
+    // Without a device the trigger is only looked up (the motor controller's use).
+    EXPECT_EQ(trigger_init(ctx_.get(), "orlune-imu-trig", nullptr), iio_context_find_device(ctx_.get(), "orlune-imu-trig"));
+    EXPECT_EQ(trigger_init(ctx_.get(), "orlune-magneto", baro), nullptr); // a device, not a trigger
+    EXPECT_EQ(trigger_init(ctx_.get(), "orlune-gps-trig", baro), nullptr);
+
+    device_deinit(baro, trigger, nullptr);
+    ASSERT_EQ(iio_device_get_trigger(baro, &current), 0);
+    EXPECT_EQ(current, nullptr);
+}
+
+TEST_F(IioHelper, AttrReadDoublesFindsChannelAndDeviceAttributesByFileName)
+{
+    iio_device *imu = device_init(ctx_.get(), "orlune-imu", 1);
+    iio_device *baro = device_init(ctx_.get(), "orlune-lps22hb", 1);
+    iio_device *magneto = device_init(ctx_.get(), "orlune-magneto", 1);
+    double gyro = 0, accel = 0, temp_scale = 0, temp_offset = 0, rate = 0;
+    const iio_attr_double imu_attrs[] = {{"in_anglvel_scale", &gyro},
+                                         {"in_accel_scale", &accel},
+                                         {"in_temp0_scale", &temp_scale},
+                                         {"in_temp0_offset", &temp_offset},
+                                         {"sampling_frequency", &rate}};
+    ASSERT_EQ(attr_read_doubles(imu, imu_attrs, 5), 0);
+    EXPECT_DOUBLE_EQ(gyro, 0.001065264);
+    EXPECT_DOUBLE_EQ(accel, 0.002394202);
+    EXPECT_DOUBLE_EQ(temp_scale, 0.002941176);
+    EXPECT_DOUBLE_EQ(temp_offset, 12420);
+    EXPECT_DOUBLE_EQ(rate, 1000);
+
+    double pressure = 0, temp1 = 0, z = 0;
+    const iio_attr_double baro_attrs[] = {{"in_pressure0_scale", &pressure}, {"in_temp1_scale", &temp1}};
+    ASSERT_EQ(attr_read_doubles(baro, baro_attrs, 2), 0);
+    EXPECT_DOUBLE_EQ(pressure, 0.0000244140625);
+    EXPECT_DOUBLE_EQ(temp1, 10);
+    const iio_attr_double magneto_attrs[] = {{"in_magn_z_scale", &z}};
+    ASSERT_EQ(attr_read_doubles(magneto, magneto_attrs, 1), 0);
+    EXPECT_DOUBLE_EQ(z, 0.00125);
+
+    // A missing file stops the list there: the IMU has no magnetometer scale.
+    log_capture cap;
+    double untouched = -1;
+    const iio_attr_double missing[] = {{"in_accel_scale", &accel}, {"in_magn_x_scale", &untouched}};
+    EXPECT_EQ(attr_read_doubles(imu, missing, 2), -ENOENT);
+    EXPECT_EQ(untouched, -1);
+    EXPECT_EQ(cap.texts("iio_helper"), std::vector<std::string>{"orlune-imu: no attribute in_magn_x_scale"});
+    EXPECT_EQ(attr_read_doubles(nullptr, missing, 2), -EINVAL);
+}
+
+TEST_F(IioHelper, AttrReadMatrixReadsTheKernelMountMatrices)
+{
+    float imu_accel[9] = {}, imu_gyro[3][3] = {}, magneto[9] = {};
+    ASSERT_EQ(attr_read_matrix(device_init(ctx_.get(), "orlune-imu", 1), "in_accel_mount_matrix", imu_accel), 0);
+    ASSERT_EQ(attr_read_matrix(device_init(ctx_.get(), "orlune-imu", 1), "in_anglvel_mount_matrix", imu_gyro), 0);
+    ASSERT_EQ(attr_read_matrix(device_init(ctx_.get(), "orlune-magneto", 1), "in_mount_matrix", magneto), 0);
+    const float imu_expected[9] = {0, 1, 0, 1, 0, 0, 0, 0, -1};
+    const float magneto_expected[9] = {-1, 0, 0, 0, 1, 0, 0, 0, -1};
+    for (int i = 0; i < 9; i++) {
+        EXPECT_EQ(imu_accel[i], imu_expected[i]) << i;
+        EXPECT_EQ(imu_gyro[i / 3][i % 3], imu_expected[i]) << i;
+        EXPECT_EQ(magneto[i], magneto_expected[i]) << i;
+    }
+    float none[9];
+    EXPECT_EQ(attr_read_matrix(device_init(ctx_.get(), "orlune-lps22hb", 1), "in_mount_matrix", none), -ENOENT);
+}
+
+TEST(IioHelperMatrix, ParsesNineNumbersInRowsAndRejectsAnythingElse)
+{
+    struct row {
+        const char *text;
+        int rc;
+        std::array<float, 9> expected;
+    };
+    const row rows[] = {
+        {"1, 0, 0; 0, 1, 0; 0, 0, 1", 0, {1, 0, 0, 0, 1, 0, 0, 0, 1}},
+        {"0,1,0;1,0,0;0,0,-1\n", 0, {0, 1, 0, 1, 0, 0, 0, 0, -1}},
+        {"0.5, -0.866025, 0; 0.866025, 0.5, 0; 0, 0, 1", 0, {0.5f, -0.866025f, 0, 0.866025f, 0.5f, 0, 0, 0, 1}},
+        {"1, 0, 0; 0, 1, 0; 0, 0", -EINVAL, {}},
+        {"1, 0, 0, 0, 1, 0, 0, 0, 1", -EINVAL, {}},
+        {"1; 0; 0; 0; 1; 0; 0; 0; 1", -EINVAL, {}},
+        {"1, 0, 0; 0, 1, 0; 0, 0, 1; 4", -EINVAL, {}},
+        {"a, 0, 0; 0, 1, 0; 0, 0, 1", -EINVAL, {}},
+        {"", -EINVAL, {}},
+    };
+    for (const row &r : rows) {
+        std::array<float, 9> m;
+        m.fill(7.0f);
+        EXPECT_EQ(matrix_parse(r.text, m.data()), r.rc) << r.text;
+        if (r.rc == 0) {
+            EXPECT_EQ(m, r.expected) << r.text;
+        } else {
+            EXPECT_EQ(m[0], 7.0f) << "written on failure: " << r.text;
+        }
+    }
+}
+
+TEST(IioHelperRotate, MultipliesTheRowMajorMatrixWithTheColumnVector)
+{
+    struct row {
+        std::array<float, 9> m;
+        std::array<float, 3> in, out;
+    };
+    const row rows[] = {
+        {{1, 0, 0, 0, 1, 0, 0, 0, 1}, {1, 2, 3}, {1, 2, 3}},
+        {{0, 1, 0, 1, 0, 0, 0, 0, -1}, {1, 2, 3}, {2, 1, -3}},
+        {{0, -1, 0, 1, 0, 0, 0, 0, 1}, {1, 0, 0}, {0, 1, 0}}, // +90 degrees about z
+        {{1, 2, 3, 4, 5, 6, 7, 8, 9}, {1, 1, 1}, {6, 15, 24}},
+    };
+    for (const row &r : rows) {
+        std::array<float, 3> v = r.in;
+        vector_rotate(v.data(), r.m.data());
+        EXPECT_EQ(v, r.out);
+    }
+}
+
+// One full IMU batch: five scans one period apart, whose values turned back
+// into vehicle axes with the device's own scales and mount matrix are the
+// vehicle's truth at their timestamps.
+TEST_F(IioHelper, ImuBatchRecoversTheTruthThroughScalesAndMountMatrix)
+{
+    ASSERT_NO_FATAL_FAILURE(open_imu());
+    double accel_scale = 0, gyro_scale = 0, temp_scale = 0, temp_offset = 0;
+    const iio_attr_double attrs[] = {{"in_accel_scale", &accel_scale},
+                                     {"in_anglvel_scale", &gyro_scale},
+                                     {"in_temp0_scale", &temp_scale},
+                                     {"in_temp0_offset", &temp_offset}};
+    ASSERT_EQ(attr_read_doubles(imu_, attrs, 4), 0);
+    float accel_m[9], gyro_m[9];
+    ASSERT_EQ(attr_read_matrix(imu_, "in_accel_mount_matrix", accel_m), 0);
+    ASSERT_EQ(attr_read_matrix(imu_, "in_anglvel_mount_matrix", gyro_m), 0);
+
+    for (int batch = 0; batch < 3; batch++) {
+        ASSERT_EQ(iio_buffer_refill(imu_buffer_), 5 * 24);
+        EXPECT_EQ(iio_buffer_step(imu_buffer_), 24);
+        const ptrdiff_t step = iio_buffer_step(imu_buffer_);
+        const char *start = static_cast<const char *>(iio_buffer_first(imu_buffer_, channels_[0]));
+        const char *end = static_cast<const char *>(iio_buffer_end(imu_buffer_));
+        ptrdiff_t offset[8];
+        for (int c = 0; c < 8; c++)
+            offset[c] = static_cast<const char *>(iio_buffer_first(imu_buffer_, channels_[c])) - start;
+        EXPECT_EQ(offset[6], 12);
+        EXPECT_EQ(offset[7], 16);
+        std::vector<int64_t> stamps;
+        for (const char *scan = start; scan < end; scan += step) {
+            auto at = [&](int channel) { return scan + offset[channel]; };
+            float accel[3], gyro[3];
+            for (int i = 0; i < 3; i++) {
+                accel[i] = static_cast<float>(channel_convert_float(channels_[i], at(i)) * accel_scale);
+                gyro[i] = static_cast<float>(channel_convert_float(channels_[3 + i], at(3 + i)) * gyro_scale);
+            }
+            vector_rotate(accel, accel_m);
+            vector_rotate(gyro, gyro_m);
+            const int64_t stamp = channel_convert_int(channels_[7], at(7));
+            stamps.push_back(stamp);
+            const double t = static_cast<double>(stamp - server_->epoch_ns()) / 1e9;
+            const sim::truth truth = server_->truth().at(t);
+            for (int i = 0; i < 3; i++) {
+                EXPECT_NEAR(accel[i], truth.specific_force[i], 0.05) << "axis " << i;
+                EXPECT_NEAR(gyro[i], truth.rates[i], 0.02) << "axis " << i;
+            }
+            const double temp_c = (channel_convert_float(channels_[6], at(6)) + temp_offset) * temp_scale;
+            EXPECT_NEAR(temp_c + 273.15, server_->truth().die_temperature_k(sim::default_scenario().devices[0].warm, t),
+                        0.01);
+        }
+        ASSERT_EQ(stamps.size(), 5u);
+        for (size_t i = 1; i < stamps.size(); i++)
+            EXPECT_EQ(stamps[i] - stamps[i - 1], 1000000) << "1000 Hz";
+        timespec first{};
+        ASSERT_EQ(buffer_first_timestamp(imu_buffer_, channels_[7], &first), 0);
+        EXPECT_EQ(first.tv_sec * 1000000000LL + first.tv_nsec, stamps[0]);
+        timespec now{};
+        clock_gettime(CLOCK_MONOTONIC, &now);
+        EXPECT_LE(stamps.back(), now.tv_sec * 1000000000LL + now.tv_nsec) << "scans are not from the future";
+    }
+}
+
+#ifdef ORLUNE_COUNTS_ALLOCATIONS
+TEST_F(IioHelper, AcquisitionCyclesAllocateNothing)
+{
+    ASSERT_NO_FATAL_FAILURE(open_imu());
+    ASSERT_EQ(iio_buffer_refill(imu_buffer_), 120);
+    const float matrix[9] = {0, 1, 0, 1, 0, 0, 0, 0, -1};
+    float sum = 0;
+    long refill_allocations = 0;
+    for (int cycle = 0; cycle < 100; cycle++) {
+        counting = true;
+        const ssize_t r = iio_buffer_refill(imu_buffer_);
+        counting = false;
+        refill_allocations += std::exchange(allocations, 0);
+        if (r != 120)
+            break;
+        counting = true;
+        float v[3] = {buffer_first_float(imu_buffer_, channels_[0]), buffer_first_float(imu_buffer_, channels_[1]),
+                      buffer_first_float(imu_buffer_, channels_[2])};
+        vector_rotate(v, matrix);
+        timespec ts;
+        buffer_first_timestamp(imu_buffer_, channels_[7], &ts);
+        sum += v[2] + channel_convert_float(channels_[6], iio_buffer_first(imu_buffer_, channels_[6]));
+        counting = false;
+    }
+    EXPECT_NE(sum, 0.0f);
+    EXPECT_EQ(allocations, 0) << "iio_helper's conversions";
+    std::printf("libiio network refill: %ld allocations in 100 refills\n", refill_allocations);
+}
+#endif
+
+TEST_F(IioHelper, PolledBarometerAnswersEagainUntilItsNextScan)
+{
+    sim::scenario s = sim::default_scenario();
+    s.devices[1].sampling_frequency = 5; // 200 ms between scans
+    TearDown();
+    start(s);
+    iio_device *baro = device_init(ctx_.get(), "orlune-lps22hb", 1);
+    iio_device *trigger = trigger_init(ctx_.get(), "orlune-baro-trig", baro);
+    iio_channel *pressure = nullptr, *temp = nullptr, *stamp = nullptr;
+    const iio_channel_binding bindings[] = {{"pressure0", &pressure}, {"temp1", &temp}, {"timestamp", &stamp}};
+    iio_buffer *buffer = buffer_create(baro, bindings, 3, 8, 1, 0);
+    ASSERT_TRUE(buffer);
+    ASSERT_GE(device_enable(baro, trigger, buffer), 0);
+
+    ssize_t r = -EAGAIN;
+    for (auto deadline = clock_type::now() + std::chrono::seconds(2); r == -EAGAIN && clock_type::now() < deadline;) {
+        r = iio_buffer_refill(buffer);
+        if (r == -EAGAIN)
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    ASSERT_EQ(r, 16);
+    EXPECT_EQ(iio_buffer_refill(buffer), -EAGAIN) << "the next scan is 200 ms away";
+
+    timespec ts{};
+    ASSERT_EQ(buffer_first_timestamp(buffer, stamp, &ts), 0);
+    const double t = static_cast<double>(ts.tv_sec * 1000000000LL + ts.tv_nsec - server_->epoch_ns()) / 1e9;
+    const double pa = buffer_first_float(buffer, pressure) * 0.0000244140625 * 1000.0;
+    EXPECT_NEAR(pa, server_->truth().at(t).pressure_pa, 2.0);
+    const double kelvin = buffer_first_float(buffer, temp) * 10 / 1000.0 + 273.15;
+    EXPECT_NEAR(kelvin, server_->truth().die_temperature_k(s.devices[1].warm, t), 0.01);
+    device_deinit(baro, trigger, buffer);
+}
+
+TEST_F(IioHelper, BufferCreateRefusesUnknownChannelsAndLeavesNoneEnabled)
+{
+    iio_device *imu = device_init(ctx_.get(), "orlune-imu", 1);
+    iio_channel *a = nullptr, *b = nullptr;
+    const iio_channel_binding bindings[] = {{"accel_x", &a}, {"magn_x", &b}};
+    EXPECT_EQ(buffer_create(imu, bindings, 2, 8, 1, 1), nullptr);
+    EXPECT_EQ(a, nullptr);
+    EXPECT_FALSE(iio_channel_is_enabled(iio_device_find_channel(imu, "accel_x", false)));
+}
+
+TEST_F(IioHelper, SeveralDevicesStreamAtOnce)
+{
+    ASSERT_NO_FATAL_FAILURE(open_imu());
+    iio_device *magneto = device_init(ctx_.get(), "orlune-magneto", 1);
+    iio_device *trigger = trigger_init(ctx_.get(), "orlune-magneto-trig", magneto);
+    iio_channel *x = nullptr, *y = nullptr, *z = nullptr, *stamp = nullptr;
+    const iio_channel_binding bindings[] = {{"magn_x", &x}, {"magn_y", &y}, {"magn_z", &z}, {"timestamp", &stamp}};
+    iio_buffer *buffer = buffer_create(magneto, bindings, 4, 8, 1, 0);
+    ASSERT_TRUE(buffer);
+    ASSERT_GE(device_enable(magneto, trigger, buffer), 0);
+    int magneto_scans = 0;
+    for (int i = 0; i < 10; i++) { // 50 ms of IMU batches; the magnetometer runs at 100 Hz
+        ASSERT_EQ(iio_buffer_refill(imu_buffer_), 120);
+        const ssize_t r = iio_buffer_refill(buffer);
+        ASSERT_TRUE(r == 16 || r == -EAGAIN) << r;
+        magneto_scans += r == 16;
+    }
+    EXPECT_GE(magneto_scans, 3);
+    device_deinit(magneto, trigger, buffer);
+}
+
+TEST_F(IioHelper, RefillErrorAndShortBatchFaultsReachTheCallerOnce)
+{
+    ASSERT_NO_FATAL_FAILURE(open_imu());
+    ASSERT_EQ(iio_buffer_refill(imu_buffer_), 120);
+    sim::scenario_fault error{0, sim::fault_kind::refill_error, "orlune-imu", EIO, 0, 1, 0};
+    ASSERT_EQ(server_->inject(error), 0);
+    EXPECT_EQ(iio_buffer_refill(imu_buffer_), -EIO);
+    EXPECT_EQ(iio_buffer_refill(imu_buffer_), 120);
+
+    sim::scenario_fault shortb{0, sim::fault_kind::short_batch, "orlune-imu", 0, 3, 1, 0};
+    ASSERT_EQ(server_->inject(shortb), 0);
+    EXPECT_EQ(iio_buffer_refill(imu_buffer_), 72);
+    EXPECT_EQ(static_cast<const char *>(iio_buffer_end(imu_buffer_)) -
+                  static_cast<const char *>(iio_buffer_start(imu_buffer_)),
+              72);
+    EXPECT_EQ(iio_buffer_refill(imu_buffer_), 120) << "the connection stays in step";
+    EXPECT_EQ(server_->inject({0, sim::fault_kind::stall, "orlune-gps", 0, 0, 1, 1.0}), -ENODEV);
+}
+
+TEST_F(IioHelper, StalledTriggerTimesOutWithEtimedoutWithinTheClientTimeout)
+{
+    ASSERT_EQ(iio_context_set_timeout(ctx_.get(), 1000), 0); // the server answers within 500 ms
+    ASSERT_NO_FATAL_FAILURE(open_imu());
+    ASSERT_EQ(iio_buffer_refill(imu_buffer_), 120);
+    ASSERT_EQ(server_->inject({0, sim::fault_kind::stall, "orlune-imu", 0, 0, 1, 0.8}), 0);
+    EXPECT_EQ(iio_buffer_refill(imu_buffer_), -ETIMEDOUT) << "not -EPIPE: the client did not give up";
+    EXPECT_EQ(iio_buffer_refill(imu_buffer_), 120) << "scans resume after the stall, in step";
+}
+
+TEST_F(IioHelper, DisableStopsTheStreamAndEnableRestartsIt)
+{
+    ASSERT_EQ(iio_context_set_timeout(ctx_.get(), 600), 0);
+    ASSERT_NO_FATAL_FAILURE(open_imu());
+    ASSERT_EQ(iio_buffer_refill(imu_buffer_), 120);
+    ASSERT_GE(device_disable(imu_, imu_trigger_), 0);
+    EXPECT_EQ(iio_buffer_refill(imu_buffer_), -ETIMEDOUT);
+    EXPECT_GT(device_enable(imu_, imu_trigger_, imu_buffer_), 0) << "the byte count of the enable write";
+    EXPECT_EQ(iio_buffer_refill(imu_buffer_), 120);
+    EXPECT_EQ(device_enable(nullptr, imu_trigger_, imu_buffer_), -EINVAL);
+    EXPECT_EQ(device_disable(nullptr, imu_trigger_), -EINVAL);
+}
+
+TEST_F(IioHelper, ServerDisconnectFailsTheRefillAndANewContextWorksAfterRestart)
+{
+    // libiio writes to the dead socket when the buffer is destroyed: a host
+    // must ignore SIGPIPE to survive a lost iiod.
+    std::signal(SIGPIPE, SIG_IGN);
+    ASSERT_NO_FATAL_FAILURE(open_imu());
+    ASSERT_EQ(iio_buffer_refill(imu_buffer_), 120);
+    ASSERT_EQ(server_->inject({0, sim::fault_kind::disconnect, "", 0, 0, 1, 0.3}), 0);
+    EXPECT_LT(iio_buffer_refill(imu_buffer_), 0);
+    device_deinit(imu_, imu_trigger_, imu_buffer_);
+    imu_ = imu_trigger_ = nullptr;
+    imu_buffer_ = nullptr;
+    ctx_.reset();
+
+    for (auto deadline = clock_type::now() + std::chrono::seconds(3); !ctx_ && clock_type::now() < deadline;) {
+        ctx_.reset(iio_create_default_context());
+        if (!ctx_)
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    ASSERT_TRUE(ctx_) << "the server listens again on the same port";
+    ASSERT_NO_FATAL_FAILURE(open_imu());
+    EXPECT_EQ(iio_buffer_refill(imu_buffer_), 120);
+}
+
+} // namespace
