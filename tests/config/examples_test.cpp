@@ -37,7 +37,7 @@ TEST_F(ConfigTest, VirtualVehicleFileIsFoundByItsHardwareName)
     EXPECT_EQ(c.imu.sampling_frequency, 1000);
     EXPECT_EQ(c.imu.sampling_rate_div, 5);
     EXPECT_EQ(c.imu.matrix_from_device_tree, 0);
-    EXPECT_THAT(c.imu.rotation_matrix, ElementsAreArray({1.f, 0.f, 0.f, 0.f, -1.f, 0.f, 0.f, 0.f, -1.f}));
+    EXPECT_THAT(c.imu.rotation_matrix, ElementsAreArray({0.f, 1.f, 0.f, 1.f, 0.f, 0.f, 0.f, 0.f, -1.f}));
     ASSERT_EQ(c.imu.thread_cfg_count, 3);
     EXPECT_THAT(std::vector<std::string>(c.imu.thread_cfg, c.imu.thread_cfg + 3),
                 ElementsAre("imu", "imu_spi", "imu_spi_ksoftirq"));

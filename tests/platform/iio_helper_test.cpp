@@ -18,35 +18,9 @@
 #include <vector>
 
 #include "sim/iiod_server.h"
+#include "support/alloc_counter.h"
 #include "support/test_env.h"
 
-#if !defined(__SANITIZE_ADDRESS__)
-// Counts the allocations the test thread makes while counting is on: the
-// acquisition path (refill, conversions) must make none.
-extern "C" void *__libc_malloc(size_t);
-extern "C" void *__libc_calloc(size_t, size_t);
-extern "C" void *__libc_realloc(void *, size_t);
-namespace {
-thread_local bool counting = false;
-thread_local long allocations = 0;
-} // namespace
-extern "C" void *malloc(size_t n)
-{
-    allocations += counting;
-    return __libc_malloc(n);
-}
-extern "C" void *calloc(size_t n, size_t size)
-{
-    allocations += counting;
-    return __libc_calloc(n, size);
-}
-extern "C" void *realloc(void *p, size_t n)
-{
-    allocations += counting;
-    return __libc_realloc(p, n);
-}
-#define ORLUNE_COUNTS_ALLOCATIONS 1
-#endif
 
 namespace {
 
@@ -307,35 +281,36 @@ TEST_F(IioHelper, ImuBatchRecoversTheTruthThroughScalesAndMountMatrix)
     }
 }
 
-#ifdef ORLUNE_COUNTS_ALLOCATIONS
 TEST_F(IioHelper, AcquisitionCyclesAllocateNothing)
 {
+    if (!alloc_counting_available())
+        GTEST_SKIP() << "the sanitizer owns the allocator";
     ASSERT_NO_FATAL_FAILURE(open_imu());
     ASSERT_EQ(iio_buffer_refill(imu_buffer_), 120);
     const float matrix[9] = {0, 1, 0, 1, 0, 0, 0, 0, -1};
     float sum = 0;
     long refill_allocations = 0;
+    alloc_count conversions;
+    conversions.pause();
     for (int cycle = 0; cycle < 100; cycle++) {
-        counting = true;
+        alloc_count refill;
         const ssize_t r = iio_buffer_refill(imu_buffer_);
-        counting = false;
-        refill_allocations += std::exchange(allocations, 0);
+        refill_allocations += refill.value();
         if (r != 120)
             break;
-        counting = true;
+        conversions.resume();
         float v[3] = {buffer_first_float(imu_buffer_, channels_[0]), buffer_first_float(imu_buffer_, channels_[1]),
                       buffer_first_float(imu_buffer_, channels_[2])};
         vector_rotate(v, matrix);
         timespec ts;
         buffer_first_timestamp(imu_buffer_, channels_[7], &ts);
         sum += v[2] + channel_convert_float(channels_[6], iio_buffer_first(imu_buffer_, channels_[6]));
-        counting = false;
+        conversions.pause();
     }
     EXPECT_NE(sum, 0.0f);
-    EXPECT_EQ(allocations, 0) << "iio_helper's conversions";
+    EXPECT_EQ(conversions.value(), 0) << "iio_helper's conversions";
     std::printf("libiio network refill: %ld allocations in 100 refills\n", refill_allocations);
 }
-#endif
 
 TEST_F(IioHelper, PolledBarometerAnswersEagainUntilItsNextScan)
 {

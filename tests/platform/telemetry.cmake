@@ -1,7 +1,7 @@
 orlune_add_gtest(telemetry_test
   SOURCES shm_telemetry_test.cpp telemetry_layouts_test.cpp
   LIBS orlune_platform)
-# Its own binary: it counts the allocations of the whole process.
+# Its own binary: it interposes the allocator.
 orlune_add_gtest(telemetry_alloc_test
   SOURCES telemetry_alloc_test.cpp
-  LIBS orlune_platform)
+  LIBS orlune_platform orlune_alloc_counter)

@@ -1,0 +1,214 @@
+// SPDX-License-Identifier: Apache-2.0
+// The driver table, the lifecycle and the acquisition cycle, driven as a
+// host drives them, against the virtual vehicle.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <unistd.h>
+
+#include <cmath>
+#include <cstring>
+
+#include "frame_fixture.h"
+#include "platform/shm_telemetry.h"
+#include "platform/time_helpers.h"
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+
+namespace {
+
+TEST_F(FrameTest, TableNamesTheDriverAndItsNineOperations)
+{
+    EXPECT_STREQ(drv_.name, "sensors_orlune");
+    for (const void *op : {(const void *)drv_.probe, (const void *)drv_.start, (const void *)drv_.stop,
+                           (const void *)drv_.read, (const void *)drv_.write, (const void *)drv_.shutdown,
+                           (const void *)drv_.activate, (const void *)drv_.deactivate, (const void *)drv_.tlm_write})
+        EXPECT_NE(op, nullptr);
+    EXPECT_EQ(drv_.end, nullptr);
+}
+
+TEST_F(FrameTest, DifferingHeaderWordsAreRefusedBeforeAnythingHappens)
+{
+    configure(cfg_text::all_disabled());
+    sensors_probe_header header{SENSORS_KIND_ALL, SENSORS_KIND_IMU};
+    auto *sentinel = reinterpret_cast<sensors_orlune_ctx *>(0x1);
+    sensors_orlune_ctx *out = sentinel;
+    EXPECT_EQ(drv_.probe(nullptr, &out, nullptr, &header, &data_), -EOPNOTSUPP);
+    EXPECT_EQ(out, sentinel);
+    EXPECT_TRUE(cap_.take().empty()); // not even the configuration reader ran
+}
+
+TEST_F(FrameTest, ProbeFailuresReleaseEverythingWithTheirResults)
+{
+    // No configuration file at all.
+    setenv("LIBVIGIL_CFG_PATH", (root_.path() + "/missing.cfg").c_str(), 1);
+    EXPECT_EQ(probe(), -EINVAL);
+    EXPECT_EQ(ctx_, nullptr);
+    EXPECT_THAT(frame_messages(), ElementsAre("can't get sensors configuration"));
+
+    // A configuration but no IIO server behind IIOD_REMOTE.
+    configure(cfg_text::all_disabled());
+    setenv("IIOD_REMOTE", "ip:127.0.0.1:1", 1);
+    EXPECT_EQ(probe(), -EIO);
+    EXPECT_EQ(ctx_, nullptr);
+    EXPECT_THAT(frame_messages(), ElementsAre("can't create iio context"));
+
+    // A server without the configured IMU device.
+    start_server();
+    cfg_text text = cfg_text::all_disabled();
+    cfg_text::entries imu = imu_section();
+    imu[1].second = "\"no-such-imu\"";
+    configure(text.section("imu", imu));
+    EXPECT_EQ(probe(), -EIO);
+    EXPECT_EQ(ctx_, nullptr);
+    EXPECT_THAT(frame_messages(), ElementsAre("can't init imu"));
+}
+
+TEST_F(FrameTest, NothingEnabledStillAcquiresTheBatteryFallback)
+{
+    start_server();
+    configure(cfg_text::all_disabled());
+    ASSERT_EQ(probe(), 0);
+    ASSERT_NE(ctx_, nullptr);
+    EXPECT_EQ(drv_.start(ctx_), 0);
+    EXPECT_THAT(frame_messages(), ElementsAre("orlune sensors acquisition started"));
+
+    data_.battery.present = 1;
+    data_.battery.rsoc = 80;
+    data_.motors.voltage = 11.1f;
+    data_.motors.timestamp = {12, 34};
+    data_.updated_sensors = 0xFFFF;
+    EXPECT_EQ(drv_.read(&data_, ctx_), 0); // no IMU: does not block
+    EXPECT_EQ(data_.updated_sensors, SENSORS_UPDATED_BATTERY);
+    EXPECT_EQ(data_.battery.present, 0u);
+    EXPECT_EQ(data_.battery.rsoc, SENSORS_BATTERY_RSOC_UNKNOWN);
+    EXPECT_EQ(data_.battery.voltage, 11.1f);
+    EXPECT_EQ(data_.battery.timestamp.tv_sec, 12);
+    EXPECT_EQ(data_.battery.timestamp.tv_nsec, 34);
+    EXPECT_EQ(data_.battery.changed_mask & 0x3u, 0x3u);
+    EXPECT_EQ(drv_.tlm_write(ctx_), 0);
+
+    sensors_motor_command command{1, {100, 100, 100, 100}, 0};
+    EXPECT_EQ(drv_.write(&command, ctx_), 0); // motor controller disabled: ignored
+
+    EXPECT_EQ(drv_.stop(ctx_), 0);
+    EXPECT_THAT(frame_messages(), ElementsAre("orlune sensors acquisition stopped"));
+    drv_.shutdown(ctx_);
+    ctx_ = nullptr;
+}
+
+TEST_F(FrameTest, ShutdownAndStopTolerateWhatIsMissing)
+{
+    drv_.shutdown(nullptr);
+    EXPECT_EQ(drv_.stop(nullptr), 0);
+    EXPECT_THAT(frame_messages(), ElementsAre("orlune sensors acquisition stopped"));
+    EXPECT_EQ(drv_.read(&data_, nullptr), -EINVAL);
+    auto texts = frame_messages();
+    ASSERT_EQ(texts.size(), 1u);
+    EXPECT_THAT(texts[0], HasSubstr("sensors_orlune_read: cd=(nil), data=0x"));
+
+    // Shutdown right after probe destroys everything without a stop.
+    start_server();
+    configure(cfg_text::all_disabled().section("imu", imu_section()));
+    ASSERT_EQ(probe(), 0);
+    drv_.shutdown(ctx_);
+    ctx_ = nullptr;
+    char path[512];
+    ASSERT_EQ(tlm_section_path("sensors_imu", path, sizeof path), 0);
+    EXPECT_NE(access(path, F_OK), 0) << "the IMU section outlived its producer";
+}
+
+TEST_F(FrameTest, CarpetSwitchesActOnlyOnTheirBit)
+{
+    start_server();
+    configure(cfg_text::all_disabled());
+    ASSERT_EQ(probe(), 0);
+    EXPECT_EQ(drv_.activate(ctx_, SENSORS_KIND_ALL & ~SENSORS_KIND_CARPET_DETECTION), 0);
+    EXPECT_EQ(drv_.deactivate(ctx_, SENSORS_KIND_IMU), 0);
+    EXPECT_TRUE(frame_messages().empty());
+    EXPECT_EQ(drv_.activate(ctx_, SENSORS_KIND_CARPET_DETECTION), -EINVAL);
+    EXPECT_EQ(drv_.deactivate(ctx_, SENSORS_KIND_ALL), -EINVAL);
+    EXPECT_THAT(frame_messages(),
+                ElementsAre("Cannot activate disabled carpet sensor", "Cannot deactivate disabled carpet sensor"));
+}
+
+TEST_F(FrameTest, ImuBatchesPaceTheCycleAndArePublished)
+{
+    start_server();
+    configure(cfg_text::all_disabled().section("imu", imu_section(4)));
+    ASSERT_EQ(probe(), 0);
+    ASSERT_EQ(drv_.start(ctx_), 0);
+
+    timespec last{};
+    for (int cycle = 0; cycle < 20; cycle++) {
+        ASSERT_EQ(drv_.read(&data_, ctx_), 0);
+        EXPECT_EQ(data_.updated_sensors, SENSORS_UPDATED_IMU | SENSORS_UPDATED_BATTERY);
+        ASSERT_EQ(data_.imu.nb_samples, 4);
+        for (int i = 0; i < 4; i++) {
+            EXPECT_GT(timespec_compare(&data_.imu.timestamps[i], &last), 0) << "cycle " << cycle << " sample " << i;
+            last = data_.imu.timestamps[i];
+            // The vehicle sits level at the start of the default flight:
+            // about 1 g along the vehicle's vertical axis.
+            float norm = std::sqrt(data_.imu.accel[i][0] * data_.imu.accel[i][0] +
+                                   data_.imu.accel[i][1] * data_.imu.accel[i][1] +
+                                   data_.imu.accel[i][2] * data_.imu.accel[i][2]);
+            EXPECT_NEAR(norm, 9.81, 0.3);
+        }
+        EXPECT_EQ(drv_.tlm_write(ctx_), 0);
+    }
+    // One sample per batch, stamped with the batch's last sample.
+    tlm_section_view view{};
+    ASSERT_EQ(tlm_view_open("sensors_imu", &view), 0);
+    EXPECT_EQ(tlm_view_written(&view), 20u);
+    sensors_imu_data published{};
+    timespec stamp{};
+    ASSERT_EQ(tlm_view_read(&view, tlm_view_written(&view) - 1, &published, sizeof published, &stamp), 0);
+    EXPECT_EQ(timespec_compare(&stamp, &data_.imu.timestamps[3]), 0);
+    EXPECT_EQ(memcmp(&published, &data_.imu, sizeof published), 0);
+    tlm_view_close(&view);
+}
+
+TEST_F(FrameTest, ImuWaitFailureEndsTheCycleWithNothingUpdated)
+{
+    start_server();
+    configure(cfg_text::all_disabled().section("imu", imu_section()));
+    ASSERT_EQ(probe(), 0);
+    ASSERT_EQ(drv_.start(ctx_), 0);
+    ASSERT_EQ(drv_.read(&data_, ctx_), 0);
+    sim::scenario_fault fault;
+    fault.kind = sim::fault_kind::refill_error;
+    fault.device = "orlune-imu";
+    fault.error = EIO;
+    fault.count = 1;
+    ASSERT_EQ(server_->inject(fault), 0);
+    frame_messages();
+    int r = 0;
+    for (int i = 0; i < 10 && r == 0; i++)
+        r = drv_.read(&data_, ctx_);
+    EXPECT_EQ(r, -EIO);
+    EXPECT_EQ(data_.updated_sensors, 0u);
+    EXPECT_THAT(frame_messages(), ElementsAre("imu wait failed: Input/output error"));
+    EXPECT_EQ(drv_.read(&data_, ctx_), 0); // the next cycle goes on
+}
+
+TEST_F(FrameTest, MotorControllerStillCreatesTheImuButTheCycleNeverWaitsOnIt)
+{
+    start_server();
+    // The IMU is in the file but the host does not accept it: its names were
+    // read, so the module is created for the motor controller's sake.
+    cfg_text text = cfg_text::all_disabled().section("imu", imu_section());
+    text.section("bldc", {{"enabled", "true"}, {"device", "\"orlune-esc\""}, {"trigger", "\"orlune-esc-trig\""}});
+    configure(text);
+    ASSERT_EQ(probe(SENSORS_KIND_ALL & ~SENSORS_KIND_IMU), 0);
+    char path[512];
+    ASSERT_EQ(tlm_section_path("sensors_imu", path, sizeof path), 0);
+    EXPECT_EQ(access(path, F_OK), 0) << "the IMU module was not created";
+    ASSERT_EQ(drv_.start(ctx_), 0);
+    EXPECT_EQ(drv_.read(&data_, ctx_), 0);
+    EXPECT_EQ(data_.updated_sensors, SENSORS_UPDATED_BATTERY);
+    EXPECT_EQ(data_.imu.nb_samples, 0);
+}
+
+} // namespace

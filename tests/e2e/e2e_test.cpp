@@ -1,0 +1,184 @@
+// SPDX-License-Identifier: Apache-2.0
+// The virtual vehicle, the sensor host and the plug-in as separate processes,
+// as a user runs them.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sensors/data.h>
+
+#include <chrono>
+#include <cmath>
+#include <filesystem>
+#include <regex>
+#include <thread>
+
+#include "platform/shm_telemetry.h"
+#include "platform/time_helpers.h"
+#include "process.h"
+#include "support/test_env.h"
+
+using namespace std::chrono_literals;
+using ::testing::HasSubstr;
+
+namespace {
+
+// The default flight hovers level and still for its first five seconds: the
+// gyro reads zero and the accelerometer the reaction to gravity, up the
+// vehicle's z axis pointing down. Tolerances cover the simulated noise
+// (2 counts, about 0.002 rad/s and 0.01 m/s^2 a sample, averaged over 500
+// samples) and the calibration round trip; the example calibration's biases
+// (up to 0.005 rad/s and 0.06 m/s^2) are well outside them.
+constexpr double kGravity = 9.80665;
+constexpr double kGyroTolerance = 0.001;  // rad/s, mean over the samples read
+constexpr double kAccelTolerance = 0.01; // m/s^2, mean over the samples read
+
+class EndToEnd : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        env_ = {{"ORLUNE_ROOT", root_.path()},
+                {"ORLUNE_TLM_DIR", root_.path() + "/tlm"},
+                {"SENSORS_LOG_LEVEL", "info"}};
+        setenv("ORLUNE_TLM_DIR", env_["ORLUNE_TLM_DIR"].c_str(), 1);
+    }
+
+    // Starts orlune-sim and learns its port from what it prints.
+    void start_sim(const std::string &scenario_text = "")
+    {
+        std::vector<std::string> argv = {ORLUNE_SIM_BIN};
+        if (!scenario_text.empty()) {
+            std::string path = root_.path() + "/scenario.cfg";
+            write_file(path, scenario_text);
+            argv.insert(argv.end(), {"--scenario", path});
+        }
+        sim_ = std::make_unique<process>(argv, env_, root_.path() + "/sim.out", root_.path() + "/sim.err");
+        ASSERT_TRUE(sim_->wait_for_output("\n", 5s)) << sim_->err();
+        std::smatch m;
+        std::string out = sim_->out();
+        ASSERT_TRUE(std::regex_search(out, m, std::regex("IIOD_REMOTE=(ip:[0-9.]+:[0-9]+)"))) << out;
+        env_["IIOD_REMOTE"] = m[1];
+    }
+
+    std::unique_ptr<process> host(const std::string &config, std::vector<std::string> args)
+    {
+        env_["LIBVIGIL_CFG_PATH"] = config;
+        std::vector<std::string> argv = {ORLUNE_HOST_BIN, "--plugin", ORLUNE_PLUGIN, "--view", "none", "--log",
+                                         root_.path() + "/host.log"};
+        argv.insert(argv.end(), args.begin(), args.end());
+        return std::make_unique<process>(argv, env_, root_.path() + "/host.out", root_.path() + "/host.err");
+    }
+
+    std::string host_log() { return read_file(root_.path() + "/host.log"); }
+
+    test_root root_;
+    std::map<std::string, std::string> env_;
+    std::unique_ptr<process> sim_;
+};
+
+std::string example(const char *name)
+{
+    return std::string(ORLUNE_SOURCE_DIR) + "/examples/" + name;
+}
+
+TEST_F(EndToEnd, ImuSectionReceivesEachBatchWithTheTruth)
+{
+    // The example field and factory calibration: the simulated sensors drift
+    // as the files say, and the plug-in must take the drift out again.
+    for (const char *dir : {"data", "factory"})
+        std::filesystem::copy(example("calibration/") + dir, root_.path() + "/" + dir,
+                              std::filesystem::copy_options::recursive);
+    start_sim();
+    auto h = host(example("config/minimal.cfg"), {"--duration", "3"});
+
+    tlm_section_view view{};
+    auto end = std::chrono::steady_clock::now() + 5s;
+    while (tlm_view_open("sensors_imu", &view) != 0 || tlm_view_written(&view) < 150) {
+        tlm_view_close(&view);
+        ASSERT_LT(std::chrono::steady_clock::now(), end) << "no IMU telemetry; host said:\n" << h->err() << host_log();
+        std::this_thread::sleep_for(20ms);
+    }
+    uint64_t last = tlm_view_written(&view) - 1;
+    timespec previous{};
+    double gyro[3] = {}, accel[3] = {};
+    const double n = 101 * 5;
+    for (uint64_t i = last - 100; i <= last; i++) {
+        sensors_imu_data s{};
+        timespec stamp{};
+        ASSERT_EQ(tlm_view_read(&view, i, &s, sizeof s, &stamp), 0) << i;
+        ASSERT_EQ(s.nb_samples, 5);
+        EXPECT_EQ(timespec_compare(&stamp, &s.timestamps[4]), 0);
+        if (i > last - 100) {
+            // One sample per batch: 5 scans at 1000 Hz apart.
+            int64_t dt_us = (stamp.tv_sec - previous.tv_sec) * 1000000 + (stamp.tv_nsec - previous.tv_nsec) / 1000;
+            EXPECT_NEAR(dt_us, 5000, 500) << "sample " << i;
+        }
+        previous = stamp;
+        for (int k = 0; k < 5; k++)
+            for (int a = 0; a < 3; a++) {
+                gyro[a] += s.gyro[k][a] / n;
+                accel[a] += s.accel[k][a] / n;
+            }
+    }
+    tlm_view_close(&view);
+    EXPECT_NEAR(gyro[0], 0, kGyroTolerance);
+    EXPECT_NEAR(gyro[1], 0, kGyroTolerance);
+    EXPECT_NEAR(gyro[2], 0, kGyroTolerance);
+    EXPECT_NEAR(accel[0], 0, kAccelTolerance);
+    EXPECT_NEAR(accel[1], 0, kAccelTolerance);
+    EXPECT_NEAR(accel[2], -kGravity, kAccelTolerance);
+
+    ASSERT_EQ(h->wait(10s), 0) << h->err();
+    std::string summary = h->out();
+    EXPECT_THAT(summary, HasSubstr("lost 0 (judged by the timestamps)"));
+    EXPECT_THAT(summary, HasSubstr("failed reads     0"));
+}
+
+TEST_F(EndToEnd, RefillErrorsAndAStalledTriggerAreSurvived)
+{
+    start_sim(R"(simulator = {
+  name = "e2e-faults";
+  devices = (
+    { kind = "imu"; name = "orlune-imu"; trigger = "orlune-imu-trig";
+      sampling-frequency = 1000; rate-divider = 5; noise = 2.0; }
+  );
+  phases = ( { name = "hover"; duration = 30.0; } );
+  faults = (
+    { at = 0.5; kind = "refill-error"; device = "orlune-imu"; errno = 5; count = 2; },
+    { at = 1.0; kind = "stall"; device = "orlune-imu"; duration = 4.0; }
+  );
+};
+)");
+    auto h = host(example("config/minimal.cfg"), {"--duration", "7"});
+    ASSERT_EQ(h->wait(20s), 0) << h->err();
+    std::string log = host_log();
+    EXPECT_THAT(log, HasSubstr("E sensors_orlune: imu wait failed: Input/output error"));
+    EXPECT_THAT(log, HasSubstr("E sensors_orlune: imu wait failed: Connection timed out"));
+    // Acquisition resumed after the stall: the last second still ran at full rate.
+    std::string summary = h->out();
+    std::smatch m;
+    ASSERT_TRUE(std::regex_search(summary, m, std::regex("imu batches +([0-9]+)"))) << summary;
+    EXPECT_GT(std::stoi(m[1]), 200 * 2) << summary;
+    EXPECT_TRUE(std::regex_search(summary, std::regex("failed reads +[1-9]"))) << summary;
+}
+
+TEST_F(EndToEnd, ProbeFailuresAreExplained)
+{
+    start_sim();
+    auto h = host(root_.path() + "/missing.cfg", {"--duration", "1"});
+    EXPECT_EQ(h->wait(10s), 1);
+    EXPECT_THAT(host_log(), HasSubstr("E sensors_orlune: can't get sensors configuration"));
+    EXPECT_THAT(h->err(), HasSubstr("probe of 'sensors_orlune' failed: Invalid argument"));
+
+    std::string config = read_file(example("config/minimal.cfg"));
+    config = std::regex_replace(config, std::regex("\"orlune-imu\""), "\"missing-imu\"");
+    write_file(root_.path() + "/wrong-device.cfg", config);
+    h = host(root_.path() + "/wrong-device.cfg", {"--duration", "1"});
+    EXPECT_EQ(h->wait(10s), 1);
+    EXPECT_THAT(host_log(), HasSubstr("E sensors_orlune: can't init imu"));
+    EXPECT_THAT(h->err(), HasSubstr("probe of 'sensors_orlune' failed: Input/output error"));
+
+    h = host(example("config/minimal.cfg"), {"--plugin", root_.path() + "/nothing.so"});
+    EXPECT_EQ(h->wait(10s), 2);
+    EXPECT_THAT(h->err(), HasSubstr("cannot load the plug-in"));
+}
+
+} // namespace

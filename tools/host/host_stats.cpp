@@ -1,0 +1,156 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "host_stats.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+
+#include "platform/time_helpers.h"
+
+void imu_continuity::add(const timespec &t)
+{
+    int64_t ns;
+    if (timespec_to_ns(&t, &ns) != 0)
+        return;
+    samples_++;
+    if (!have_last_) {
+        have_last_ = true;
+        last_ns_ = ns;
+        return;
+    }
+    int64_t dt = ns - last_ns_;
+    if (dt <= 0) {
+        out_of_order_++;
+        return;
+    }
+    last_ns_ = ns;
+    if (period_ns_ == 0) {
+        learning_.push_back(dt);
+        if (learning_.size() == kLearn) {
+            std::nth_element(learning_.begin(), learning_.begin() + kLearn / 2, learning_.end());
+            period_ns_ = learning_[kLearn / 2];
+            learning_.clear();
+        }
+        return;
+    }
+    // A gap of k periods (rounded) holds k - 1 missing samples; jitter below
+    // half a period is not a loss.
+    int64_t k = (dt + period_ns_ / 2) / period_ns_;
+    if (k > 1)
+        lost_ += uint64_t(k - 1);
+}
+
+host_stats::host_stats()
+{
+    rows_ = {
+        {"imu", SENSORS_UPDATED_IMU},
+        {"baro", SENSORS_UPDATED_BARO},
+        {"magneto", SENSORS_UPDATED_MAGNETO},
+        {"motors", SENSORS_UPDATED_MOTORS},
+        {"us", SENSORS_UPDATED_US},
+        {"gps", SENSORS_UPDATED_GPS},
+        {"battery", SENSORS_UPDATED_BATTERY},
+        {"motors_info", SENSORS_UPDATED_MOTORS_INFO},
+        {"vision_position", SENSORS_UPDATED_VISION_POSITION},
+        {"optical_flow", SENSORS_UPDATED_OPTICAL_FLOW},
+        {"fcam_gimbal", SENSORS_UPDATED_FCAM_GIMBAL},
+    };
+}
+
+void host_stats::cycle(const sensors_data &data)
+{
+    cycles_++;
+    window_cycles_++;
+    for (sensor_row &row : rows_)
+        if (data.updated_sensors & row.bit) {
+            row.updates++;
+            row.window_updates++;
+        }
+    if (data.updated_sensors & SENSORS_UPDATED_IMU) {
+        imu_batches_++;
+        unsigned n = std::min<unsigned>(data.imu.nb_samples, SENSORS_IMU_MAX_SAMPLES);
+        for (unsigned i = 0; i < n; i++)
+            imu_.add(data.imu.timestamps[i]);
+    }
+}
+
+void host_stats::read_failed(int err)
+{
+    failed_reads_++;
+    last_error_ = err;
+}
+
+void host_stats::update_rates(double elapsed_s)
+{
+    if (elapsed_s <= 0)
+        return;
+    cycle_rate_ = double(window_cycles_) / elapsed_s;
+    window_cycles_ = 0;
+    for (sensor_row &row : rows_) {
+        row.rate_hz = double(row.window_updates) / elapsed_s;
+        row.window_updates = 0;
+    }
+}
+
+std::string host_stats::latest(const sensors_data &d, uint32_t bit)
+{
+    char s[256];
+    s[0] = '\0';
+    switch (bit) {
+    case SENSORS_UPDATED_IMU: {
+        unsigned i = d.imu.nb_samples ? std::min<unsigned>(d.imu.nb_samples, 5) - 1 : 0;
+        snprintf(s, sizeof s, "gyro %+7.3f %+7.3f %+7.3f rad/s  accel %+7.3f %+7.3f %+7.3f m/s2  %6.2f K  n=%u",
+                 d.imu.gyro[i][0], d.imu.gyro[i][1], d.imu.gyro[i][2], d.imu.accel[i][0], d.imu.accel[i][1],
+                 d.imu.accel[i][2], d.imu.temperature[i], d.imu.nb_samples);
+        break;
+    }
+    case SENSORS_UPDATED_BARO:
+        snprintf(s, sizeof s, "%10.2f Pa  %6.2f K", d.baro.pressure, d.baro.temperature);
+        break;
+    case SENSORS_UPDATED_MAGNETO:
+        snprintf(s, sizeof s, "%+8.2f %+8.2f %+8.2f uT  %6.2f K", d.magneto.field[0], d.magneto.field[1],
+                 d.magneto.field[2], d.magneto.temperature);
+        break;
+    case SENSORS_UPDATED_MOTORS:
+        snprintf(s, sizeof s, "speeds %u %u %u %u  spinning %u  errors %u %u %u %u  %.2f V", d.motors.motor[0].speed,
+                 d.motors.motor[1].speed, d.motors.motor[2].speed, d.motors.motor[3].speed, d.motors.spinning,
+                 d.motors.error[0], d.motors.error[1], d.motors.error[2], d.motors.error[3], d.motors.voltage);
+        break;
+    case SENSORS_UPDATED_US:
+        snprintf(s, sizeof s, "%.3f m (v2 %.3f)  status %u  mode %u", d.us.altitude, d.us.altitude_v2, d.us.status,
+                 d.us.range_mode);
+        break;
+    case SENSORS_UPDATED_GPS:
+        snprintf(s, sizeof s, "loc %.7f %.7f %.2f %.2f  updated 0x%x", d.gps.loc_values[0], d.gps.loc_values[1],
+                 d.gps.loc_values[2], d.gps.loc_values[3], d.gps.updated);
+        break;
+    case SENSORS_UPDATED_BATTERY:
+        if (d.battery.present)
+            snprintf(s, sizeof s, "%.2f V  %.2f A  %u %%  %.0f K  fault %d", d.battery.voltage, d.battery.current,
+                     d.battery.rsoc, d.battery.temperature, d.battery.fault);
+        else
+            snprintf(s, sizeof s, "%.2f V (from the motor controller)", d.battery.voltage);
+        break;
+    case SENSORS_UPDATED_MOTORS_INFO:
+        snprintf(s, sizeof s, "fw %u.%u%c build %u  hw %u  flight time %u", d.motors_info.fw_major,
+                 d.motors_info.fw_minor, d.motors_info.fw_type ? d.motors_info.fw_type : ' ', d.motors_info.fw_build,
+                 d.motors_info.hw_version, d.motors_info.flight_time);
+        break;
+    case SENSORS_UPDATED_VISION_POSITION:
+        snprintf(s, sizeof s, "%+.3f %+.3f %+.3f  status %d", d.vision_position.x, d.vision_position.y,
+                 d.vision_position.z, d.vision_position.status);
+        break;
+    case SENSORS_UPDATED_OPTICAL_FLOW:
+        snprintf(s, sizeof s, "flow %+.3f %+.3f %+.3f  quality %.2f  %s", d.optical_flow.flow_x, d.optical_flow.flow_y,
+                 d.optical_flow.flow_z, d.optical_flow.quality_indicator,
+                 d.optical_flow.defective ? "defective" : (d.optical_flow.defined ? "defined" : "undefined"));
+        break;
+    case SENSORS_UPDATED_FCAM_GIMBAL:
+        snprintf(s, sizeof s, "q %+.3f %+.3f %+.3f %+.3f  count %u", d.fcam_gimbal.ef_q_w[0], d.fcam_gimbal.ef_q_x[0],
+                 d.fcam_gimbal.ef_q_y[0], d.fcam_gimbal.ef_q_z[0], d.fcam_gimbal.count);
+        break;
+    default:
+        break;
+    }
+    return s;
+}

@@ -1,0 +1,94 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "host_view.h"
+
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+
+namespace {
+
+int terminal_rows()
+{
+    winsize ws{};
+    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &ws) == 0 && ws.ws_row > 0)
+        return ws.ws_row;
+    return 40;
+}
+
+} // namespace
+
+void view_refresh(view_mode mode, const view_context &ctx)
+{
+    host_stats &st = *ctx.stats;
+    if (mode == view_mode::none)
+        return;
+    if (mode == view_mode::lines) {
+        printf("%8.1f s  cycles %llu (%.1f/s)  imu samples %llu lost %llu  read errors %llu\n", ctx.elapsed_s,
+               (unsigned long long)st.cycles(), st.cycle_rate(), (unsigned long long)st.imu().samples(),
+               (unsigned long long)st.imu().lost(), (unsigned long long)st.failed_reads());
+        fflush(stdout);
+        return;
+    }
+    std::string out = "\x1b[H\x1b[2J";
+    char line[512];
+    snprintf(line, sizeof line, "orlune-host  %s  %.1f s  cycles %llu (%.1f/s)  read errors %llu\n\n",
+             ctx.plugin.c_str(), ctx.elapsed_s, (unsigned long long)st.cycles(), st.cycle_rate(),
+             (unsigned long long)st.failed_reads());
+    out += line;
+    snprintf(line, sizeof line, "%-16s %9s  %s\n", "sensor", "rate Hz", "latest");
+    out += line;
+    int used = 4;
+    for (const sensor_row &row : st.rows()) {
+        if (row.updates == 0)
+            continue;
+        snprintf(line, sizeof line, "%-16s %9.1f  %s\n", row.name, row.rate_hz,
+                 host_stats::latest(*ctx.data, row.bit).c_str());
+        out += line;
+        used++;
+    }
+    snprintf(line, sizeof line, "\nimu: %llu samples, %llu lost, period %.3f ms\n\n-- log --\n",
+             (unsigned long long)st.imu().samples(), (unsigned long long)st.imu().lost(), st.imu().period_s() * 1e3);
+    out += line;
+    used += 4;
+    int room = terminal_rows() - used - 1;
+    if (room > 0)
+        for (const std::string &l : ctx.log->last_lines(size_t(room))) {
+            out += l.substr(0, 200);
+            out += '\n';
+        }
+    fwrite(out.data(), 1, out.size(), stdout);
+    fflush(stdout);
+}
+
+void view_summary(const view_context &ctx)
+{
+    host_stats &st = *ctx.stats;
+    double t = ctx.elapsed_s > 0 ? ctx.elapsed_s : 1;
+    printf("\n== orlune-host summary ==\n");
+    printf("duration         %.2f s\n", ctx.elapsed_s);
+    printf("cycles           %llu (%.1f/s)\n", (unsigned long long)st.cycles(), double(st.cycles()) / t);
+    printf("failed reads     %llu", (unsigned long long)st.failed_reads());
+    if (st.failed_reads())
+        printf(" (last: %s)", strerror(-st.last_error()));
+    printf("\n");
+    printf("imu batches      %llu (%.1f/s)\n", (unsigned long long)st.imu_batches(), double(st.imu_batches()) / t);
+    printf("imu samples      %llu (%.1f/s), lost %llu (judged by the timestamps)\n",
+           (unsigned long long)st.imu().samples(), double(st.imu().samples()) / t,
+           (unsigned long long)st.imu().lost());
+    printf("\n%-16s %10s %10s\n", "sensor", "updates", "rate Hz");
+    auto errors = ctx.log->errors_per_tag();
+    for (const sensor_row &row : st.rows()) {
+        if (row.updates == 0)
+            continue;
+        printf("%-16s %10llu %10.1f\n", row.name, (unsigned long long)row.updates, double(row.updates) / t);
+    }
+    if (!errors.empty()) {
+        printf("\nerror messages per log tag:\n");
+        for (const auto &[tag, count] : errors)
+            printf("  %-22s %u\n", tag.c_str(), count);
+    }
+    printf("flight-log events %u\n", ctx.log->events());
+    fflush(stdout);
+}

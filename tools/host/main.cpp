@@ -1,0 +1,287 @@
+// SPDX-License-Identifier: Apache-2.0
+// orlune-host: a sensor host. Loads the plug-in, probes it, runs the
+// acquisition loop (read, telemetry write) and shows what comes out.
+#include <dlfcn.h>
+#include <getopt.h>
+#include <unistd.h>
+
+#include <sensors/sensors.h>
+
+#include <atomic>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "host_log.h"
+#include "host_stats.h"
+#include "host_view.h"
+#include "platform/sched_config.h"
+#include "platform/time_helpers.h"
+
+namespace {
+
+std::atomic<bool> g_stop{false};
+
+void on_signal(int)
+{
+    g_stop = true;
+}
+
+struct kind_name {
+    const char *name;
+    uint32_t bit;
+};
+constexpr kind_name kKinds[] = {
+    {"magneto", SENSORS_KIND_MAGNETO},
+    {"baro", SENSORS_KIND_BARO},
+    {"imu", SENSORS_KIND_IMU},
+    {"gps", SENSORS_KIND_GPS},
+    {"bldc", SENSORS_KIND_BLDC},
+    {"ultrasound", SENSORS_KIND_ULTRASOUND},
+    {"battery", SENSORS_KIND_BATTERY},
+    {"tof", SENSORS_KIND_TOF},
+    {"carpet_detection", SENSORS_KIND_CARPET_DETECTION},
+    {"vcam_position", SENSORS_KIND_VCAM_POSITION},
+    {"vcam_optical_flow", SENSORS_KIND_VCAM_OPTICAL_FLOW},
+    {"fcam_gimbal", SENSORS_KIND_FCAM_GIMBAL},
+    {"fstcam_position", SENSORS_KIND_FSTCAM_POSITION},
+    {"imu_vcam", SENSORS_KIND_IMU_VCAM},
+};
+
+struct options {
+    std::string plugin = ORLUNE_DEFAULT_PLUGIN;
+    uint32_t mask = SENSORS_KIND_ALL;
+    double duration_s = 0;
+    uint64_t max_cycles = 0;
+    view_mode view = isatty(STDOUT_FILENO) ? view_mode::live : view_mode::lines;
+    std::string log_file;
+};
+
+void usage(FILE *out)
+{
+    fprintf(out,
+            "usage: orlune-host [options]\n"
+            "  -p, --plugin PATH     plug-in library (default: %s)\n"
+            "  -m, --mask KINDS      sensor kinds accepted at probe: a number (0x7) or names\n"
+            "                        separated by commas (imu,baro,magneto); default: all\n"
+            "  -d, --duration SEC    stop after SEC seconds (default: run until Ctrl-C)\n"
+            "  -n, --cycles N        stop after N read cycles\n"
+            "  -v, --view MODE       live, lines or none (default: live on a terminal, else lines)\n"
+            "  -l, --log FILE        also write the plug-in's log to FILE\n"
+            "  -h, --help            this text\n"
+            "kinds:",
+            ORLUNE_DEFAULT_PLUGIN);
+    for (const kind_name &k : kKinds)
+        fprintf(out, " %s", k.name);
+    fprintf(out, "\n");
+}
+
+bool parse_mask(const char *text, uint32_t *mask)
+{
+    char *end;
+    unsigned long v = strtoul(text, &end, 0);
+    if (*text && !*end) {
+        *mask = uint32_t(v);
+        return true;
+    }
+    uint32_t m = 0;
+    std::string s = text;
+    size_t pos = 0;
+    while (pos <= s.size()) {
+        size_t comma = s.find(',', pos);
+        std::string item = s.substr(pos, comma == std::string::npos ? std::string::npos : comma - pos);
+        bool found = false;
+        for (const kind_name &k : kKinds)
+            if (item == k.name) {
+                m |= k.bit;
+                found = true;
+            }
+        if (!found)
+            return false;
+        if (comma == std::string::npos)
+            break;
+        pos = comma + 1;
+    }
+    *mask = m;
+    return true;
+}
+
+bool parse_options(int argc, char **argv, options *o)
+{
+    static const option kLong[] = {
+        {"plugin", required_argument, nullptr, 'p'}, {"mask", required_argument, nullptr, 'm'},
+        {"duration", required_argument, nullptr, 'd'}, {"cycles", required_argument, nullptr, 'n'},
+        {"view", required_argument, nullptr, 'v'}, {"log", required_argument, nullptr, 'l'},
+        {"help", no_argument, nullptr, 'h'}, {nullptr, 0, nullptr, 0},
+    };
+    int c;
+    while ((c = getopt_long(argc, argv, "p:m:d:n:v:l:h", kLong, nullptr)) != -1) {
+        switch (c) {
+        case 'p':
+            o->plugin = optarg;
+            break;
+        case 'm':
+            if (!parse_mask(optarg, &o->mask)) {
+                fprintf(stderr, "orlune-host: unknown sensor kind in '%s'\n", optarg);
+                return false;
+            }
+            break;
+        case 'd':
+            o->duration_s = atof(optarg);
+            break;
+        case 'n':
+            o->max_cycles = strtoull(optarg, nullptr, 10);
+            break;
+        case 'v':
+            if (strcmp(optarg, "live") == 0)
+                o->view = view_mode::live;
+            else if (strcmp(optarg, "lines") == 0)
+                o->view = view_mode::lines;
+            else if (strcmp(optarg, "none") == 0)
+                o->view = view_mode::none;
+            else {
+                fprintf(stderr, "orlune-host: unknown view '%s'\n", optarg);
+                return false;
+            }
+            break;
+        case 'l':
+            o->log_file = optarg;
+            break;
+        case 'h':
+            usage(stdout);
+            exit(0);
+        default:
+            usage(stderr);
+            return false;
+        }
+    }
+    return true;
+}
+
+double seconds_since(const timespec &start)
+{
+    timespec now, d;
+    monotonic_now(&now);
+    timespec_diff(&now, &start, &d);
+    return double(d.tv_sec) + double(d.tv_nsec) / 1e9;
+}
+
+const char *probe_hint(int err)
+{
+    switch (-err) {
+    case EINVAL:
+        return "no usable sensor configuration: set LIBVIGIL_CFG_PATH to a configuration file, or ro.hardware "
+               "(and ro.revision) in the properties file so that /etc/sensors/<hardware>.cfg is found";
+    case EIO:
+        return "a device could not be opened: is the IIO server running and IIOD_REMOTE set "
+               "(IIOD_REMOTE=ip:127.0.0.1:PORT for orlune-sim), and do the configured device names exist?";
+    case EOPNOTSUPP:
+        return "the probe header was refused";
+    default:
+        return "see the plug-in's messages above";
+    }
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    options opt;
+    if (!parse_options(argc, argv, &opt))
+        return 2;
+    // A lost IIO server must surface as a failed call, not kill the host.
+    signal(SIGPIPE, SIG_IGN);
+
+    void *lib = dlopen(opt.plugin.c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (!lib) {
+        fprintf(stderr, "orlune-host: cannot load the plug-in '%s': %s\n", opt.plugin.c_str(), dlerror());
+        return 2;
+    }
+    auto *driver = static_cast<const sensors_driver_table *>(dlsym(lib, SENSORS_DRIVER_SYMBOL));
+    if (!driver || !driver->probe || !driver->read) {
+        fprintf(stderr, "orlune-host: '%s' has no usable '%s' table: is it a sensors plug-in?\n", opt.plugin.c_str(),
+                SENSORS_DRIVER_SYMBOL);
+        dlclose(lib);
+        return 2;
+    }
+
+    sched_config *sched = nullptr;
+    if (sched_config_open_default(&sched) != 0) {
+        fprintf(stderr, "orlune-host: the scheduling configuration could not be read (%s)\n", kSchedConfigEnv);
+        dlclose(lib);
+        return 2;
+    }
+
+    host_log log(opt.view != view_mode::live, opt.log_file);
+    auto *data = static_cast<sensors_data *>(calloc(1, sizeof(sensors_data)));
+    uint8_t spin_dir[64] = {};
+    sensors_probe_header header{opt.mask, opt.mask};
+    sensors_orlune_ctx *ctx = nullptr;
+
+    int r = driver->probe(spin_dir, &ctx, sched, &header, data);
+    if (r < 0) {
+        log.stop();
+        fprintf(stderr, "orlune-host: probe of '%s' failed: %s\n  %s\n", driver->name, strerror(-r), probe_hint(r));
+        free(data);
+        sched_config_destroy(sched);
+        dlclose(lib);
+        return 1;
+    }
+    r = driver->start(ctx);
+    if (r < 0) {
+        log.stop();
+        fprintf(stderr, "orlune-host: start failed: %s\n", strerror(-r));
+        driver->stop(ctx);
+        driver->shutdown(ctx);
+        free(data);
+        sched_config_destroy(sched);
+        dlclose(lib);
+        return 1;
+    }
+
+    signal(SIGINT, on_signal);
+    signal(SIGTERM, on_signal);
+
+    host_stats stats;
+    timespec start, last_view;
+    monotonic_now(&start);
+    last_view = start;
+    view_context view{opt.plugin, 0, data, &stats, &log};
+    int consecutive_failures = 0;
+    while (!g_stop) {
+        r = driver->read(data, ctx);
+        if (r < 0) {
+            stats.read_failed(r);
+            // A read that fails at once (a lost server) must not spin the CPU.
+            if (++consecutive_failures > 1)
+                usleep(10000);
+        } else {
+            consecutive_failures = 0;
+            stats.cycle(*data);
+            driver->tlm_write(ctx);
+        }
+        double since_view = seconds_since(last_view);
+        if (since_view >= 0.25) {
+            stats.update_rates(since_view);
+            monotonic_now(&last_view);
+            view.elapsed_s = seconds_since(start);
+            view_refresh(opt.view, view);
+        }
+        if (opt.duration_s > 0 && seconds_since(start) >= opt.duration_s)
+            break;
+        if (opt.max_cycles && stats.cycles() + stats.failed_reads() >= opt.max_cycles)
+            break;
+    }
+    view.elapsed_s = seconds_since(start);
+
+    driver->stop(ctx);
+    driver->shutdown(ctx);
+    log.stop();
+    view_summary(view);
+    free(data);
+    sched_config_destroy(sched);
+    dlclose(lib);
+    return 0;
+}
