@@ -22,7 +22,6 @@
 #include "platform/log.h"
 #include "sim/iiod_server.h"
 
-extern "C" const sensors_driver_table sensors_driver;
 extern char **environ;
 
 namespace {

@@ -6,6 +6,7 @@
 #ifndef SENSORS_DRIVER_H
 #define SENSORS_DRIVER_H
 
+#include <sensors/api.h>
 #include <sensors/data.h>
 
 #ifdef __cplusplus
@@ -69,8 +70,9 @@ struct sensors_driver_table {
 	void *end; /* always null */
 };
 
-/* Name of the exported table, for dlsym. */
+/* The exported table, and its name for dlsym. */
 #define SENSORS_DRIVER_SYMBOL "sensors_driver"
+SENSORS_API extern const struct sensors_driver_table sensors_driver;
 
 SENSORS_CHECK_FIELD(sensors_probe_header, sensor_mask, 0);
 SENSORS_CHECK_FIELD(sensors_probe_header, sensor_mask_ref, 4);

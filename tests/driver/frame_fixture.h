@@ -13,7 +13,6 @@
 #include "support/cfg_text.h"
 #include "support/test_env.h"
 
-extern "C" const sensors_driver_table sensors_driver;
 
 class FrameTest : public ::testing::Test {
 protected:
