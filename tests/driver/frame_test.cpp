@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <signal.h>
 #include <unistd.h>
 
 #include <cmath>
@@ -191,6 +192,21 @@ TEST_F(FrameTest, ImuWaitFailureEndsTheCycleWithNothingUpdated)
     EXPECT_EQ(data_.updated_sensors, 0u);
     EXPECT_THAT(frame_messages(), ElementsAre("imu wait failed: Input/output error"));
     EXPECT_EQ(drv_.read(&data_, ctx_), 0); // the next cycle goes on
+}
+
+TEST_F(FrameTest, StartStopsAtTheFirstModuleThatFails)
+{
+    start_server();
+    configure(cfg_text::all_disabled().section("imu", imu_section()));
+    ASSERT_EQ(probe(), 0);
+    frame_messages();
+    // The IIO server goes away between probe and start: enabling the IMU's
+    // buffer fails, and start says so with the module's result.
+    signal(SIGPIPE, SIG_IGN);
+    server_->stop();
+    int r = drv_.start(ctx_);
+    EXPECT_LT(r, 0);
+    EXPECT_THAT(frame_messages(), ElementsAre(std::string("can't start imu acquisition ") + strerror(-r)));
 }
 
 TEST_F(FrameTest, MotorControllerStillCreatesTheImuButTheCycleNeverWaitsOnIt)
