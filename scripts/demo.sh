@@ -15,6 +15,7 @@ shift || true
 vehicle=$(mktemp -d "${TMPDIR:-/tmp}/orlune-vehicle-XXXXXX")
 export ORLUNE_ROOT=$vehicle
 export ORLUNE_TLM_DIR=$vehicle/tlm
+export ORLUNE_SOCKET_PREFIX="orlune-demo-$$-"
 mkdir -p "$vehicle/etc/sensors" "$vehicle/etc/orlune"
 cp "$root/examples/config/orlune_sim.cfg" "$vehicle/etc/sensors/orlune_sim.cfg"
 cp -r "$root/examples/calibration/data" "$root/examples/calibration/factory" "$vehicle/"

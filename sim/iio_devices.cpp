@@ -2,11 +2,16 @@
 #include "sim/iio_devices.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <array>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <limits>
+#include <optional>
+
+#include "sim/motor_device.h"
+#include "sim/thermal.h"
 
 namespace sim {
 namespace {
@@ -154,16 +159,17 @@ public:
     void sample(const vehicle &v, double t_s, uint64_t key, int64_t *raw) const override
     {
         const double temp_k = v.die_temperature_k(setup_.warm, t_s);
+        const double calib_k = calibration_die_ ? v.die_temperature_k(*calibration_die_, t_s) : temp_k;
         const vec3 field = v.at(t_s).magnetic_field;
         constexpr double kMicroteslaPerGauss = 100.0;
         std::array<double, 3> ut{field[0] * kMicroteslaPerGauss, field[1] * kMicroteslaPerGauss,
                                  field[2] * kMicroteslaPerGauss};
         if (!thermal_in_sensor_axes)
-            uncalibrate(ut, temp_k);
+            uncalibrate(ut, calib_k);
         vec3 sensor = unmount({ut[0] / kMicroteslaPerGauss, ut[1] / kMicroteslaPerGauss, ut[2] / kMicroteslaPerGauss});
         if (thermal_in_sensor_axes) {
             ut = {sensor[0] * kMicroteslaPerGauss, sensor[1] * kMicroteslaPerGauss, sensor[2] * kMicroteslaPerGauss};
-            uncalibrate(ut, temp_k);
+            uncalibrate(ut, calib_k);
             sensor = {ut[0] / kMicroteslaPerGauss, ut[1] / kMicroteslaPerGauss, ut[2] / kMicroteslaPerGauss};
         }
         for (unsigned i = 0; i < 3; i++)
@@ -171,10 +177,27 @@ public:
         raw[3] = to_raw((temp_k - kCelsiusZeroK) * 1000.0 / temp_mdeg_per_unit_ - temp_offset_, 3);
     }
 
+    // The die whose temperature the thermal inverse runs at, when it is
+    // not the magnetometer's own.
+    std::optional<warm_up> calibration_die_;
+
 private:
     vec3 scales_;
     double temp_mdeg_per_unit_, temp_offset_;
 };
+
+} // namespace
+
+bool calibrate_at_die_of(device_model &model, const warm_up &die)
+{
+    auto *magneto = dynamic_cast<magneto_model *>(&model);
+    if (!magneto)
+        return false;
+    magneto->calibration_die_ = die;
+    return true;
+}
+
+namespace {
 
 using model_factory = std::unique_ptr<device_model> (*)(const scenario_device &, uint64_t);
 
@@ -189,13 +212,29 @@ struct model_entry {
     model_factory factory;
 };
 
-constexpr std::array<model_entry, 3> kModels{{
+constexpr std::array<model_entry, 4> kModels{{
     {device_kind::imu, &make<imu_model>},
     {device_kind::baro, &make<baro_model>},
     {device_kind::magneto, &make<magneto_model>},
+    {device_kind::motors, &make<motor_model>},
 }};
 
 } // namespace
+
+int device_model::write_attr(const std::string &, const std::string &, double)
+{
+    return -EACCES;
+}
+
+bool device_model::read_attr(const std::string &, double, std::string *) const
+{
+    return false;
+}
+
+int device_model::arm_fault(const scenario_fault &, double)
+{
+    return -EINVAL;
+}
 
 double device_model::value_of(const std::string &file) const
 {

@@ -67,6 +67,17 @@ public:
     // scan, whatever order scans are sampled in.
     virtual void sample(const vehicle &truth, double t_s, uint64_t noise_key, int64_t *raw) const = 0;
 
+    // Attributes that a model answers for itself: commands written to the
+    // device and values that change with its state. write_attr returns 0 or
+    // a negative errno, -EACCES for an attribute that is not the model's;
+    // read_attr returns false for one that is not. The server calls both,
+    // and sample, with its lock held.
+    virtual int write_attr(const std::string &file, const std::string &value, double t_s);
+    virtual bool read_attr(const std::string &file, double t_s, std::string *value) const;
+    // A fault aimed at the device's own behaviour rather than its stream:
+    // 0, or -EINVAL when the model has no such fault.
+    virtual int arm_fault(const scenario_fault &fault, double t_s);
+
     thermal_inverse thermal;
     // The plug-in calibrates after rotating into vehicle axes unless told to
     // calibrate first (the IMU's rotation-after-calib): the inverse then

@@ -340,6 +340,12 @@ struct iiod_server::impl {
             break;
         case fault_kind::disconnect:
             break;
+        case fault_kind::motor_error: {
+            const int rc = s->model->arm_fault(f, static_cast<double>(now_ns() - epoch) / 1e9);
+            if (rc)
+                return rc;
+            break;
+        }
         }
         cv.notify_all();
         return 0;
@@ -755,6 +761,8 @@ struct iiod_server::impl {
                     }
                 return -ENXIO;
             }
+            if (s.model->read_attr(file, static_cast<double>(now_ns() - server.epoch) / 1e9, value))
+                return 0;
             for (const auto &[name, v] : s.values)
                 if (name == file) {
                     *value = v;
@@ -814,7 +822,11 @@ struct iiod_server::impl {
                 server.restart_stream(*s, now_ns());
                 return reply(static_cast<long>(cmd.number));
             }
-            return reply(-EACCES); // read-only, as its sysfs file
+            // Commands the model carries out; anything else is read-only, as
+            // its sysfs file.
+            const int written =
+                s->model->write_attr(file, value, static_cast<double>(now_ns() - server.epoch) / 1e9);
+            return reply(written ? written : static_cast<long>(cmd.number));
         }
 
         bool get_trigger(const iiod_command &cmd)

@@ -2,24 +2,31 @@
 // orlune-sim: the virtual vehicle as a process. Serves the scenario's IIO
 // devices, prints the environment a sensor host needs, and runs until
 // SIGINT or SIGTERM.
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 
+#include "sim/battery.h"
+#include "sim/gps_daemon.h"
 #include "sim/iiod_server.h"
 #include "sim/thermal.h"
 #include "sim/scenario.h"
+#include "sim/ultrasound.h"
+#include "sim/vision.h"
 
 namespace {
 
 void usage(FILE *out)
 {
-    std::fputs("usage: orlune-sim [--scenario FILE] [--port N] [--address A] [--print-xml]\n"
+    std::fputs("usage: orlune-sim [--scenario FILE] [--port N] [--address A] [--battery-dir DIR] [--print-xml]\n"
                "  --scenario FILE  libconfig scenario (default: the built-in one, see examples/scenarios)\n"
                "  --port N         TCP port of the iiod service (default 0: an ephemeral port)\n"
                "  --address A      IPv4 address to listen on (default 127.0.0.1)\n"
+               "  --battery-dir DIR  the smart battery's attribute directory (default:\n"
+               "                   <ORLUNE_ROOT or a new temporary directory>/sys/class/power_supply/smartbattery)\n"
                "  --print-xml      print the context description and exit\n",
                out);
 }
@@ -31,12 +38,15 @@ int main(int argc, char **argv)
     sim::server_options options;
     sim::scenario scn = sim::default_scenario();
     bool print_xml = false;
+    std::string scenario_path;
+    std::string battery_dir;
     for (int i = 1; i < argc; i++) {
         const std::string arg = argv[i];
         const bool has_value = i + 1 < argc;
         if (arg == "--scenario" && has_value) {
             std::string error;
-            if (sim::scenario_load(argv[++i], &scn, &error) != 0) {
+            scenario_path = argv[++i];
+            if (sim::scenario_load(scenario_path.c_str(), &scn, &error) != 0) {
                 std::fprintf(stderr, "orlune-sim: %s\n", error.c_str());
                 return 2;
             }
@@ -50,6 +60,8 @@ int main(int argc, char **argv)
             options.port = static_cast<uint16_t>(port);
         } else if (arg == "--address" && has_value) {
             options.address = argv[++i];
+        } else if (arg == "--battery-dir" && has_value) {
+            battery_dir = argv[++i];
         } else if (arg == "--print-xml") {
             print_xml = true;
         } else if (arg == "--help" || arg == "-h") {
@@ -57,6 +69,20 @@ int main(int argc, char **argv)
             return 0;
         } else {
             usage(stderr);
+            return 2;
+        }
+    }
+
+    // The simulated services' settings: their groups in the scenario file.
+    sim::gps_settings gps_settings;
+    sim::ultrasound_settings ultrasound_settings;
+    sim::vision_settings vision;
+    {
+        std::string error;
+        if (sim::gps_settings_load(scenario_path, &gps_settings, &error) != 0 ||
+            sim::ultrasound_settings_load(scenario_path, &ultrasound_settings, &error) != 0 ||
+            (!scenario_path.empty() && sim::vision_settings_load(scenario_path.c_str(), &vision, &error) != 0)) {
+            std::fprintf(stderr, "orlune-sim: %s\n", error.c_str());
             return 2;
         }
     }
@@ -89,7 +115,44 @@ int main(int argc, char **argv)
         std::fprintf(stderr, "orlune-sim: %s\n", error.c_str());
         return 1;
     }
+    // The pack's files exist before anyone learns where they are.
+    if (battery_dir.empty()) {
+        const char *root = std::getenv("ORLUNE_ROOT");
+        std::string base = root && *root ? root : "";
+        if (base.empty()) {
+            char tmpl[] = "/tmp/orlune-sim-XXXXXX";
+            if (!mkdtemp(tmpl)) {
+                std::fprintf(stderr, "orlune-sim: cannot create a battery directory: %s\n", strerror(errno));
+                return 1;
+            }
+            base = tmpl;
+        }
+        battery_dir = base + "/sys/class/power_supply/smartbattery";
+    }
+    auto battery = sim::start_battery_sim(scenario_path, battery_dir, &error);
+    if (!battery) {
+        std::fprintf(stderr, "orlune-sim: %s\n", error.c_str());
+        return 1;
+    }
+    // The GPS daemon and the ultrasound service keep the scenario's clock.
+    std::unique_ptr<sim::gps_daemon> gps;
+    if (gps_settings.enabled && !(gps = sim::gps_daemon::start(gps_settings, scn, server->epoch_ns(), &error))) {
+        std::fprintf(stderr, "orlune-sim: %s\n", error.c_str());
+        return 1;
+    }
+    std::unique_ptr<sim::ultrasound_service> ultrasound;
+    if (ultrasound_settings.enabled &&
+        !(ultrasound = sim::ultrasound_service::start(ultrasound_settings, scn, server->epoch_ns(), &error))) {
+        std::fprintf(stderr, "orlune-sim: %s\n", error.c_str());
+        return 1;
+    }
+    auto producers = sim::vision_producers::start(scn, vision, server->epoch_ns(), &error);
+    if (!producers) {
+        std::fprintf(stderr, "orlune-sim: %s\n", error.c_str());
+        return 1;
+    }
     std::printf("IIOD_REMOTE=%s\n", server->uri().c_str());
+    std::printf("SMARTBATTERY_DIR=%s\n", battery->directory().c_str());
     std::printf("# scenario '%s': %zu devices", scn.name.c_str(), scn.devices.size());
     for (const sim::scenario_device &d : scn.devices)
         std::printf(" %s(%s)", d.name.c_str(), d.trigger.c_str());
@@ -98,6 +161,10 @@ int main(int argc, char **argv)
 
     int sig = 0;
     sigwait(&stop_signals, &sig);
+    producers->stop();
+    ultrasound.reset();
+    gps.reset();
+    battery.reset();
     server->stop();
     std::fprintf(stderr, "orlune-sim: stopped by %s\n", strsignal(sig));
     return 0;

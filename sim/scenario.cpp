@@ -16,8 +16,9 @@
 namespace sim {
 namespace {
 
-constexpr std::array<const char *, 3> kDeviceKinds{"imu", "baro", "magneto"};
-constexpr std::array<const char *, 4> kFaultKinds{"refill-error", "short-batch", "stall", "disconnect"};
+constexpr std::array<const char *, 4> kDeviceKinds{"imu", "baro", "magneto", "motors"};
+constexpr std::array<const char *, 5> kFaultKinds{"refill-error", "short-batch", "stall", "disconnect",
+                                                    "motor-error"};
 
 template <typename E, size_t N>
 int kind_from_name(const std::array<const char *, N> &table, const char *name, E *out)
@@ -119,7 +120,8 @@ public:
             (rc = integer(g, "sampling-frequency", &d->sampling_frequency)) ||
             (rc = integer(g, "rate-divider", &d->rate_divider)) || (rc = numbers(g, "mount-matrix", &d->mount_matrix)) ||
             (rc = number(g, "noise", &d->noise_counts)) || (rc = number(g, "warm-up-rise", &d->warm.rise_k)) ||
-            (rc = number(g, "warm-up-time-constant", &d->warm.time_constant_s)))
+            (rc = number(g, "warm-up-time-constant", &d->warm.time_constant_s)) ||
+            (rc = number(g, "supply-voltage", &d->supply_voltage)) || (rc = integer(g, "flight-time", &d->flight_time_s)))
             return rc;
         return 0;
     }
@@ -144,7 +146,8 @@ public:
             return fail(g, "unknown fault kind '" + kind + "'");
         if ((rc = number(g, "at", &f->at_s, true)) || (rc = text(g, "device", &f->device)) ||
             (rc = integer(g, "errno", &f->error)) || (rc = integer(g, "scans", &f->scans)) ||
-            (rc = integer(g, "count", &f->count)) || (rc = number(g, "duration", &f->duration_s)))
+            (rc = integer(g, "count", &f->count)) || (rc = number(g, "duration", &f->duration_s)) ||
+            (rc = integer(g, "motor", &f->motor)) || (rc = integer(g, "code", &f->code)))
             return rc;
         return 0;
     }
@@ -265,7 +268,10 @@ scenario default_scenario()
                      20.0, {6.0, 120.0}};
     scenario_device magneto{device_kind::magneto, "orlune-magneto", "orlune-magneto-trig", 100, 1,
                         {-1, 0, 0, 0, 1, 0, 0, 0, -1}, 1.5, {4.0, 120.0}};
-    s.devices = {imu, baro, magneto};
+    // The motor controller samples at the motors section's 200 Hz.
+    scenario_device esc{device_kind::motors, "orlune-esc", "orlune-esc-trig", 200, 1, {1, 0, 0, 0, 1, 0, 0, 0, 1}};
+    esc.flight_time_s = 3600;
+    s.devices = {imu, baro, magneto, esc};
     s.phases = {
         {"hover", 5.0, 0, 0, 0, 0},
         {"climb", 4.0, 0, 0, 0, 1.5},
@@ -295,6 +301,8 @@ int scenario_validate(const scenario &s, std::string *error)
             return set_error(error, d.name + ": mount-matrix cannot be inverted");
         if (d.noise_counts < 0 || d.warm.time_constant_s <= 0)
             return set_error(error, d.name + ": noise must be >= 0 and warm-up-time-constant > 0");
+        if (!(d.supply_voltage > 0 && d.supply_voltage < 60) || d.flight_time_s < 0)
+            return set_error(error, d.name + ": supply-voltage must be 0..60 V and flight-time >= 0");
     }
     for (const scenario_device &a : s.devices)
         for (const scenario_device &b : s.devices)
@@ -306,6 +314,8 @@ int scenario_validate(const scenario &s, std::string *error)
     for (const scenario_fault &f : s.faults) {
         if (f.at_s < 0 || f.count < 1 || f.scans < 0 || f.error <= 0 || f.duration_s < 0)
             return set_error(error, std::string(fault_kind_name(f.kind)) + ": at, count, scans, errno or duration out of range");
+        if (f.kind == fault_kind::motor_error && (f.motor < 0 || f.motor > 3 || f.code < 0 || f.code > 255))
+            return set_error(error, "motor-error: motor must be 0..3 and code 0..255");
         if (f.kind != fault_kind::disconnect && !names.count(f.device))
             return set_error(error, std::string(fault_kind_name(f.kind)) + ": unknown device '" + f.device + "'");
     }

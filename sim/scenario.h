@@ -12,9 +12,9 @@ namespace sim {
 
 // Each kind has one device model (iio_devices.h); a new kind is one more row
 // in kDeviceKinds and one more model.
-enum class device_kind { imu, baro, magneto };
+enum class device_kind { imu, baro, magneto, motors };
 
-enum class fault_kind { refill_error, short_batch, stall, disconnect };
+enum class fault_kind { refill_error, short_batch, stall, disconnect, motor_error };
 
 // Die temperature: ambient + rise * (1 - exp(-t / time_constant)).
 struct warm_up {
@@ -32,6 +32,10 @@ struct scenario_device {
     std::array<double, 9> mount_matrix{1, 0, 0, 0, 1, 0, 0, 0, 1};
     double noise_counts = 0.0; // standard deviation of the added noise, in raw counts
     warm_up warm;
+    // Motor controller: supply voltage with the motors at rest (V), and its
+    // flight-time counter at start-up (s).
+    double supply_voltage = 12.6;
+    int flight_time_s = 0;
 };
 
 struct scenario_phase {
@@ -51,7 +55,9 @@ struct scenario_fault {
     int error = 5;      // refill-error: positive errno of the reply
     int scans = 1;      // short-batch: scans delivered
     int count = 1;      // refill-error, short-batch: refills affected
-    double duration_s = 1.0; // stall: trigger silent; disconnect: server down
+    double duration_s = 1.0; // stall: trigger silent; disconnect: server down; motor-error: error shown
+    int motor = 0;           // motor-error: motor 0..3
+    int code = 2;            // motor-error: error code the controller reports
 };
 
 struct scenario {

@@ -74,16 +74,22 @@ int install_thermal_inverses(iiod_server &server, const scenario &s, std::string
                 *error = "the magnetometer calibration file is unusable";
                 return -EINVAL;
             }
-            // The plug-in corrects the field at the barometer's temperature;
-            // the model is handed its own die's, which warms alike.
             model->thermal = [set](std::span<double> values, double temp_k) {
                 double bias[3];
                 magneto_calib_bias_at(*set, temp_k, bias);
                 for (int a = 0; a < 3; a++)
                     values[size_t(a)] += bias[a];
             };
+            // The plug-in corrects the field at the barometer's temperature.
+            for (const scenario_device &other : s.devices)
+                if (other.kind == device_kind::baro) {
+                    calibrate_at_die_of(*model, other.warm);
+                    break;
+                }
             break;
         }
+        default: // no thermal calibration
+            break;
         }
     }
     return 0;

@@ -3,30 +3,53 @@
 //
 // Read blocks only in the IMU wait; every other sensor is polled once. The
 // frame allocates nothing here and formats text only when it logs.
-#include <array>
 #include <cerrno>
 #include <cstring>
 
+#include <sensors/baro_magneto.h>
+#include <sensors/battery.h>
+#include <sensors/gps_us.h>
 #include <sensors/imu.h>
+#include <sensors/motors.h>
+#include <sensors/tlm_sensors.h>
 
 #include "driver/driver_ctx.h"
 #include "driver/driver_log.h"
+#include "tlm_sensors/throttle.h"
 
 namespace {
 
 using enabled_fn = bool (*)(const sensors_config &);
 
-// Sensors polled after the IMU whose failure is logged and the cycle goes on.
+// Sensors polled after the IMU whose failure is logged and the cycle goes on,
+// in this order.
 struct poll_row {
     enabled_fn enabled;
     int (*read)(sensors_orlune_ctx *, uint32_t *mask);
     const char *failure; // one %s: strerror of the result
 };
 
-// Barometer, magnetometer (with the barometer's temperature), gps,
-// ultrasound, carpet detection, vision position and optical flow, in that
-// order, as their modules are built.
-constexpr std::array<poll_row, 0> kPoll{};
+constexpr poll_row kPoll[] = {
+    {[](const sensors_config &c) { return c.baro.enabled != 0; },
+     [](sensors_orlune_ctx *x, uint32_t *m) { return barometer_read(x->baro, m); }, "barometer read failed: %s"},
+    // The magnetometer is corrected at the barometer's temperature of this
+    // cycle (stale or zero when the barometer delivered nothing).
+    {[](const sensors_config &c) { return c.magneto.enabled != 0; },
+     [](sensors_orlune_ctx *x, uint32_t *m) { return magneto_read(x->magneto, m, x->record->baro.temperature); },
+     "magnetometer read failed: %s"},
+    {[](const sensors_config &c) { return c.gps.enabled != 0; },
+     [](sensors_orlune_ctx *x, uint32_t *m) { return gps_read(x->gps, m); }, "gps read failed: %s"},
+    {[](const sensors_config &c) { return c.ultrasound.enabled != 0; },
+     [](sensors_orlune_ctx *x, uint32_t *m) { return us_read(x->us, m); }, "us read failed: %s"},
+    {[](const sensors_config &c) { return c.carpet_detection.enabled != 0; },
+     [](sensors_orlune_ctx *x, uint32_t *m) { return carpet_detection_read(x->carpet, m); }, "carpet read failed: %s"},
+    {[](const sensors_config &c) { return c.vcam_position.enabled != 0; },
+     [](sensors_orlune_ctx *x, uint32_t *m) { return vision_position_read(x->vision_position, m); },
+     "vcam_position read failed: %s"},
+    {[](const sensors_config &c) { return c.vcam_optical_flow.enabled != 0; },
+     [](sensors_orlune_ctx *x, uint32_t *m) { return vision_optical_flow_read(x->optical_flow, m); },
+     "vision_optical_flow read failed: %s"},
+};
 
 struct push_row {
     enabled_fn enabled;
@@ -37,7 +60,23 @@ struct push_row {
 constexpr push_row kPush[] = {
     {[](const sensors_config &c) { return c.imu.enabled != 0; }, SENSORS_UPDATED_IMU,
      [](sensors_orlune_ctx *x) { return imu_tlm_push(x->imu); }},
+    {[](const sensors_config &c) { return c.baro.enabled != 0; }, SENSORS_UPDATED_BARO,
+     [](sensors_orlune_ctx *x) { return barometer_tlm_push(x->baro); }},
+    {[](const sensors_config &c) { return c.magneto.enabled != 0; }, SENSORS_UPDATED_MAGNETO,
+     [](sensors_orlune_ctx *x) { return magneto_tlm_push(x->magneto); }},
+    {[](const sensors_config &c) { return c.ultrasound.enabled != 0; }, SENSORS_UPDATED_US,
+     [](sensors_orlune_ctx *x) { return us_tlm_push(x->us); }},
+    {[](const sensors_config &c) { return c.gps.enabled != 0; }, SENSORS_UPDATED_GPS,
+     [](sensors_orlune_ctx *x) { return gps_tlm_push(x->gps); }},
+    {[](const sensors_config &c) { return c.bldc.enabled != 0; }, SENSORS_UPDATED_MOTORS,
+     [](sensors_orlune_ctx *x) { return bldc_cypress_tlm_push_motors(x->bldc); }},
+    {[](const sensors_config &c) { return c.battery.enabled != 0; }, SENSORS_UPDATED_BATTERY,
+     [](sensors_orlune_ctx *x) { return battery_tlm_push(x->battery); }},
 };
+
+// Front-camera gimbal failures: reported at most once a second per calling
+// thread, with the number swallowed since the previous report.
+thread_local msg_throttle t_gimbal_failures{};
 
 // The battery sub-record filled from the motor controller when no smart
 // battery data is available.
@@ -51,6 +90,10 @@ void battery_fallback(sensors_data *record, uint32_t *mask)
     battery.voltage = record->motors.voltage;
     battery.timestamp = record->motors.timestamp;
 }
+
+// Bits 0 to 9 of changed_mask (voltage to cycle count) count as changed when
+// the pack appears.
+constexpr uint32_t kBatteryAppearedMask = 0x3FF;
 
 } // namespace
 
@@ -86,18 +129,51 @@ int sensors_orlune_read(sensors_data *record, sensors_orlune_ctx *ctx)
             log_msg(kFrameTag, LOG_ERR, row.failure, strerror(-r));
     }
 
+    if (config.fcam_gimbal.enabled) {
+        int r = fcam_gimbal_read(ctx->fcam_gimbal, mask);
+        if (r < 0)
+            fcam_gimbal_report_read_failure(kFrameTag, &t_gimbal_failures, r, monotonic_ms());
+    }
+
+    if (config.bldc.enabled) {
+        const sensors_imu_data &imu = ctx->record->imu;
+        const timespec *imu_time = imu.nb_samples ? &imu.timestamps[0] : nullptr;
+        int r = bldc_cypress_read(ctx->bldc, mask, imu_time);
+        if (r < 0) {
+            log_msg(kFrameTag, LOG_ERR, "bldc read failed: %s", strerror(-r));
+            return r;
+        }
+    }
+
+    if (config.battery.enabled && ctx->battery) {
+        bool was_present = battery_is_present(ctx->battery) > 0;
+        int r = battery_read(ctx->battery, mask);
+        if (r >= 0) {
+            if (!was_present) {
+                log_msg(kFrameTag, LOG_NOTICE, "EVT:SMARTBATTERY;event='present'");
+                *mask |= SENSORS_UPDATED_BATTERY;
+                ctx->record->battery.changed_mask |= kBatteryAppearedMask;
+            }
+            return 0;
+        }
+        if (was_present)
+            log_msg(kFrameTag, LOG_NOTICE, "EVT:SMARTBATTERY;event='absent'");
+    }
+
     battery_fallback(ctx->record, mask);
     return 0;
 }
 
 int sensors_orlune_write(const sensors_motor_command *command, sensors_orlune_ctx *ctx)
 {
-    (void)command;
     if (!ctx || !ctx->config)
         return -EINVAL;
-    // Motor commands reach the controller once its module is built; with
-    // the controller disabled they are ignored.
-    return 0;
+    if (!ctx->config->bldc.enabled)
+        return 0;
+    int r = bldc_cypress_write(ctx->bldc, command);
+    if (r < 0)
+        log_msg(kFrameTag, LOG_ERR, "bldc write failed: %s", strerror(-r));
+    return r;
 }
 
 int sensors_orlune_tlm_write(sensors_orlune_ctx *ctx)

@@ -37,8 +37,8 @@ void log_str(const log_tag &tag, int priority, const char *text);
 void log_call_failed(const log_tag &tag, int priority, const char *function, int line, const char *operation,
                      int err);
 
-// Replaces the level table with a SENSORS_LOG_LEVEL-style specification.
-// Returns 0, or -EINVAL for a malformed specification (the table is then
+// Replaces the level table with a SENSORS_LOG_LEVEL-style level list.
+// Returns 0, or -EINVAL for a malformed list (the table is then
 // left as it was).
 int log_set_levels(const char *spec);
 

@@ -8,7 +8,9 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cmath>
+#include <thread>
 #include <cstring>
 
 #include "frame_fixture.h"
@@ -223,8 +225,90 @@ TEST_F(FrameTest, MotorControllerStillCreatesTheImuButTheCycleNeverWaitsOnIt)
     EXPECT_EQ(access(path, F_OK), 0) << "the IMU module was not created";
     ASSERT_EQ(drv_.start(ctx_), 0);
     EXPECT_EQ(drv_.read(&data_, ctx_), 0);
-    EXPECT_EQ(data_.updated_sensors, SENSORS_UPDATED_BATTERY);
+    EXPECT_FALSE(data_.updated_sensors & SENSORS_UPDATED_IMU);
+    EXPECT_TRUE(data_.updated_sensors & SENSORS_UPDATED_BATTERY);
     EXPECT_EQ(data_.imu.nb_samples, 0);
+}
+
+TEST_F(FrameTest, SmartBatteryPresenceBecomesEventsAndTheFallbackCoversItsAbsence)
+{
+    start_server();
+    const std::string dir = "/sys/class/power_supply/smartbattery";
+    const std::pair<const char *, const char *> files[] = {
+        {"name", "smartbattery\n"}, {"present", "1\n"}, {"manufacturer_name", "Orlune\n"},
+        {"model_name", "ORL-2S\n"}, {"voltage_now", "8100\n"}, {"current_now", "-1500\n"},
+        {"rsoc", "90\n"}, {"soh", "97\n"}, {"cycle_count", "12\n"}, {"temperature", "2981\n"},
+        {"avg_time_to_empty", "45\n"}, {"full_charge_cap", "2700\n"}, {"remaining_cap", "2430\n"},
+        {"alerts", "0 0\n"}, {"authenticated", "1\n"}, {"usb_peer", "0 0 0\n"},
+        {"cell_voltage", "2 3900 3895\n"}, {"anomaly", "0\n"},
+    };
+    for (const auto &[name, text] : files)
+        root_.write(dir + "/" + name, text);
+    configure(cfg_text::all_disabled().section(
+        "battery", {{"enabled", "true"}, {"device", "\"" + dir + "\""}, {"frequency", "20"}}));
+    ASSERT_EQ(probe(), 0);
+    ASSERT_EQ(drv_.start(ctx_), 0);
+    frame_messages();
+
+    // Present from the first cycle: one event, every field marked changed.
+    ASSERT_EQ(drv_.read(&data_, ctx_), 0);
+    EXPECT_THAT(frame_messages(), ElementsAre("EVT:SMARTBATTERY;event='present'"));
+    EXPECT_TRUE(data_.updated_sensors & SENSORS_UPDATED_BATTERY);
+    EXPECT_EQ(data_.battery.present, 1u);
+    EXPECT_EQ(data_.battery.changed_mask & 0x3FFu, 0x3FFu);
+    // Within the read period: nothing new, no fallback.
+    ASSERT_EQ(drv_.read(&data_, ctx_), 0);
+    EXPECT_FALSE(data_.updated_sensors & SENSORS_UPDATED_BATTERY);
+    EXPECT_EQ(data_.battery.present, 1u);
+
+    // Removed: one "absent", then the fallback every cycle.
+    root_.write(dir + "/present", "0\n");
+    data_.motors.voltage = 7.4f;
+    for (int i = 0; i < 3; i++) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(60));
+        ASSERT_EQ(drv_.read(&data_, ctx_), 0);
+        EXPECT_TRUE(data_.updated_sensors & SENSORS_UPDATED_BATTERY);
+        EXPECT_EQ(data_.battery.present, 0u);
+        EXPECT_EQ(data_.battery.voltage, 7.4f);
+        EXPECT_EQ(data_.battery.rsoc, SENSORS_BATTERY_RSOC_UNKNOWN);
+    }
+    EXPECT_THAT(frame_messages(), ElementsAre("EVT:SMARTBATTERY;event='absent'"));
+
+    // Back: "present" once more.
+    root_.write(dir + "/present", "1\n");
+    std::this_thread::sleep_for(std::chrono::milliseconds(60));
+    ASSERT_EQ(drv_.read(&data_, ctx_), 0);
+    EXPECT_EQ(data_.battery.present, 1u);
+    EXPECT_THAT(frame_messages(), ElementsAre("EVT:SMARTBATTERY;event='present'"));
+    EXPECT_EQ(drv_.tlm_write(ctx_), 0);
+}
+
+TEST_F(FrameTest, GimbalFailuresAreReportedOnceASecondWithTheCountSwallowed)
+{
+    start_server();
+    // No gimbal estimator publishes: every read fails.
+    configure(cfg_text::all_disabled().section("fcam_gimbal", {{"enabled", "true"}}));
+    ASSERT_EQ(probe(), 0);
+    ASSERT_EQ(drv_.start(ctx_), 0);
+    frame_messages();
+    auto start = std::chrono::steady_clock::now();
+    for (int i = 0; i < 11; i++) {
+        std::this_thread::sleep_until(start + std::chrono::milliseconds(100 * i));
+        ASSERT_EQ(drv_.read(&data_, ctx_), 0);
+    }
+    const std::string reason = strerror(EAGAIN);
+    EXPECT_THAT(frame_messages(),
+                ElementsAre("fcam_gimbal read failed: " + reason, "[9] fcam_gimbal read failed: " + reason));
+}
+
+TEST_F(FrameTest, MotorCommandsGoToTheControllerOnlyWhenItIsEnabled)
+{
+    start_server();
+    configure(cfg_text::all_disabled());
+    ASSERT_EQ(probe(), 0);
+    sensors_motor_command command{1, {100, 100, 100, 100}, 0};
+    EXPECT_EQ(drv_.write(&command, ctx_), 0);
+    EXPECT_TRUE(frame_messages().empty());
 }
 
 } // namespace

@@ -120,7 +120,7 @@ TEST_F(Interop, IioInfoListsTheDevicesWithTheirAttributes)
     const std::string out = info.read_all(std::chrono::seconds(10));
     EXPECT_EQ(info.finish(0, std::chrono::seconds(5)), 0) << out;
     for (const char *expected : {"IIO context created with network backend.",
-                                 "IIO context has 6 devices:",
+                                 "IIO context has 8 devices:",
                                  "iio:device0: orlune-imu (buffer capable)",
                                  "accel_x:  (input, index: 0, format: le:S16/16>>0)",
                                  "timestamp:  (input, index: 7, format: le:S64/64>>0)",

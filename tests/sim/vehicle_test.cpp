@@ -56,7 +56,8 @@ TEST(Scenario, FaultsFileScriptsEveryFaultKind)
     sim::scenario s;
     std::string error;
     ASSERT_EQ(sim::scenario_load(example("faults.cfg").c_str(), &s, &error), 0) << error;
-    ASSERT_EQ(s.faults.size(), 5u);
+    ASSERT_EQ(s.faults.size(), 6u);
+    EXPECT_EQ(s.faults[5].kind, sim::fault_kind::motor_error);
     EXPECT_EQ(s.faults[0].kind, sim::fault_kind::refill_error);
     EXPECT_EQ(s.faults[0].count, 2);
     EXPECT_EQ(s.faults[1].kind, sim::fault_kind::short_batch);

@@ -21,11 +21,17 @@ test_root::test_root()
     path_ = tmpl;
     setenv(kRootEnv, path_.c_str(), 1);
     unsetenv(kPropertiesEnv);
+    // The other global names of a run: telemetry sections and abstract
+    // sockets, private to this test too (processes it starts inherit them).
+    setenv("ORLUNE_TLM_DIR", (path_ + "/tlm").c_str(), 1);
+    setenv("ORLUNE_SOCKET_PREFIX", (fs::path(path_).filename().string() + "-").c_str(), 1);
 }
 
 test_root::~test_root()
 {
     unsetenv(kRootEnv);
+    unsetenv("ORLUNE_TLM_DIR");
+    unsetenv("ORLUNE_SOCKET_PREFIX");
     std::error_code ec;
     fs::remove_all(path_, ec);
 }

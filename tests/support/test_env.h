@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // A private root for one test: a fresh temporary directory that ORLUNE_ROOT
 // points at, so the fixed paths (/etc/sensors, /data, /factory, the
-// properties file) of the code under test land inside it.
+// properties file) of the code under test land inside it; the telemetry
+// sections (ORLUNE_TLM_DIR) and abstract sockets (ORLUNE_SOCKET_PREFIX) are
+// made private to it as well.
 #pragma once
 
 #include <string>

@@ -28,6 +28,8 @@ public:
     std::map<std::string, unsigned> errors_per_tag();
     // Flight-log events ("EVT:" messages) seen so far.
     unsigned events();
+    // Adds a line of the host's own to the log (view, file, echo).
+    void note(const std::string &line) { account(line); }
     // Writes to the terminal even while stderr is captured.
     void print(const char *fmt, ...) __attribute__((format(printf, 2, 3)));
 

@@ -112,9 +112,14 @@ std::string host_stats::latest(const sensors_data &d, uint32_t bit)
                  d.magneto.field[2], d.magneto.temperature);
         break;
     case SENSORS_UPDATED_MOTORS:
-        snprintf(s, sizeof s, "speeds %u %u %u %u  spinning %u  errors %u %u %u %u  %.2f V", d.motors.motor[0].speed,
-                 d.motors.motor[1].speed, d.motors.motor[2].speed, d.motors.motor[3].speed, d.motors.spinning,
-                 d.motors.error[0], d.motors.error[1], d.motors.error[2], d.motors.error[3], d.motors.voltage);
+        snprintf(s, sizeof s,
+                 "speeds %u %u %u %u  pwm %u %u %u %u  status %u/%u  ramp %u brake %u spinning %u nominal %u idle %u  "
+                 "errors %u %u %u %u  %.2f V",
+                 d.motors.motor[0].speed, d.motors.motor[1].speed, d.motors.motor[2].speed, d.motors.motor[3].speed,
+                 d.motors.motor[0].pwm, d.motors.motor[1].pwm, d.motors.motor[2].pwm, d.motors.motor[3].pwm,
+                 d.motors.status[0] & 0xffu, d.motors.status[1] & 0xffu, d.motors.ramp_state, d.motors.brake_state,
+                 d.motors.spinning, d.motors.nominal, d.motors.idle, d.motors.error[0], d.motors.error[1],
+                 d.motors.error[2], d.motors.error[3], d.motors.voltage);
         break;
     case SENSORS_UPDATED_US:
         snprintf(s, sizeof s, "%.3f m (v2 %.3f)  status %u  mode %u", d.us.altitude, d.us.altitude_v2, d.us.status,
@@ -152,5 +157,13 @@ std::string host_stats::latest(const sensors_data &d, uint32_t bit)
     default:
         break;
     }
+    return s;
+}
+
+std::string host_stats::carpet(const sensors_data &d)
+{
+    char s[160];
+    snprintf(s, sizeof s, "%+.3f %+.3f %+.3f m  %+.3f rad  targets %d  %s", d.carpet.position_x, d.carpet.position_y,
+             d.carpet.position_z, d.carpet.orientation, d.carpet.nb_targets, d.carpet.active ? "active" : "inactive");
     return s;
 }

@@ -58,6 +58,8 @@ public:
 
     // The latest values of a sub-record, in a line for the live view.
     static std::string latest(const sensors_data &data, uint32_t bit);
+    // Carpet detection sets no updated bit: its line is shown while active.
+    static std::string carpet(const sensors_data &data);
 
 private:
     std::vector<sensor_row> rows_;

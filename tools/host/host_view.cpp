@@ -7,6 +7,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "host_motors.h"
+
 namespace {
 
 int terminal_rows()
@@ -48,10 +50,21 @@ void view_refresh(view_mode mode, const view_context &ctx)
         out += line;
         used++;
     }
+    if (ctx.data->carpet.active) {
+        snprintf(line, sizeof line, "%-16s %9s  %s\n", "carpet", "-", host_stats::carpet(*ctx.data).c_str());
+        out += line;
+        used++;
+    }
     snprintf(line, sizeof line, "\nimu: %llu samples, %llu lost, period %.3f ms\n\n-- log --\n",
              (unsigned long long)st.imu().samples(), (unsigned long long)st.imu().lost(), st.imu().period_s() * 1e3);
     out += line;
     used += 4;
+    if (ctx.motor_keys) {
+        snprintf(line, sizeof line, "motors: %s  (%u sent, %u failed)\n", kMotorKeysHelp, ctx.motor_commands,
+                 ctx.motor_failures);
+        out.insert(out.size() - strlen("\n-- log --\n"), line);
+        used++;
+    }
     int room = terminal_rows() - used - 1;
     if (room > 0)
         for (const std::string &l : ctx.log->last_lines(size_t(room))) {
@@ -84,11 +97,19 @@ void view_summary(const view_context &ctx)
             continue;
         printf("%-16s %10llu %10.1f\n", row.name, (unsigned long long)row.updates, double(row.updates) / t);
     }
+    printf("\nlatest values:\n");
+    for (const sensor_row &row : st.rows())
+        if (row.updates)
+            printf("  %-14s %s\n", row.name, host_stats::latest(*ctx.data, row.bit).c_str());
+    if (ctx.data->carpet.active)
+        printf("  %-14s %s\n", "carpet", host_stats::carpet(*ctx.data).c_str());
     if (!errors.empty()) {
         printf("\nerror messages per log tag:\n");
         for (const auto &[tag, count] : errors)
             printf("  %-22s %u\n", tag.c_str(), count);
     }
+    if (ctx.motor_commands)
+        printf("motor commands   %u (%u failed)\n", ctx.motor_commands, ctx.motor_failures);
     printf("flight-log events %u\n", ctx.log->events());
     fflush(stdout);
 }

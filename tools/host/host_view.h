@@ -15,6 +15,9 @@ struct view_context {
     const sensors_data *data;
     host_stats *stats;
     host_log *log;
+    bool motor_keys = false;     // the live view takes motor command keys
+    unsigned motor_commands = 0; // sent with write
+    unsigned motor_failures = 0; // of which write returned an error
 };
 
 // Live: redraws the terminal (per sensor its rate and latest values, the log

@@ -12,9 +12,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
+#include <vector>
 
 #include "host_log.h"
+#include "host_motors.h"
 #include "host_stats.h"
 #include "host_view.h"
 #include "platform/sched_config.h"
@@ -57,6 +60,8 @@ struct options {
     uint64_t max_cycles = 0;
     view_mode view = isatty(STDOUT_FILENO) ? view_mode::live : view_mode::lines;
     std::string log_file;
+    std::vector<motor_step> motor_script;
+    uint32_t activate = 0; // sensor kinds activated after start
 };
 
 void usage(FILE *out)
@@ -70,6 +75,12 @@ void usage(FILE *out)
             "  -n, --cycles N        stop after N read cycles\n"
             "  -v, --view MODE       live, lines or none (default: live on a terminal, else lines)\n"
             "  -l, --log FILE        also write the plug-in's log to FILE\n"
+            "  -M, --motors SCRIPT   motor commands at seconds after start, e.g.\n"
+            "                        1:start,2.5:speeds=6000,4:speeds=5000/5000/6000/6000,6:stop\n"
+            "                        (start, stop, stop=CODE, speeds=S or S0/S1/S2/S3, stall-on, stall-off);\n"
+            "                        in the live view, keys send them too\n"
+            "  -A, --activate KINDS  activate these kinds after start (carpet_detection is the one that acts);\n"
+            "                        in the live view, the a key switches carpet detection\n"
             "  -h, --help            this text\n"
             "kinds:",
             ORLUNE_DEFAULT_PLUGIN);
@@ -114,10 +125,12 @@ bool parse_options(int argc, char **argv, options *o)
         {"plugin", required_argument, nullptr, 'p'}, {"mask", required_argument, nullptr, 'm'},
         {"duration", required_argument, nullptr, 'd'}, {"cycles", required_argument, nullptr, 'n'},
         {"view", required_argument, nullptr, 'v'}, {"log", required_argument, nullptr, 'l'},
-        {"help", no_argument, nullptr, 'h'}, {nullptr, 0, nullptr, 0},
+        {"motors", required_argument, nullptr, 'M'}, {"activate", required_argument, nullptr, 'A'},
+        {"help", no_argument, nullptr, 'h'},
+        {nullptr, 0, nullptr, 0},
     };
     int c;
-    while ((c = getopt_long(argc, argv, "p:m:d:n:v:l:h", kLong, nullptr)) != -1) {
+    while ((c = getopt_long(argc, argv, "p:m:d:n:v:l:M:A:h", kLong, nullptr)) != -1) {
         switch (c) {
         case 'p':
             o->plugin = optarg;
@@ -148,6 +161,20 @@ bool parse_options(int argc, char **argv, options *o)
             break;
         case 'l':
             o->log_file = optarg;
+            break;
+        case 'M': {
+            std::string error;
+            if (!parse_motor_script(optarg, &o->motor_script, &error)) {
+                fprintf(stderr, "orlune-host: %s\n", error.c_str());
+                return false;
+            }
+            break;
+        }
+        case 'A':
+            if (!parse_mask(optarg, &o->activate)) {
+                fprintf(stderr, "orlune-host: unknown sensor kind in '%s'\n", optarg);
+                return false;
+            }
             break;
         case 'h':
             usage(stdout);
@@ -249,8 +276,51 @@ int main(int argc, char **argv)
     monotonic_now(&start);
     last_view = start;
     view_context view{opt.plugin, 0, data, &stats, &log};
+    std::unique_ptr<key_reader> keys;
+    if (opt.view == view_mode::live) {
+        keys = std::make_unique<key_reader>();
+        view.motor_keys = keys->active();
+    }
+    auto send_motor = [&](const sensors_motor_command &command) {
+        const int w = driver->write(&command, ctx);
+        view.motor_commands++;
+        if (w < 0)
+            view.motor_failures++;
+        log.note("orlune-host: motors " + motor_command_text(command) + (w < 0 ? std::string(": ") + strerror(-w) : ""));
+    };
+    // Carpet detection is switched by activate and deactivate while acquiring.
+    bool carpet_on = false;
+    auto switch_carpet = [&](bool on) {
+        const int a = on ? driver->activate(ctx, SENSORS_KIND_CARPET_DETECTION)
+                         : driver->deactivate(ctx, SENSORS_KIND_CARPET_DETECTION);
+        if (a == 0)
+            carpet_on = on;
+        log.note(std::string("orlune-host: carpet detection ") + (on ? "activated" : "deactivated") +
+                 (a < 0 ? std::string(": ") + strerror(-a) : ""));
+    };
+    if (opt.activate) {
+        const int a = driver->activate(ctx, opt.activate);
+        if (a < 0)
+            log.note(std::string("orlune-host: activate failed: ") + strerror(-a));
+        else
+            carpet_on = opt.activate & SENSORS_KIND_CARPET_DETECTION;
+    }
+    size_t next_step = 0;
+    uint16_t key_speed = 0;
     int consecutive_failures = 0;
     while (!g_stop) {
+        const double t = seconds_since(start);
+        while (next_step < opt.motor_script.size() && opt.motor_script[next_step].at_s <= t)
+            send_motor(opt.motor_script[next_step++].command);
+        for (int key; keys && (key = keys->next()) >= 0;) {
+            sensors_motor_command command;
+            if (key == 'q')
+                g_stop = true;
+            else if (key == 'a')
+                switch_carpet(!carpet_on);
+            else if (motor_key(key, &key_speed, &command))
+                send_motor(command);
+        }
         r = driver->read(data, ctx);
         if (r < 0) {
             stats.read_failed(r);
@@ -275,6 +345,7 @@ int main(int argc, char **argv)
             break;
     }
     view.elapsed_s = seconds_since(start);
+    keys.reset();
 
     driver->stop(ctx);
     driver->shutdown(ctx);

@@ -1,0 +1,129 @@
+// SPDX-License-Identifier: Apache-2.0
+// Arbitrary bytes as the smart battery's attribute files. The input is cut at
+// each line "%%\n" into the contents of "name", "present", "voltage_now",
+// "current_now", "rsoc", "soh", "cycle_count", "temperature",
+// "avg_time_to_empty", "full_charge_cap", "remaining_cap", "alerts",
+// "authenticated", "usb_peer", "cell_voltage" and "anomaly", in that order; a
+// missing part leaves a valid value. A module is created on them and read
+// once, and a long-lived module (whose latches and last values carry over
+// from input to input) makes one full read of them.
+#include <sensors/battery.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <filesystem>
+#include <string>
+#include <string_view>
+#include <thread>
+
+#include "platform/log.h"
+#include "platform/paths.h"
+#include "platform/shm_telemetry.h"
+
+namespace {
+
+constexpr const char *kDir = "/sys/class/power_supply/smartbattery";
+constexpr std::string_view kSeparator = "%%\n";
+struct attribute {
+    const char *name;
+    const char *valid;
+};
+constexpr attribute kFiles[] = {
+    {"name", "smartbattery\n"}, {"present", "1\n"}, {"voltage_now", "8100\n"}, {"current_now", "-1500\n"},
+    {"rsoc", "90\n"}, {"soh", "97\n"}, {"cycle_count", "12\n"}, {"temperature", "2981\n"},
+    {"avg_time_to_empty", "45\n"}, {"full_charge_cap", "2700\n"}, {"remaining_cap", "2430\n"},
+    {"alerts", "0 0\n"}, {"authenticated", "1\n"}, {"usb_peer", "0 0 0\n"}, {"cell_voltage", "2 3900 3895\n"},
+    {"anomaly", "0\n"},
+};
+// A full read at most every 10 us for the long-lived module.
+constexpr int kFastFrequency = 100000;
+
+std::string g_root;
+std::string g_dir;
+sensors_battery_data g_record;
+battery_ctx *g_long_lived;
+
+void write(const char *name, std::string_view content)
+{
+    std::string path = g_dir + "/" + name;
+    FILE *f = fopen(path.c_str(), "wb");
+    if (!f)
+        abort();
+    if (!content.empty() && fwrite(content.data(), 1, content.size(), f) != content.size())
+        abort();
+    fclose(f);
+}
+
+void cleanup()
+{
+    battery_destroy(g_long_lived);
+    std::error_code ec;
+    std::filesystem::remove_all(g_root, ec);
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerInitialize(int *, char ***)
+{
+    std::string tmpl = (std::filesystem::temp_directory_path() / "orlune-battery-fuzz-XXXXXX").string();
+    if (!mkdtemp(tmpl.data()))
+        abort();
+    g_root = tmpl;
+    setenv(kRootEnv, g_root.c_str(), 1);
+    setenv(kTlmDirEnv, (g_root + "/tlm").c_str(), 1);
+    g_dir = g_root + kDir;
+    std::filesystem::create_directories(g_dir);
+    for (const char *extra : {"manufacturer_name", "model_name"})
+        write(extra, "x\n");
+    for (const attribute &a : kFiles)
+        write(a.name, a.valid);
+    atexit(cleanup);
+    // Messages are formatted (their arguments are fuzzed too) but kept out of the output.
+    log_capture_start();
+    static const sensors_battery_config fast{1, 0, kDir, kFastFrequency, 0};
+    g_long_lived = battery_new(&fast, &g_record);
+    if (!g_long_lived)
+        abort();
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    std::string_view input(reinterpret_cast<const char *>(data), size);
+    size_t n = 0;
+    for (; n < std::size(kFiles); n++) {
+        size_t cut = input.find(kSeparator);
+        write(kFiles[n].name, input.substr(0, cut));
+        if (cut == std::string_view::npos) {
+            n++;
+            break;
+        }
+        input.remove_prefix(cut + kSeparator.size());
+    }
+    for (; n < std::size(kFiles); n++)
+        write(kFiles[n].name, kFiles[n].valid);
+
+    sensors_battery_data record{};
+    static const sensors_battery_config slow{1, 0, kDir, 1, 0};
+    if (battery_ctx *battery = battery_new(&slow, &record)) {
+        uint32_t mask = 0;
+        int r = battery_read(battery, &mask);
+        if (r != 0 && r != -ENODEV)
+            abort();
+        battery_destroy(battery);
+    }
+    // The long-lived module keeps "present" open from the start: it reads
+    // the current content of the same file.
+    std::this_thread::sleep_for(std::chrono::microseconds(11));
+    uint32_t mask = 0;
+    int r = battery_read(g_long_lived, &mask);
+    if (r != 0 && r != -ENODEV)
+        abort();
+    battery_tlm_push(g_long_lived);
+    log_capture_take();
+    return 0;
+}

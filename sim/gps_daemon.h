@@ -1,0 +1,88 @@
+// SPDX-License-Identifier: Apache-2.0
+// The virtual vehicle's GPS daemon: serves the abstract socket "gps"
+// (relocated by ORLUNE_SOCKET_PREFIX) and sends its four message kinds at
+// their own rates from the scenario's truth. The scenario can restart it or
+// kill it. Its settings are the group "gps" of the scenario's "simulator"
+// group; see docs/gps-ultrasound.md.
+#pragma once
+
+#include <libconfig.h>
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "sim/scenario.h"
+
+namespace sim {
+
+// Message ids of the daemon's protocol.
+inline constexpr uint32_t kGpsMsgLoc = 0;   // "%lf%lf%lf%lf%lu"
+inline constexpr uint32_t kGpsMsgExCom = 1; // "%f%f%f%i%u%s"
+inline constexpr uint32_t kGpsMsgExEr = 2;  // "%f%f%f%f%f%f%f%i"
+inline constexpr uint32_t kGpsMsgFw = 3;    // "%s%s"
+
+struct gps_outage {
+    double at_s = 0.0;
+    double duration_s = -1.0; // < 0: killed, never back
+};
+
+struct gps_settings {
+    bool enabled = true;
+    double latitude_deg = 45.1885; // the vehicle does not travel: a fixed place
+    double longitude_deg = 5.7245;
+    double loc_rate_hz = 5.0;
+    double ex_com_rate_hz = 1.0;
+    double ex_er_rate_hz = 1.0;
+    double fw_period_s = 10.0; // also sent to each new client
+    double altitude_noise_m = 0.3;
+    int satellites = 12;
+    std::string constellation = "GNSS";
+    std::string firmware = "orlune-gpsd 2.1.0";
+    std::string receiver = "ORL-M8 rev 3";
+    std::vector<gps_outage> outages; // sorted by time
+};
+
+// Reads the group simulator.<name> of a scenario file and hands it to parse
+// (null when the file has no such group). An empty path is the built-in
+// scenario, which has none. 0, or -EINVAL / -ENOENT with *error set.
+int load_service_group(const std::string &scenario_path, const char *name,
+                       const std::function<int(const config_setting_t *, std::string *)> &parse,
+                       std::string *error);
+// A number (integer or float) of a group; absent keys leave *out. 0 or -EINVAL.
+int setting_number(const config_setting_t *group, const char *key, double *out, std::string *error);
+
+int gps_settings_load(const std::string &scenario_path, gps_settings *out, std::string *error);
+
+class gps_daemon {
+public:
+    // Starts serving now (unless an outage starts at 0), on a thread of its
+    // own; the scenario's clock began at epoch_ns (monotonic). Null with
+    // *error when the socket cannot be bound.
+    static std::unique_ptr<gps_daemon> start(const gps_settings &settings, const scenario &s, int64_t epoch_ns,
+                                             std::string *error);
+    ~gps_daemon();
+    gps_daemon(const gps_daemon &) = delete;
+    gps_daemon &operator=(const gps_daemon &) = delete;
+
+    bool serving() const { return serving_.load(); }
+    size_t clients() const { return clients_.load(); }
+    // Loc messages sent since start, to any client.
+    uint64_t fixes_sent() const { return fixes_.load(); }
+
+    struct impl;
+
+private:
+    explicit gps_daemon(std::unique_ptr<impl> p);
+    std::unique_ptr<impl> impl_;
+    std::atomic<bool> serving_{false};
+    std::atomic<size_t> clients_{0};
+    std::atomic<uint64_t> fixes_{0};
+    std::thread thread_;
+};
+
+} // namespace sim

@@ -1,0 +1,345 @@
+// SPDX-License-Identifier: Apache-2.0
+// The barometer and magnetometer modules against the virtual vehicle's
+// devices, through genuine libiio. The vehicle is still and noiseless, so
+// the raw counts, and hence the converted values, are known exactly.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <iio.h>
+#include <sensors/baro_magneto.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cmath>
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <thread>
+
+#include "platform/failpoint.h"
+#include "platform/sched_config.h"
+#include "platform/shm_telemetry.h"
+#include "sim/iiod_server.h"
+#include "support/test_env.h"
+
+using ::testing::ElementsAre;
+using namespace std::chrono_literals;
+
+namespace {
+
+using baro_ptr = std::unique_ptr<barometer_ctx, decltype(&barometer_destroy)>;
+using magneto_ptr = std::unique_ptr<magneto_ctx, decltype(&magneto_destroy)>;
+
+sim::scenario still_scenario()
+{
+    sim::scenario s;
+    s.ambient_k = 298.15; // baro raw 2500 at 0.01 degree, magneto raw 0 (offset 200, 0.125 degree)
+    // The standard atmosphere's altitude for 4 150 000 counts of 0.0244140625 Pa.
+    s.ground_altitude_m = (1.0 - std::pow(4150000 * 0.0244140625 / 101325.0, 1.0 / 5.25588)) / 2.25577e-5;
+    // Mounted as below, the sensor's axes see (0.01, 0.02, 0.03) gauss:
+    // raw (10, 20, 24) at 0.001, 0.001 and 0.00125 gauss, that is (1, 2, 3) uT.
+    s.earth_field_gauss = {-0.01, 0.02, -0.03};
+    sim::scenario_device baro{sim::device_kind::baro, "orlune-lps22hb", "orlune-baro-trig", 75};
+    sim::scenario_device magneto{sim::device_kind::magneto, "orlune-magneto", "orlune-magneto-trig", 100};
+    magneto.mount_matrix = {-1, 0, 0, 0, 1, 0, 0, 0, -1};
+    s.devices = {baro, magneto};
+    s.phases = {{"hover", 1000.0}};
+    return s;
+}
+
+class BaroMagnetoTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        setenv("ORLUNE_TLM_DIR", (root_.path() + "/tlm").c_str(), 1);
+        std::string error;
+        server_ = sim::iiod_server::start(still_scenario(), sim::server_options{}, &error);
+        ASSERT_TRUE(server_) << error;
+        setenv("IIOD_REMOTE", server_->uri().c_str(), 1);
+        iio_ = iio_create_default_context();
+        ASSERT_TRUE(iio_);
+    }
+    void TearDown() override
+    {
+        failpoint_disarm_all();
+        log_set_levels("info");
+        if (iio_)
+            iio_context_destroy(iio_);
+        server_.reset();
+        unsetenv("IIOD_REMOTE");
+    }
+
+    baro_ptr make_baro(sched_config *sched = nullptr)
+    {
+        return {barometer_new(&baro_config_, iio_, sched, &baro_), barometer_destroy};
+    }
+    magneto_ptr make_magneto(sched_config *sched = nullptr)
+    {
+        return {magneto_new(&magneto_config_, iio_, sched, &magneto_), magneto_destroy};
+    }
+
+    // Messages of tag, with the source line of "<function>:<line>:" replaced by "L".
+    std::vector<std::string> messages(const char *tag)
+    {
+        std::vector<std::string> out;
+        for (std::string t : cap_.texts(tag)) {
+            for (const char *function : {"barometer_new:", "magneto_new:"}) {
+                const size_t n = strlen(function);
+                if (t.compare(0, n, function) == 0)
+                    t.replace(n, t.find(':', n) - n, "L");
+            }
+            out.push_back(t);
+        }
+        return out;
+    }
+
+    // Polls until a read stores a sample; its result.
+    static int read_until_sample(const std::function<int()> &read)
+    {
+        const auto end = std::chrono::steady_clock::now() + 5s;
+        int r = 0;
+        while ((r = read()) == 0 && std::chrono::steady_clock::now() < end)
+            std::this_thread::sleep_for(1ms);
+        return r;
+    }
+
+    test_root root_;
+    log_capture cap_;
+    std::unique_ptr<sim::iiod_server> server_;
+    iio_context *iio_ = nullptr;
+    sensors_baro_config baro_config_{1, 0, "orlune-lps22hb", "orlune-baro-trig", 75};
+    sensors_magneto_config magneto_config_{1, 0, "orlune-magneto", "orlune-magneto-trig", 0, {}, {1, 0, 0, 0, 1, 0, 0, 0, 1},
+                                           50, 1};
+    sensors_baro_data baro_{};
+    sensors_magneto_data magneto_{};
+};
+
+TEST_F(BaroMagnetoTest, BarometerConvertsToPascalAndKelvinThenTakesOutTheBias)
+{
+    log_set_levels("info,baro=debug");
+    baro_ptr baro = make_baro();
+    ASSERT_TRUE(baro);
+    // The single-precision 273.15 shows in the offset: 273.1499938964844 / 0.01.
+    EXPECT_THAT(messages("baro"), ElementsAre("barometer pressure offset=0.000000 scale=0.024414",
+                                              "barometer temperature offset=27314.999390 scale=0.010000"));
+    ASSERT_EQ(barometer_start(baro.get()), 0);
+    uint32_t mask = 0x40;
+    EXPECT_GT(read_until_sample([&] { return barometer_read(baro.get(), &mask); }), 0);
+    EXPECT_EQ(mask, 0x42u);
+    EXPECT_EQ(baro_.pressure, 101318.359375f);
+    EXPECT_EQ(baro_.temperature, 298.15f);
+    EXPECT_EQ(baro_.flags, 3u);
+    EXPECT_EQ(barometer_tlm_push(baro.get()), 0);
+    EXPECT_EQ(barometer_stop(baro.get()), 0);
+    baro.reset();
+
+    // 12.5 + 0.5 x at x = 298.15 - 288.15 K: 17.5 Pa less.
+    root_.write("/factory/flight_baro_thermal_bias",
+                "Temp_0_K 288.15\nTemp_Min_Max_K 303.15 333.15\nPoly_Baro_bias_Pa_K 2 12.5 0.5\n");
+    baro = make_baro();
+    ASSERT_EQ(barometer_start(baro.get()), 0);
+    EXPECT_GT(read_until_sample([&] { return barometer_read(baro.get(), &mask); }), 0);
+    EXPECT_EQ(baro_.pressure, 101300.859375f);
+}
+
+TEST_F(BaroMagnetoTest, NoNewScanLeavesEverythingUntouched)
+{
+    baro_config_.sampling_frequency = 2;
+    magneto_config_.sampling_frequency = 2;
+    baro_ptr baro = make_baro();
+    magneto_ptr magneto = make_magneto();
+    ASSERT_EQ(barometer_start(baro.get()), 0);
+    ASSERT_EQ(magneto_start(magneto.get()), 0);
+    uint32_t mask = 0;
+    ASSERT_GT(read_until_sample([&] { return barometer_read(baro.get(), &mask); }), 0);
+    ASSERT_GT(read_until_sample([&] { return magneto_read(magneto.get(), &mask, 300.0f); }), 0);
+
+    // The next scans are half a second away: both refills answer -EAGAIN.
+    const sensors_baro_data baro_before = {1.0f, 2.0f, 0x10, 0, {3, 4}};
+    const sensors_magneto_data magneto_before = {{5.0f, 6.0f, 7.0f}, 8.0f, {9, 10}};
+    baro_ = baro_before;
+    magneto_ = magneto_before;
+    mask = 0x100;
+    EXPECT_EQ(barometer_read(baro.get(), &mask), 0);
+    EXPECT_EQ(magneto_read(magneto.get(), &mask, 300.0f), 0);
+    EXPECT_EQ(mask, 0x100u);
+    EXPECT_EQ(memcmp(&baro_, &baro_before, sizeof baro_), 0);
+    EXPECT_EQ(memcmp(&magneto_, &magneto_before, sizeof magneto_), 0);
+    // The flags keep what the host set and gain 0x3.
+    ASSERT_GT(read_until_sample([&] { return barometer_read(baro.get(), &mask); }), 0);
+    EXPECT_EQ(baro_.flags, 0x13u);
+}
+
+TEST_F(BaroMagnetoTest, SectionsHoldTwoSecondsAtTheConfiguredRate)
+{
+    struct row {
+        bool baro;
+        int hz;
+        uint32_t period_us, samples;
+        long long device_hz; // the device's rate afterwards
+    };
+    const row rows[] = {
+        {true, 75, 13333, 150, 75},
+        {true, 25, 40000, 50, 25},
+        {false, 0, 10000, 200, 100}, // the device keeps its own rate
+        {false, 50, 20000, 100, 50},
+    };
+    for (const row &r : rows) {
+        SCOPED_TRACE(std::to_string(r.hz) + (r.baro ? " Hz baro" : " Hz magneto"));
+        (r.baro ? baro_config_.sampling_frequency : magneto_config_.sampling_frequency) = r.hz;
+        baro_ptr baro = r.baro ? make_baro() : baro_ptr(nullptr, barometer_destroy);
+        magneto_ptr magneto = r.baro ? magneto_ptr(nullptr, magneto_destroy) : make_magneto();
+        ASSERT_TRUE(baro || magneto);
+        long long hz = 0;
+        iio_device *device = iio_context_find_device(iio_, r.baro ? "orlune-lps22hb" : "orlune-magneto");
+        ASSERT_EQ(iio_device_attr_read_longlong(device, "sampling_frequency", &hz), 0);
+        EXPECT_EQ(hz, r.device_hz);
+        tlm_section_view view{};
+        ASSERT_EQ(tlm_view_open(r.baro ? "sensors_barometer" : "sensors_magnetometer", &view), 0);
+        EXPECT_EQ(view.period_us, r.period_us);
+        EXPECT_EQ(view.sample_count, r.samples);
+        tlm_view_close(&view);
+    }
+}
+
+TEST_F(BaroMagnetoTest, FieldIsScaledRotatedThenCorrectedAtTheGivenTemperature)
+{
+    struct row {
+        const char *what;
+        bool from_device;
+        float matrix[9];
+        float temperature; // handed to the read
+        float expected[3];
+    };
+    // Raw (1, 2, 3) uT on the sensor's axes; no calibration file.
+    const row rows[] = {
+        {"identity", false, {1, 0, 0, 0, 1, 0, 0, 0, 1}, 300, {1, 2, 3}},
+        {"swap x and y, negate z", false, {0, 1, 0, 1, 0, 0, 0, 0, -1}, 300, {2, 1, -3}},
+        {"device matrix", true, {}, 300, {-1, 2, -3}},
+    };
+    for (const row &r : rows) {
+        SCOPED_TRACE(r.what);
+        magneto_config_.matrix_from_device_tree = r.from_device;
+        memcpy(magneto_config_.rotation_matrix, r.matrix, sizeof r.matrix);
+        magneto_ptr magneto = make_magneto();
+        ASSERT_EQ(magneto_start(magneto.get()), 0);
+        uint32_t mask = 0x1;
+        ASSERT_GT(read_until_sample([&] { return magneto_read(magneto.get(), &mask, r.temperature); }), 0);
+        EXPECT_EQ(mask, 0x5u);
+        EXPECT_THAT(magneto_.field, ElementsAre(r.expected[0], r.expected[1], r.expected[2]));
+        EXPECT_EQ(magneto_.temperature, 298.15f);
+        EXPECT_EQ(magneto_tlm_push(magneto.get()), 0);
+        EXPECT_EQ(magneto_stop(magneto.get()), 0);
+    }
+
+    // x loses 5 - 0.2 (T - 300) uT on the vehicle's x axis, at the
+    // temperature given, whatever the magnetometer's own (298.15 K), which
+    // use-temperature off leaves as the host set it.
+    root_.write("/factory/flight_magneto_thermal_bias",
+                "Temp_0_K 300.0\nTemp_Min_Max_K 303.15 333.15\nPoly_MagX_bias_mG_K 2 50 -2\n");
+    magneto_config_ = {1, 0, "orlune-magneto", "orlune-magneto-trig", 0, {}, {1, 0, 0, 0, 1, 0, 0, 0, 1}, 50, 0};
+    magneto_.temperature = -1.0f;
+    magneto_ptr magneto = make_magneto();
+    ASSERT_EQ(magneto_start(magneto.get()), 0);
+    for (auto [temperature, x] : {std::pair{310.0f, 1.0f - 3.0f}, {300.0f, 1.0f - 5.0f}, {0.0f, 1.0f - 65.0f}}) {
+        uint32_t mask = 0;
+        ASSERT_GT(read_until_sample([&] { return magneto_read(magneto.get(), &mask, temperature); }), 0);
+        EXPECT_NEAR(magneto_.field[0], x, 1e-5) << temperature;
+        EXPECT_EQ(magneto_.field[2], 3.0f);
+    }
+    EXPECT_EQ(magneto_.temperature, -1.0f);
+}
+
+TEST_F(BaroMagnetoTest, NullArgumentsAndHandles)
+{
+    EXPECT_FALSE(barometer_new(nullptr, iio_, nullptr, &baro_));
+    EXPECT_FALSE(barometer_new(&baro_config_, nullptr, nullptr, &baro_));
+    EXPECT_FALSE(barometer_new(&baro_config_, iio_, nullptr, nullptr));
+    EXPECT_FALSE(magneto_new(nullptr, iio_, nullptr, &magneto_));
+    EXPECT_FALSE(magneto_new(&magneto_config_, nullptr, nullptr, &magneto_));
+    EXPECT_FALSE(magneto_new(&magneto_config_, iio_, nullptr, nullptr));
+    uint32_t mask = 0;
+    for (int r : {barometer_start(nullptr), barometer_stop(nullptr), barometer_read(nullptr, &mask),
+                  barometer_tlm_push(nullptr), magneto_start(nullptr), magneto_stop(nullptr),
+                  magneto_read(nullptr, &mask, 0.0f), magneto_tlm_push(nullptr)})
+        EXPECT_EQ(r, -EINVAL);
+    barometer_destroy(nullptr);
+    magneto_destroy(nullptr);
+    EXPECT_EQ(magneto_read(make_magneto().get(), nullptr, 0.0f), -EINVAL);
+    for (const log_record &r : cap_.take())
+        EXPECT_TRUE(r.tag != "baro" && r.tag != "magneto") << r.text;
+}
+
+// Every way creation can fail, with the message it leaves under the module's
+// tag (none where iio_helper has already said what is missing); each leaves
+// nothing behind.
+TEST_F(BaroMagnetoTest, CreationFailures)
+{
+    sched_config *none = sched_config_new();
+    sched_config *device_only = sched_config_new();
+    sched_entry e{};
+    ASSERT_EQ(sched_config_parse_line("magnetometer other 0 - self", &e), 0);
+    ASSERT_EQ(sched_config_add(device_only, e), 0);
+    const char *bad_calib = "Temp_0_K warm\n";
+    struct row {
+        bool baro;
+        std::function<void()> arrange;
+        const char *message; // null: none
+        sched_config *sched = nullptr;
+    };
+    const row rows[] = {
+        {true, [&] { baro_config_.sampling_frequency = 0; }, "invalid barometer sampling-frequency 0: must be positive"},
+        {true, [&] { baro_config_.sampling_frequency = -75; }, "invalid barometer sampling-frequency -75: must be positive"},
+        {true, [&] { baro_config_.device = "missing"; }, nullptr},
+        {true, [&] { baro_config_.trigger = "missing"; }, nullptr},
+        {true, [&] { baro_config_.device = "orlune-magneto"; }, nullptr}, // no pressure0
+        {true, [&] { baro_config_.sampling_frequency = 2000000; },
+         "orlune-lps22hb: can't set barometer sampling frequency: Invalid argument"},
+        {true, [] {}, "can't reconfigure thread orlune-lps22hb: No such file or directory", none},
+        {true, [&] { root_.write("/factory/flight_baro_thermal_bias", bad_calib); }, "can't init calibration"},
+        {true, [&] { failpoint_arm("shm_producer_create", -ENOMEM); }, "failed to create sensors_barometer tlm"},
+        {true, [&] { failpoint_arm("shm_producer_register_struct", -ENOMEM); },
+         "barometer_new:L: failed to register tlm baro struct err=12(Cannot allocate memory)"},
+        {true, [&] { failpoint_arm("shm_producer_complete", -EACCES); },
+         "barometer_new:L: producer_complete err=13(Permission denied)"},
+        {false, [&] { magneto_config_.sampling_frequency = -1; },
+         "invalid magneto sampling-frequency -1: must be positive, or 0 for the device's rate"},
+        {false, [&] { magneto_config_.device = "missing"; }, nullptr},
+        {false, [&] { magneto_config_.trigger = "missing"; }, nullptr},
+        {false, [&] { magneto_config_.sampling_frequency = 2000000; },
+         "magneto_new:L: can't set magneto sampling frequency to 2000000 err=22(Invalid argument)"},
+        {false, [&] { magneto_config_.device = "orlune-lps22hb"; }, nullptr}, // no magn_x
+        {false, [] {}, "orlune-magneto: can't reconfigure 'orlune-magneto' thread: No such file or directory", none},
+        {false, [] {}, "orlune-magneto: can't reconfigure 'orlune-magneto-trig' thread: No such file or directory",
+         device_only},
+        {false, [&] { root_.write("/factory/flight_magneto_thermal_bias", bad_calib); }, "can't init calibration"},
+        {false, [&] { failpoint_arm("shm_producer_create", -ENOMEM); }, "failed to create sensors_magnetometer tlm"},
+        {false, [&] { failpoint_arm("shm_producer_register_struct", -ENOMEM); },
+         "magneto_new:L: failed to register tlm magneto struct err=12(Cannot allocate memory)"},
+        {false, [&] { failpoint_arm("shm_producer_complete", -EACCES); },
+         "magneto_new:L: producer_complete err=13(Permission denied)"},
+    };
+    const sensors_baro_config good_baro = baro_config_;
+    const sensors_magneto_config good_magneto = magneto_config_;
+    for (const row &r : rows) {
+        baro_config_ = good_baro;
+        magneto_config_ = good_magneto;
+        r.arrange();
+        const bool made = r.baro ? bool(make_baro(r.sched)) : bool(make_magneto(r.sched));
+        EXPECT_FALSE(made) << (r.message ? r.message : "");
+        const auto texts = messages(r.baro ? "baro" : "magneto");
+        EXPECT_EQ(texts, r.message ? std::vector<std::string>{r.message} : std::vector<std::string>{});
+        failpoint_disarm_all();
+        unlink(root_.at("/factory/flight_baro_thermal_bias").c_str());
+        unlink(root_.at("/factory/flight_magneto_thermal_bias").c_str());
+        tlm_section_view view{};
+        EXPECT_EQ(tlm_view_open(r.baro ? "sensors_barometer" : "sensors_magnetometer", &view), -ENOENT);
+    }
+    // The devices were released each time: both can be made again.
+    baro_config_ = good_baro;
+    magneto_config_ = good_magneto;
+    EXPECT_TRUE(make_baro() && make_magneto());
+    sched_config_destroy(device_only);
+    sched_config_destroy(none);
+}
+
+} // namespace

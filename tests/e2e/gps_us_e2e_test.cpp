@@ -1,0 +1,135 @@
+// SPDX-License-Identifier: Apache-2.0
+// The GPS daemon and the ultrasound service of the virtual vehicle, read by
+// the plug-in under the sensor host: the data follow the flight, and the
+// host goes on through a restart of the GPS daemon.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sensors/data.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <regex>
+#include <thread>
+
+#include "platform/shm_telemetry.h"
+#include "process.h"
+#include "support/test_env.h"
+
+using namespace std::chrono_literals;
+using ::testing::HasSubstr;
+
+namespace {
+
+// Hovers on the ground for 2 s, climbs 2 m in 2 s, then hovers 2 m up.
+// The GPS daemon is down from 4.5 s to 5.5 s.
+constexpr const char *kScenario = R"(simulator = {
+  name = "e2e-gps-us";
+  ground-altitude = 100.0;
+  devices = (
+    { kind = "imu"; name = "orlune-imu"; trigger = "orlune-imu-trig";
+      sampling-frequency = 1000; rate-divider = 5; noise = 2.0; }
+  );
+  phases = (
+    { name = "ground"; duration = 2.0; },
+    { name = "climb"; duration = 2.0; climb-rate = 1.0; },
+    { name = "hover"; duration = 60.0; }
+  );
+  gps = { loc-rate = 10; altitude-noise = 0.0;
+          faults = ( { at = 4.5; kind = "restart"; duration = 1.0; } ); };
+  ultrasound = { noise = 0.0; short-range-limit = 1.5; };
+};
+)";
+
+double altitude_at(double t_s)
+{
+    return 100.0 + std::clamp(t_s - 2.0, 0.0, 2.0);
+}
+
+// The newest sample of a section, or false.
+template <typename T>
+bool latest(const char *section, T *out)
+{
+    tlm_section_view view{};
+    if (tlm_view_open(section, &view) != 0)
+        return false;
+    uint64_t n = tlm_view_written(&view);
+    bool ok = n > 0 && tlm_view_read(&view, n - 1, out, sizeof *out, nullptr) == 0;
+    tlm_view_close(&view);
+    return ok;
+}
+
+TEST(GpsUltrasoundEndToEnd, DataFollowTheFlightThroughADaemonRestart)
+{
+    test_root root;
+    std::map<std::string, std::string> env = {{"ORLUNE_ROOT", root.path()},
+                                              {"ORLUNE_TLM_DIR", root.path() + "/tlm"},
+                                              {"ORLUNE_SOCKET_PREFIX", "e2e" + std::to_string(getpid()) + "-"},
+                                              {"SENSORS_LOG_LEVEL", "info"}};
+    setenv("ORLUNE_TLM_DIR", env["ORLUNE_TLM_DIR"].c_str(), 1);
+    write_file(root.path() + "/scenario.cfg", kScenario);
+    process sim({ORLUNE_SIM_BIN, "--scenario", root.path() + "/scenario.cfg"}, env, root.path() + "/sim.out",
+                root.path() + "/sim.err");
+    ASSERT_TRUE(sim.wait_for_output("\n", 5s)) << sim.err();
+    std::smatch m;
+    std::string out = sim.out();
+    ASSERT_TRUE(std::regex_search(out, m, std::regex("IIOD_REMOTE=(ip:[0-9.]+:[0-9]+)"))) << out;
+    env["IIOD_REMOTE"] = m[1];
+
+    std::string config = read_file(std::string(ORLUNE_SOURCE_DIR) + "/examples/config/minimal.cfg");
+    config = std::regex_replace(config, std::regex("gps = \\{ enabled = false; \\};"), "gps = { enabled = true; };");
+    config = std::regex_replace(config, std::regex("ultrasound = \\{ enabled = false; \\};"),
+                                "ultrasound = { enabled = true; };");
+    write_file(root.path() + "/sensors.cfg", config);
+    env["LIBVIGIL_CFG_PATH"] = root.path() + "/sensors.cfg";
+    process host({ORLUNE_HOST_BIN, "--plugin", ORLUNE_PLUGIN, "--view", "none", "--log", root.path() + "/host.log",
+                  "--duration", "8"},
+                 env, root.path() + "/host.out", root.path() + "/host.err");
+
+    // Watch the sections while the host runs: the GPS fix's own time (value
+    // 5, ms into the scenario) dates what the ultrasound should read.
+    int fixes_checked = 0, hovering = 0;
+    uint64_t last_fix_ms = 0;
+    auto end = std::chrono::steady_clock::now() + 15s;
+    while (host.running() && std::chrono::steady_clock::now() < end) {
+        sensors_gps_data gps{};
+        sensors_us_data us{};
+        if (latest("sensors_gps", &gps) && gps.loc_extra > last_fix_ms) {
+            last_fix_ms = gps.loc_extra;
+            const double t = double(gps.loc_extra) / 1000.0;
+            // The fix's time is in whole ms: up to 1 mm of climb at 1 m/s.
+            EXPECT_NEAR(gps.loc_values[2], altitude_at(t), 1.5e-3) << "fix at " << t << " s";
+            fixes_checked++;
+            if (latest("sensors_us", &us) && us.index > 0) {
+                // 50 ms between echoes, 100 ms between fixes: compare away from the climb.
+                if (t > 0.3 && t < 1.8) {
+                    EXPECT_NEAR(us.altitude, 0.0, 1e-4);
+                    EXPECT_EQ(us.range_mode, 1u) << "short range near the ground";
+                }
+                if (t > 4.3) {
+                    EXPECT_NEAR(us.altitude, 2.0, 1e-4);
+                    EXPECT_EQ(us.range_mode, 0u) << "long range above the limit";
+                    hovering++;
+                }
+            }
+        }
+        std::this_thread::sleep_for(50ms);
+    }
+    ASSERT_EQ(host.wait(10s), 0) << host.err();
+    sim.signal(SIGTERM);
+    sim.wait(5s);
+
+    EXPECT_GT(fixes_checked, 20);
+    EXPECT_GT(hovering, 5);
+    EXPECT_GT(last_fix_ms, 6000u) << "fixes after the daemon came back";
+    std::string log = read_file(root.path() + "/host.log");
+    std::regex connected("I gps: connected to gpsd");
+    EXPECT_EQ(std::distance(std::sregex_iterator(log.begin(), log.end(), connected), std::sregex_iterator()), 2)
+        << log;
+    EXPECT_THAT(log, HasSubstr("I gps: disconnected from gpsd"));
+    EXPECT_THAT(host.out(), HasSubstr("failed reads     0"));
+    EXPECT_TRUE(std::regex_search(host.out(), std::regex("\ngps +[0-9]+"))) << host.out();
+    EXPECT_TRUE(std::regex_search(host.out(), std::regex("\nus +[0-9]+"))) << host.out();
+}
+
+} // namespace

@@ -1,0 +1,112 @@
+// SPDX-License-Identifier: Apache-2.0
+// The motors driven by orlune-host's command script on the virtual vehicle:
+// start, ramp, spin, stop, brake and the controller's flight-log events,
+// with the battery sub-record carrying the controller's voltage.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sensors/data.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <regex>
+#include <string>
+#include <thread>
+
+#include "platform/shm_telemetry.h"
+#include "process.h"
+#include "support/test_env.h"
+
+using namespace std::chrono_literals;
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+namespace {
+
+std::string example(const char *name)
+{
+    return std::string(ORLUNE_SOURCE_DIR) + "/examples/" + name;
+}
+
+TEST(MotorsEndToEnd, HostScriptSpinsAndStopsTheMotors)
+{
+    test_root root;
+    std::map<std::string, std::string> env{{"ORLUNE_ROOT", root.path()},
+                                           {"ORLUNE_TLM_DIR", root.path() + "/tlm"},
+                                           {"ORLUNE_SOCKET_PREFIX", "motors" + std::to_string(getpid()) + "-"},
+                                           {"SENSORS_LOG_LEVEL", "info"}};
+    setenv("ORLUNE_TLM_DIR", env["ORLUNE_TLM_DIR"].c_str(), 1);
+    process sim({ORLUNE_SIM_BIN}, env, root.path() + "/sim.out", root.path() + "/sim.err");
+    ASSERT_TRUE(sim.wait_for_output("\n", 5s)) << sim.err();
+    std::smatch m;
+    const std::string sim_out = sim.out();
+    ASSERT_TRUE(std::regex_search(sim_out, m, std::regex("IIOD_REMOTE=(ip:[0-9.]+:[0-9]+)"))) << sim_out;
+    env["IIOD_REMOTE"] = m[1];
+
+    // The IMU alone plus the motor controller.
+    std::string config = read_file(example("config/minimal.cfg"));
+    config = std::regex_replace(config, std::regex("bldc = \\{ enabled = false; \\};"),
+                                "bldc = { enabled = true; device = \"orlune-esc\"; trigger = \"orlune-esc-trig\"; "
+                                "tlm_frequency = 200; };");
+    write_file(root.path() + "/motors.cfg", config);
+    env["LIBVIGIL_CFG_PATH"] = root.path() + "/motors.cfg";
+    // Spin and stop, then spin again under load until the host ends.
+    process host({ORLUNE_HOST_BIN, "--plugin", ORLUNE_PLUGIN, "--view", "none", "--log", root.path() + "/host.log",
+                  "--duration", "4.5", "--motors", "0.3:start,1:speeds=9000,2.2:stop,3:start,3.6:speeds=9000"},
+                 env, root.path() + "/host.out", root.path() + "/host.err");
+    // Follow the section while the host runs: ramp, spin at speed, brake, stop.
+    bool ramping = false, at_speed = false, braking = false, stopped = false;
+    sensors_motors_data last{};
+    tlm_section_view view{};
+    uint64_t next = 0;
+    const auto deadline = std::chrono::steady_clock::now() + 20s;
+    while (host.running() && std::chrono::steady_clock::now() < deadline) {
+        if (!view.base && tlm_view_open("sensors_motors", &view) != 0) {
+            std::this_thread::sleep_for(20ms);
+            continue;
+        }
+        const uint64_t written = tlm_view_written(&view);
+        for (; next < written; next++) {
+            sensors_motors_data s{};
+            timespec stamp{};
+            if (tlm_view_read(&view, next, &s, view.sample_size, &stamp) != 0)
+                continue; // overwritten already
+            EXPECT_EQ(stamp.tv_nsec, s.timestamp.tv_nsec);
+            ramping = ramping || (s.ramp_state == 3 && s.status[0] == 2);
+            at_speed = at_speed || (s.spinning == 1 && s.ramp_state == 1 && s.motor[0].speed > 8500);
+            braking = braking || (s.brake_state == 3 && s.status[0] == 5);
+            stopped = stopped || (braking && s.brake_state == 1 && s.idle == 1 && s.spinning == 2);
+            last = s;
+        }
+        std::this_thread::sleep_for(50ms);
+    }
+    tlm_view_close(&view);
+    ASSERT_EQ(host.wait(5s), 0) << host.err();
+    EXPECT_TRUE(ramping);
+    EXPECT_TRUE(at_speed);
+    EXPECT_TRUE(braking);
+    EXPECT_TRUE(stopped);
+    EXPECT_EQ(last.status[0], 4u); // spinning again when the host ended
+    EXPECT_EQ(last.brake_state, 0u);
+
+    const std::string log = read_file(root.path() + "/host.log");
+    // One first report, one flight-time event after the stop, with a counter
+    // that grew while the motors spun.
+    EXPECT_THAT(log, HasSubstr("N bldc: EVT:ESC;flight_time=3600;last_error='none';device='orlune-esc'"));
+    std::smatch ft;
+    ASSERT_TRUE(std::regex_search(log, ft, std::regex("N bldc: EVT:ESC;flight_time=([0-9]+);device='orlune-esc'")))
+        << log;
+    EXPECT_GE(std::stoi(ft[1]), 3601);
+    EXPECT_THAT(log, Not(HasSubstr("E bldc:")));
+    EXPECT_THAT(log, Not(HasSubstr("E motor_client:")));
+    EXPECT_THAT(log, Not(HasSubstr("E sensors_orlune:")));
+
+    // The last record: the battery's voltage is the loaded controller's.
+    const std::string out = host.out();
+    std::smatch volts;
+    ASSERT_TRUE(std::regex_search(out, volts, std::regex("motors .* ([0-9.]+) V\\n"))) << out;
+    EXPECT_LT(std::stod(volts[1]), 12.2);
+    EXPECT_THAT(out, HasSubstr("battery        " + volts[1].str() + " V (from the motor controller)"));
+    EXPECT_THAT(out, HasSubstr("motor commands   5 (0 failed)"));
+}
+
+} // namespace
