@@ -21,6 +21,7 @@ constexpr uint32_t DETAIL_FAULT_STOPPED = 5;
 
 // ramp_state of a start request for controller status 1 to 4.
 constexpr uint32_t kRampOfStatus[] = {0, kBldcNotEvaluated, kBldcInProgress, kBldcYes, kBldcYes};
+static_assert(kRampOfStatus[STATUS_RAMPING] == kBldcInProgress, "a ramping controller has not finished starting");
 
 } // namespace
 
