@@ -36,5 +36,15 @@ fi
 export "$(grep '^IIOD_REMOTE=' "$vehicle/sim.out")"
 echo "virtual vehicle: $IIOD_REMOTE, files in $vehicle"
 
-"$build/tools/host/orlune-host" --duration "$duration" --log "$vehicle/host.log" "$@"
+# Unless told otherwise, fly the motors: start after 2 s, spin up, stop 2 s
+# before the end.
+motors=()
+case " $* " in
+  *" -M "*|*" --motors "*) ;;
+  *) if [ "${duration%.*}" -ge 8 ]; then
+       motors=(--motors "2:start,3:speeds=6000,$((${duration%.*} - 2)):stop")
+     fi ;;
+esac
+
+"$build/tools/host/orlune-host" --duration "$duration" --log "$vehicle/host.log" "${motors[@]}" "$@"
 echo "plug-in log: $vehicle/host.log"
