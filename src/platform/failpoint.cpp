@@ -86,15 +86,17 @@ void arm_from_env(registry &r, const char *spec)
     }
 }
 
+// Static storage rather than the heap: the plug-in can be unloaded.
 registry &reg()
 {
-    static registry *r = [] {
-        auto *rr = new registry;
+    static registry r;
+    static const bool armed_from_env = [] {
         if (const char *spec = getenv(kFailpointsEnv))
-            arm_from_env(*rr, spec);
-        return rr;
+            arm_from_env(r, spec);
+        return true;
     }();
-    return *r;
+    (void)armed_from_env;
+    return r;
 }
 
 void disarm_locked(registry &r, point &p)

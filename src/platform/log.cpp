@@ -72,21 +72,24 @@ bool parse_levels(const char *spec, level_table *out)
     return true;
 }
 
+// Static storage rather than the heap: the plug-in can be unloaded, and its
+// log state goes with it.
 log_state &state()
 {
-    static log_state *s = [] {
-        auto *st = new log_state;
+    static log_state s;
+    static const bool configured = [] {
         const char *levels = getenv("SENSORS_LOG_LEVEL");
-        if (levels && !parse_levels(levels, &st->levels))
+        if (levels && !parse_levels(levels, &s.levels))
             fprintf(stderr, "sensors log: ignoring malformed SENSORS_LOG_LEVEL '%s'\n", levels);
         const char *output = getenv("SENSORS_LOG_OUTPUT");
         if (output && strcmp(output, "syslog") == 0)
-            st->output = log_output::syslog_out;
+            s.output = log_output::syslog_out;
         else if (output && strcmp(output, "none") == 0)
-            st->output = log_output::none;
-        return st;
+            s.output = log_output::none;
+        return true;
     }();
-    return *s;
+    (void)configured;
+    return s;
 }
 
 int level_of(const log_state &s, const char *tag)

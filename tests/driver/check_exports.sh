@@ -3,8 +3,8 @@
 set -eu
 lib=$1
 expected=$2
-# The linker's own section markers are not ours to list.
-actual=$(nm -D --defined-only "$lib" | awk '{print $3}' | sed 's/@.*//' | grep -v -x -E '__bss_start|_edata|_end|_init|_fini' | sort -u)
+# The linker's own section markers, and a sanitizer build's markers, are not ours to list.
+actual=$(nm -D --defined-only "$lib" | awk '{print $3}' | sed 's/@.*//' | grep -v -x -E '__bss_start|_edata|_end|_init|_fini|__odr_asan\..*' | sort -u)
 wanted=$(grep -v -E '^(#|$)' "$expected" | sort -u)
 if [ "$actual" != "$wanted" ]; then
   echo "exported symbols of $lib differ from $expected:"
