@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "sim/battery.h"
 
+#include "sim/config_file.h"
+
 #include <fcntl.h>
 #include <libconfig.h>
 #include <unistd.h>
@@ -210,40 +212,14 @@ int settings_from(config_t *cfg, battery_settings *out, std::string *error)
 
 int battery_settings_parse(const char *scenario_text, battery_settings *out, std::string *error)
 {
-    config_t cfg;
-    config_init(&cfg);
-    int rc;
-    if (!config_read_string(&cfg, scenario_text)) {
-        const char *why = config_error_text(&cfg);
-        rc = fail(error, std::string(why ? why : "syntax error") + " (line " + std::to_string(config_error_line(&cfg)) +
-                             ")");
-    } else {
-        rc = settings_from(&cfg, out, error);
-    }
-    config_destroy(&cfg);
-    return rc;
+    return config_load_text(
+        scenario_text, [out](config_t *cfg, std::string *e) { return settings_from(cfg, out, e); }, error);
 }
 
 int battery_settings_load(const char *scenario_path, battery_settings *out, std::string *error)
 {
-    if (!scenario_path || access(scenario_path, R_OK) != 0) {
-        int err = errno ? errno : ENOENT;
-        if (error)
-            *error = std::string(scenario_path ? scenario_path : "(null)") + ": " + std::strerror(err);
-        return -err;
-    }
-    config_t cfg;
-    config_init(&cfg);
-    int rc;
-    if (!config_read_file(&cfg, scenario_path)) {
-        const char *why = config_error_text(&cfg);
-        rc = fail(error, std::string(scenario_path) + ":" + std::to_string(config_error_line(&cfg)) + ": " +
-                             (why ? why : "cannot be read"));
-    } else {
-        rc = settings_from(&cfg, out, error);
-    }
-    config_destroy(&cfg);
-    return rc;
+    return config_load_file(
+        scenario_path, [out](config_t *cfg, std::string *e) { return settings_from(cfg, out, e); }, error);
 }
 
 battery_load phase_load(const std::vector<scenario_phase> &phases, const battery_settings &settings)

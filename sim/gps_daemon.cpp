@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "sim/gps_daemon.h"
 
+#include "sim/config_file.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
@@ -149,27 +151,16 @@ int load_service_group(const std::string &scenario_path, const char *name,
 {
     if (scenario_path.empty())
         return parse(nullptr, error);
-    config_t cfg;
-    config_init(&cfg);
-    int r = 0;
-    if (!config_read_file(&cfg, scenario_path.c_str())) {
-        r = config_error_type(&cfg) == CONFIG_ERR_FILE_IO ? -ENOENT : -EINVAL;
-        if (error) {
-            const char *text = config_error_text(&cfg);
-            *error = scenario_path + ": " + (text ? text : "cannot be read");
-            if (config_error_line(&cfg))
-                *error += " (line " + std::to_string(config_error_line(&cfg)) + ")";
-        }
-    } else {
-        const config_setting_t *simulator = config_lookup(&cfg, "simulator");
-        const config_setting_t *group = simulator ? config_setting_get_member(simulator, name) : nullptr;
-        if (group && !config_setting_is_group(group))
-            r = fail(group, std::string("simulator.") + name + " must be a group", error);
-        else
-            r = parse(group, error);
-    }
-    config_destroy(&cfg);
-    return r;
+    return config_load_file(
+        scenario_path.c_str(),
+        [&](config_t *cfg, std::string *e) {
+            const config_setting_t *simulator = config_lookup(cfg, "simulator");
+            const config_setting_t *group = simulator ? config_setting_get_member(simulator, name) : nullptr;
+            if (group && !config_setting_is_group(group))
+                return fail(group, std::string("simulator.") + name + " must be a group", e);
+            return parse(group, e);
+        },
+        error);
 }
 
 int gps_settings_load(const std::string &scenario_path, gps_settings *out, std::string *error)

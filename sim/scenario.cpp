@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "sim/scenario.h"
 
+#include "sim/config_file.h"
+
 #include <libconfig.h>
 
 #include <array>
@@ -324,40 +326,14 @@ int scenario_validate(const scenario &s, std::string *error)
 
 int scenario_parse(const char *text, scenario *out, std::string *error)
 {
-    config_t cfg;
-    config_init(&cfg);
-    int rc;
-    if (!config_read_string(&cfg, text)) {
-        const char *why = config_error_text(&cfg);
-        rc = set_error(error, std::string(why ? why : "syntax error") + " (line " +
-                                  std::to_string(config_error_line(&cfg)) + ")");
-    } else {
-        rc = parse_config(&cfg, out, error);
-    }
-    config_destroy(&cfg);
-    return rc;
+    return config_load_text(
+        text, [out](config_t *cfg, std::string *e) { return parse_config(cfg, out, e); }, error);
 }
 
 int scenario_load(const char *path, scenario *out, std::string *error)
 {
-    if (!path || access(path, R_OK) != 0) {
-        int err = errno ? errno : ENOENT;
-        if (error)
-            *error = std::string(path ? path : "(null)") + ": " + std::strerror(err);
-        return -err;
-    }
-    config_t cfg;
-    config_init(&cfg);
-    int rc;
-    if (!config_read_file(&cfg, path)) {
-        const char *why = config_error_text(&cfg);
-        rc = set_error(error, std::string(path) + ":" + std::to_string(config_error_line(&cfg)) + ": " +
-                                  (why ? why : "cannot be read"));
-    } else {
-        rc = parse_config(&cfg, out, error);
-    }
-    config_destroy(&cfg);
-    return rc;
+    return config_load_file(
+        path, [out](config_t *cfg, std::string *e) { return parse_config(cfg, out, e); }, error);
 }
 
 } // namespace sim

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "sim/vision.h"
 
+#include "sim/config_file.h"
+
 #include <libconfig.h>
 
 #include <algorithm>
@@ -420,41 +422,14 @@ struct vision_producers::impl {
 
 int vision_settings_parse(const char *text_in, vision_settings *out, std::string *error)
 {
-    config_t cfg;
-    config_init(&cfg);
-    int rc;
-    if (!config_read_string(&cfg, text_in)) {
-        const char *what = config_error_text(&cfg);
-        rc = fail(error, nullptr,
-                  std::string(what ? what : "parse error") + " (line " + std::to_string(config_error_line(&cfg)) + ")");
-    } else {
-        rc = parse_config(&cfg, out, error);
-    }
-    config_destroy(&cfg);
-    return rc;
+    return config_load_text(
+        text_in, [out](config_t *cfg, std::string *e) { return parse_config(cfg, out, e); }, error);
 }
 
 int vision_settings_load(const char *path, vision_settings *out, std::string *error)
 {
-    if (access(path, R_OK) != 0) {
-        const int err = errno;
-        if (error)
-            *error = std::string("vision: cannot read ") + path + ": " + strerror(err);
-        return err == ENOENT ? -ENOENT : -EINVAL;
-    }
-    config_t cfg;
-    config_init(&cfg);
-    int rc;
-    if (!config_read_file(&cfg, path)) {
-        const char *what = config_error_text(&cfg); // NULL for an unreadable file
-        rc = fail(error, nullptr,
-                  std::string(path) + ":" + std::to_string(config_error_line(&cfg)) + ": " +
-                      (what ? what : "cannot be read"));
-    } else {
-        rc = parse_config(&cfg, out, error);
-    }
-    config_destroy(&cfg);
-    return rc;
+    return config_load_file(
+        path, [out](config_t *cfg, std::string *e) { return parse_config(cfg, out, e); }, error);
 }
 
 const char *vision_producer_name(vision_producer_id id)
