@@ -41,11 +41,13 @@ std::string prepare()
 
 // libconfig 1.5 loses the buffer of a string token when a syntax error
 // follows it (config_init, config_read_string, config_destroy alone leak 64
-// bytes on 'a = { b"= 1;\n c = "h"; };'). Only that buffer is ignored: the
-// tree's own nodes, which we must release, are allocated elsewhere.
+// bytes on 'a = { b"= 1;\n c = "h"; };', and the 1-byte empty string its
+// scanner makes on 'a = { b"" = 1; };'). Only those token buffers are
+// ignored: the tree's own nodes, which we must release, are allocated by the
+// parser, not by the scanner.
 extern "C" const char *__lsan_default_suppressions()
 {
-    return "leak:strbuf_append\n";
+    return "leak:strbuf_append\nleak:libconfig_yylex\n";
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)

@@ -73,8 +73,10 @@ int property_get(const char *key, char *value, const char *default_value)
             k_end--;
         if (k_end - i != key_len || memcmp(line + i, key, key_len) != 0)
             continue;
+        // A NUL byte ends the value as the caller's C string would: the
+        // length returned must be the string's.
         size_t v = size_t(eq - line) + 1;
-        len = copy_value(value, line + v, end - v);
+        len = copy_value(value, line + v, strnlen(line + v, end - v));
         found = true;
     }
     free(line);

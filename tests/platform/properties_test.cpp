@@ -66,6 +66,16 @@ TEST(Properties, OverlongValueIsCutToTheBuffer)
     EXPECT_EQ(get("last"), "ok");
 }
 
+// Found by fuzzing: a NUL byte inside a value made the returned length
+// disagree with the string the caller sees.
+TEST(Properties, NulByteEndsTheValue)
+{
+    test_root root;
+    root.properties(std::string("ro.hardware=orl\0une_sim\nro.revision=1\n", 38));
+    EXPECT_EQ(get("ro.hardware"), "orl"); // get() also checks the returned length
+    EXPECT_EQ(get("ro.revision"), "1");
+}
+
 TEST(Properties, EnvironmentNamesTheFile)
 {
     test_root root;
