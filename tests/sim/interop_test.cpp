@@ -16,6 +16,8 @@
 #include <string>
 #include <vector>
 
+#include "support/test_env.h"
+
 extern char **environ;
 
 namespace {
@@ -110,6 +112,9 @@ protected:
         setenv("IIOD_REMOTE", uri_.c_str(), 1);
     }
 
+    // First: the simulator inherits the test's private root and socket
+    // names, so that its GPS and ultrasound sockets meet no other test's.
+    test_root root_;
     child sim_{{ORLUNE_SIM_BIN}};
     std::string uri_;
 };
