@@ -107,6 +107,12 @@ TEST(MotorsEndToEnd, HostScriptSpinsAndStopsTheMotors)
     EXPECT_LT(std::stod(volts[1]), 12.2);
     EXPECT_THAT(out, HasSubstr("battery        " + volts[1].str() + " V (from the motor controller)"));
     EXPECT_THAT(out, HasSubstr("motor commands   5 (0 failed)"));
+    // The summary counts the log's events by kind.
+    const std::regex esc("EVT:ESC;");
+    const auto esc_events = std::distance(std::sregex_iterator(log.begin(), log.end(), esc), std::sregex_iterator());
+    EXPECT_GE(esc_events, 2);
+    EXPECT_THAT(out, HasSubstr("flight-log events " + std::to_string(esc_events) + ": ESC " +
+                               std::to_string(esc_events) + "\n"));
 }
 
 } // namespace

@@ -46,11 +46,15 @@ void host_log::stop()
     if (saved_stderr_ >= 0) {
         fflush(stderr);
         dup2(saved_stderr_, STDERR_FILENO); // closes the pipe's last write end
+    }
+    // The reader still echoes what was left in the pipe through the saved
+    // descriptor: close it only once the reader is done.
+    if (thread_.joinable())
+        thread_.join();
+    if (saved_stderr_ >= 0) {
         close(saved_stderr_);
         saved_stderr_ = -1;
     }
-    if (thread_.joinable())
-        thread_.join();
     if (read_fd_ >= 0)
         close(read_fd_);
     read_fd_ = -1;
@@ -89,8 +93,11 @@ void host_log::account(const std::string &line)
             std::string tag = line.substr(close + 4, colon - close - 4);
             if (priority == 'C' || priority == 'E')
                 errors_[tag]++;
-            if (line.compare(colon + 2, 4, "EVT:") == 0)
+            if (line.compare(colon + 2, 4, "EVT:") == 0) {
                 events_++;
+                const size_t kind = colon + 6;
+                event_kinds_[line.substr(kind, line.find(';', kind) - kind)]++;
+            }
         }
     }
     lines_.push_back(line);
@@ -124,6 +131,12 @@ unsigned host_log::events()
 {
     std::lock_guard<std::mutex> guard(lock_);
     return events_;
+}
+
+std::map<std::string, unsigned> host_log::events_per_kind()
+{
+    std::lock_guard<std::mutex> guard(lock_);
+    return event_kinds_;
 }
 
 void host_log::print(const char *fmt, ...)

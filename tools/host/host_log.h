@@ -26,8 +26,10 @@ public:
     std::vector<std::string> last_lines(size_t n);
     // Messages of error priority or worse (C, E), per tag.
     std::map<std::string, unsigned> errors_per_tag();
-    // Flight-log events ("EVT:" messages) seen so far.
+    // Flight-log events ("EVT:" messages) seen so far, and per kind (the
+    // word after "EVT:", such as "ESC" or "SMARTBATTERY").
     unsigned events();
+    std::map<std::string, unsigned> events_per_kind();
     // Adds a line of the host's own to the log (view, file, echo).
     void note(const std::string &line) { account(line); }
     // Writes to the terminal even while stderr is captured.
@@ -45,6 +47,7 @@ private:
     std::mutex lock_;
     std::deque<std::string> lines_;
     std::map<std::string, unsigned> errors_;
+    std::map<std::string, unsigned> event_kinds_;
     unsigned events_ = 0;
     bool stopped_ = false;
 };
