@@ -14,6 +14,7 @@
 #include "sim/iiod_server.h"
 #include "sim/thermal.h"
 #include "sim/scenario.h"
+#include "sim/truth_recorder.h"
 #include "sim/ultrasound.h"
 #include "sim/vision.h"
 
@@ -21,13 +22,17 @@ namespace {
 
 void usage(FILE *out)
 {
-    std::fputs("usage: orlune-sim [--scenario FILE] [--port N] [--address A] [--battery-dir DIR] [--print-xml]\n"
+    std::fputs("usage: orlune-sim [--scenario FILE] [--port N] [--address A] [--battery-dir DIR] [--truth FILE]\n"
+               "                  [--print-xml]\n"
                "  --scenario FILE  libconfig scenario (default: the built-in one, see examples/scenarios)\n"
                "  --port N         TCP port of the iiod service (default 0: an ephemeral port)\n"
                "  --address A      IPv4 address to listen on (default 127.0.0.1)\n"
                "  --battery-dir DIR  the smart battery's attribute directory (default:\n"
                "                   <ORLUNE_ROOT or a new temporary directory>/sys/class/power_supply/smartbattery)\n"
-               "  --print-xml      print the context description and exit\n",
+               "  --truth FILE     write the vehicle's truth to FILE as CSV, 100 rows a second\n"
+               "                   (docs/recording.md)\n"
+               "  --print-xml      print the context description and exit\n"
+               "prints IIOD_REMOTE=, SMARTBATTERY_DIR= and SIM_EPOCH= (monotonic seconds of scenario time 0)\n",
                out);
 }
 
@@ -40,6 +45,7 @@ int main(int argc, char **argv)
     bool print_xml = false;
     std::string scenario_path;
     std::string battery_dir;
+    std::string truth_path;
     for (int i = 1; i < argc; i++) {
         const std::string arg = argv[i];
         const bool has_value = i + 1 < argc;
@@ -62,6 +68,8 @@ int main(int argc, char **argv)
             options.address = argv[++i];
         } else if (arg == "--battery-dir" && has_value) {
             battery_dir = argv[++i];
+        } else if (arg == "--truth" && has_value) {
+            truth_path = argv[++i];
         } else if (arg == "--print-xml") {
             print_xml = true;
         } else if (arg == "--help" || arg == "-h") {
@@ -151,7 +159,17 @@ int main(int argc, char **argv)
         std::fprintf(stderr, "orlune-sim: %s\n", error.c_str());
         return 1;
     }
+    std::unique_ptr<sim::truth_recorder> truth;
+    if (!truth_path.empty() &&
+        !(truth = sim::truth_recorder::start(scn, server->epoch_ns(), battery.get(), truth_path, &error))) {
+        std::fprintf(stderr, "orlune-sim: %s\n", error.c_str());
+        return 2;
+    }
     std::printf("IIOD_REMOTE=%s\n", server->uri().c_str());
+    // Scenario time 0 on the monotonic clock of every sensor timestamp.
+    const int64_t epoch = server->epoch_ns();
+    std::printf("SIM_EPOCH=%lld.%06lld\n", static_cast<long long>(epoch / 1000000000),
+                static_cast<long long>(epoch % 1000000000 / 1000));
     std::printf("SMARTBATTERY_DIR=%s\n", battery->directory().c_str());
     std::printf("# scenario '%s': %zu devices", scn.name.c_str(), scn.devices.size());
     for (const sim::scenario_device &d : scn.devices)
@@ -162,6 +180,7 @@ int main(int argc, char **argv)
     int sig = 0;
     sigwait(&stop_signals, &sig);
     producers->stop();
+    truth.reset();
     ultrasound.reset();
     gps.reset();
     battery.reset();

@@ -57,14 +57,25 @@ host_stats::host_stats()
     };
 }
 
+double host_stats::now_s()
+{
+    timespec now;
+    monotonic_now(&now);
+    return double(now.tv_sec) + double(now.tv_nsec) * 1e-9;
+}
+
 void host_stats::cycle(const sensors_data &data)
 {
     cycles_++;
     window_cycles_++;
+    const double now = data.updated_sensors ? now_s() : 0;
     for (sensor_row &row : rows_)
         if (data.updated_sensors & row.bit) {
             row.updates++;
             row.window_updates++;
+            if (row.first_update_s < 0)
+                row.first_update_s = now;
+            row.last_update_s = now;
         }
     if (data.updated_sensors & SENSORS_UPDATED_IMU) {
         imu_batches_++;
@@ -158,6 +169,35 @@ std::string host_stats::latest(const sensors_data &d, uint32_t bit)
         break;
     }
     return s;
+}
+
+std::string host_stats::state(const sensors_data &d, const sensor_row &row, double now_s)
+{
+    if (row.updates == 0)
+        return "waiting";
+    const double silent = now_s - row.last_update_s;
+    const double span = row.last_update_s - row.first_update_s;
+    const double usual = row.updates > 1 && span > 0 ? span / double(row.updates - 1) : 0.5;
+    if (silent > std::max(0.5, 4 * usual)) {
+        char s[32];
+        snprintf(s, sizeof s, "silent %.1f s", silent);
+        return s;
+    }
+    switch (row.bit) {
+    case SENSORS_UPDATED_MOTORS:
+        for (uint32_t e : d.motors.error)
+            if (e)
+                return "error";
+        return d.motors.spinning == 1 ? "spinning" : "stopped";
+    case SENSORS_UPDATED_BATTERY:
+        return d.battery.present ? (d.battery.temperature_alert || d.battery.fault ? "alert" : "ok") : "fallback";
+    case SENSORS_UPDATED_US:
+        return d.us.status ? "no echo" : "ok";
+    case SENSORS_UPDATED_OPTICAL_FLOW:
+        return d.optical_flow.defective ? "defective" : "ok";
+    default:
+        return "ok";
+    }
 }
 
 std::string host_stats::carpet(const sensors_data &d)

@@ -15,6 +15,8 @@ struct sensor_row {
     uint64_t updates = 0;
     uint64_t window_updates = 0; // since the last rate computation
     double rate_hz = 0;
+    double first_update_s = -1; // monotonic seconds; -1: never updated
+    double last_update_s = -1;
 };
 
 // Judges IMU continuity from the sample timestamps: the sample period is the
@@ -60,6 +62,12 @@ public:
     static std::string latest(const sensors_data &data, uint32_t bit);
     // Carpet detection sets no updated bit: its line is shown while active.
     static std::string carpet(const sensors_data &data);
+    // What a sensor is doing at monotonic time now_s, in a word or two:
+    // "silent 2.5 s" once it has missed about four of its usual updates (half
+    // a second at least), else its own condition ("fallback", "error",
+    // "no echo", "defective", "spinning", ...) or "ok".
+    static std::string state(const sensors_data &data, const sensor_row &row, double now_s);
+    static double now_s();
 
 private:
     std::vector<sensor_row> rows_;

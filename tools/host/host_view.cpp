@@ -39,14 +39,15 @@ void view_refresh(view_mode mode, const view_context &ctx)
              ctx.plugin.c_str(), ctx.elapsed_s, (unsigned long long)st.cycles(), st.cycle_rate(),
              (unsigned long long)st.failed_reads());
     out += line;
-    snprintf(line, sizeof line, "%-16s %9s  %s\n", "sensor", "rate Hz", "latest");
+    snprintf(line, sizeof line, "%-16s %9s  %-12s %s\n", "sensor", "rate Hz", "state", "latest");
     out += line;
     int used = 4;
+    const double now = host_stats::now_s();
     for (const sensor_row &row : st.rows()) {
         if (row.updates == 0)
             continue;
-        snprintf(line, sizeof line, "%-16s %9.1f  %s\n", row.name, row.rate_hz,
-                 host_stats::latest(*ctx.data, row.bit).c_str());
+        snprintf(line, sizeof line, "%-16s %9.1f  %-12s %s\n", row.name, row.rate_hz,
+                 host_stats::state(*ctx.data, row, now).c_str(), host_stats::latest(*ctx.data, row.bit).c_str());
         out += line;
         used++;
     }
@@ -110,6 +111,12 @@ void view_summary(const view_context &ctx)
     }
     if (ctx.motor_commands)
         printf("motor commands   %u (%u failed)\n", ctx.motor_commands, ctx.motor_failures);
-    printf("flight-log events %u\n", ctx.log->events());
+    printf("flight-log events %u", ctx.log->events());
+    const char *sep = ": ";
+    for (const auto &[kind, count] : ctx.log->events_per_kind()) {
+        printf("%s%s %u", sep, kind.c_str(), count);
+        sep = ", ";
+    }
+    printf("\n");
     fflush(stdout);
 }

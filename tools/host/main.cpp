@@ -18,6 +18,7 @@
 
 #include "host_log.h"
 #include "host_motors.h"
+#include "host_record.h"
 #include "host_stats.h"
 #include "host_view.h"
 #include "platform/sched_config.h"
@@ -62,6 +63,7 @@ struct options {
     std::string log_file;
     std::vector<motor_step> motor_script;
     uint32_t activate = 0; // sensor kinds activated after start
+    std::string record_file;
 };
 
 void usage(FILE *out)
@@ -81,6 +83,7 @@ void usage(FILE *out)
             "                        in the live view, keys send them too\n"
             "  -A, --activate KINDS  activate these kinds after start (carpet_detection is the one that acts);\n"
             "                        in the live view, the a key switches carpet detection\n"
+            "  -r, --record FILE     write one CSV row per successful read to FILE (docs/recording.md)\n"
             "  -h, --help            this text\n"
             "kinds:",
             ORLUNE_DEFAULT_PLUGIN);
@@ -126,11 +129,11 @@ bool parse_options(int argc, char **argv, options *o)
         {"duration", required_argument, nullptr, 'd'}, {"cycles", required_argument, nullptr, 'n'},
         {"view", required_argument, nullptr, 'v'}, {"log", required_argument, nullptr, 'l'},
         {"motors", required_argument, nullptr, 'M'}, {"activate", required_argument, nullptr, 'A'},
-        {"help", no_argument, nullptr, 'h'},
+        {"record", required_argument, nullptr, 'r'}, {"help", no_argument, nullptr, 'h'},
         {nullptr, 0, nullptr, 0},
     };
     int c;
-    while ((c = getopt_long(argc, argv, "p:m:d:n:v:l:M:A:h", kLong, nullptr)) != -1) {
+    while ((c = getopt_long(argc, argv, "p:m:d:n:v:l:M:A:r:h", kLong, nullptr)) != -1) {
         switch (c) {
         case 'p':
             o->plugin = optarg;
@@ -176,6 +179,9 @@ bool parse_options(int argc, char **argv, options *o)
                 return false;
             }
             break;
+        case 'r':
+            o->record_file = optarg;
+            break;
         case 'h':
             usage(stdout);
             exit(0);
@@ -218,6 +224,16 @@ int main(int argc, char **argv)
     options opt;
     if (!parse_options(argc, argv, &opt))
         return 2;
+    // Before anything is loaded: a recording that cannot be written is a
+    // mistake in the command line.
+    std::unique_ptr<host_record> record;
+    if (!opt.record_file.empty()) {
+        std::string error;
+        if (!(record = host_record::open(opt.record_file, &error))) {
+            fprintf(stderr, "orlune-host: %s\n", error.c_str());
+            return 2;
+        }
+    }
     // A lost IIO server must surface as a failed call, not kill the host.
     signal(SIGPIPE, SIG_IGN);
 
@@ -329,6 +345,11 @@ int main(int argc, char **argv)
                 usleep(10000);
         } else {
             consecutive_failures = 0;
+            if (record) {
+                timespec returned;
+                monotonic_now(&returned);
+                record->row(returned, *data);
+            }
             stats.cycle(*data);
             driver->tlm_write(ctx);
         }
@@ -351,6 +372,15 @@ int main(int argc, char **argv)
     driver->shutdown(ctx);
     log.stop();
     view_summary(view);
+    if (record) {
+        if (record->flush())
+            fprintf(stderr, "orlune-host: %llu rows recorded in %s\n", (unsigned long long)record->rows(),
+                    opt.record_file.c_str());
+        else
+            fprintf(stderr, "orlune-host: writing the recording %s failed: %s\n", opt.record_file.c_str(),
+                    strerror(errno));
+        record.reset();
+    }
     free(data);
     sched_config_destroy(sched);
     dlclose(lib);
