@@ -1,17 +1,40 @@
 #!/usr/bin/env bash
-# Runs the virtual vehicle under the sensor host: orlune-sim serves the
-# simulated IIO devices, orlune-host loads the plug-in with the virtual
-# vehicle's configuration and shows the live view, then a summary.
-# Usage: scripts/demo.sh [seconds] [extra orlune-host options...]
+# Flies the virtual vehicle under the sensor host: orlune-sim serves the
+# simulated hardware, orlune-host loads the plug-in with the virtual vehicle's
+# configuration, shows the live view and a summary, and records the flight;
+# the recording, the simulator's truth and the logs are then plotted.
+#
+# Usage: scripts/demo.sh [seconds] [--scenario FILE] [--out DIR] [orlune-host options...]
+#   seconds     how long the host acquires (default 45: the whole demo flight)
+#   --scenario  the scenario (default examples/scenarios/flight.cfg)
+#   --out DIR   where the recording, logs and plots go (default demo-output/<date-time>)
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=${BUILD_DIR:-$root/build}
-duration=${1:-20}
-shift || true
+
+duration=45
+if [ $# -gt 0 ] && [[ $1 =~ ^[0-9]+([.][0-9]+)?$ ]]; then
+  duration=$1
+  shift
+fi
+scenario=$root/examples/scenarios/flight.cfg
+out=""
+host_args=()
+while [ $# -gt 0 ]; do
+  case $1 in
+    --scenario) scenario=$(realpath "${2:?--scenario needs a file}"); shift 2 ;;
+    --out) out=${2:?--out needs a directory}; shift 2 ;;
+    *) host_args+=("$1"); shift ;;
+  esac
+done
+[ -f "$scenario" ] || { echo "demo: no scenario file '$scenario'" >&2; exit 2; }
+out=${out:-$root/demo-output/$(date +%Y%m%d-%H%M%S)}
+mkdir -p "$out"
+out=$(cd "$out" && pwd)
 
 # A private root: the vehicle's configuration found by its hardware name, the
-# example calibration, and the telemetry sections, none of it touching /etc,
-# /data or /factory of this machine.
+# example calibration, the battery's files and the telemetry sections, none
+# of it touching /etc, /data, /factory or /sys of this machine.
 vehicle=$(mktemp -d "${TMPDIR:-/tmp}/orlune-vehicle-XXXXXX")
 export ORLUNE_ROOT=$vehicle
 export ORLUNE_TLM_DIR=$vehicle/tlm
@@ -21,30 +44,46 @@ cp "$root/examples/config/orlune_sim.cfg" "$vehicle/etc/sensors/orlune_sim.cfg"
 cp -r "$root/examples/calibration/data" "$root/examples/calibration/factory" "$vehicle/"
 printf 'ro.hardware=orlune_sim\nro.revision=1\n' > "$vehicle/etc/orlune/system.prop"
 
-"$build/sim/orlune-sim" > "$vehicle/sim.out" 2> "$vehicle/sim.log" &
+"$build/sim/orlune-sim" --scenario "$scenario" --truth "$out/truth.csv" \
+  > "$vehicle/sim.out" 2> "$out/sim.log" &
 sim=$!
-trap 'kill $sim 2>/dev/null; wait $sim 2>/dev/null || true' EXIT
+trap 'kill $sim 2>/dev/null || true; wait $sim 2>/dev/null || true; rm -rf "$vehicle"' EXIT
 for _ in $(seq 100); do
   grep -q '^IIOD_REMOTE=' "$vehicle/sim.out" 2>/dev/null && break
+  kill -0 $sim 2>/dev/null || break
   sleep 0.05
 done
 if ! grep -q '^IIOD_REMOTE=' "$vehicle/sim.out"; then
   echo "orlune-sim did not start:" >&2
-  cat "$vehicle/sim.log" >&2
+  cat "$out/sim.log" >&2
   exit 1
 fi
 export "$(grep '^IIOD_REMOTE=' "$vehicle/sim.out")"
-echo "virtual vehicle: $IIOD_REMOTE, files in $vehicle"
+echo "virtual vehicle: $(basename "$scenario" .cfg) on $IIOD_REMOTE, output in $out"
 
-# Unless told otherwise, fly the motors: start after 2 s, spin up, stop 2 s
-# before the end.
+# The demo flight's motor commands follow its phases (see the scenario's
+# header); another scenario gets a start, a spin and a stop.
 motors=()
-case " $* " in
+case " ${host_args[*]:-} " in
   *" -M "*|*" --motors "*) ;;
-  *) if [ "${duration%.*}" -ge 8 ]; then
+  *) if [ "$(basename "$scenario")" = flight.cfg ]; then
+       motors=(--motors "1:start,1.5:stall-on,3:speeds=7200,8:speeds=6400,24:speeds=7000,28:speeds=6400,31:speeds=5800,39:speeds=3000,41:stop")
+     elif [ "${duration%.*}" -ge 8 ]; then
        motors=(--motors "2:start,3:speeds=6000,$((${duration%.*} - 2)):stop")
      fi ;;
 esac
 
-"$build/tools/host/orlune-host" --duration "$duration" --log "$vehicle/host.log" "${motors[@]}" "$@"
-echo "plug-in log: $vehicle/host.log"
+status=0
+"$build/tools/host/orlune-host" --duration "$duration" --log "$out/host.log" --record "$out/recording.csv" \
+  "${motors[@]}" "${host_args[@]}" || status=$?
+kill $sim 2>/dev/null || true; wait $sim 2>/dev/null || true
+
+echo
+echo "recording:  $out/recording.csv (one row per cycle)"
+echo "truth:      $out/truth.csv (the simulator's flight)"
+echo "logs:       $out/host.log (plug-in), $out/sim.log (simulator)"
+if [ $status -eq 0 ] && [ -s "$out/recording.csv" ]; then
+  "$root/scripts/plot.sh" "$out/recording.csv" --truth "$out/truth.csv" --log "$out/host.log" --out "$out/plots" ||
+    echo "plots: not made (see above)"
+fi
+exit $status

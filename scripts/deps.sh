@@ -7,6 +7,7 @@ packages=(
   libconfig-dev libiio-dev libiio-utils
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev
+  gnuplot-nox valgrind
 )
 
 missing=()
