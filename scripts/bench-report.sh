@@ -1,0 +1,465 @@
+#!/usr/bin/env bash
+# Builds the benchmarks, measures every figure of the performance report in
+# one run on this machine, and writes docs/performance.md.
+#
+# Usage: scripts/bench-report.sh [--quick] [--output FILE] [--build-dir DIR] [--no-build]
+#   --quick       short runs: checks that everything works end to end (the
+#                 figures are then only indicative)
+#   --output      where to write the report (default: docs/performance.md;
+#                 or the variable BENCH_REPORT_OUT)
+#   --build-dir   build directory (default: build-bench; or BUILD_DIR)
+#   --no-build    use the binaries already in the build directory
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+build=${BUILD_DIR:-$root/build-bench}
+out=${BENCH_REPORT_OUT:-$root/docs/performance.md}
+quick=0
+do_build=1
+while [ $# -gt 0 ]; do
+  case "$1" in
+    --quick) quick=1 ;;
+    --output) out=$2; shift ;;
+    --build-dir) build=$2; shift ;;
+    --no-build) do_build=0 ;;
+    -h|--help) sed -n '2,12p' "$0"; exit 0 ;;
+    *) echo "bench-report: unknown option '$1'" >&2; exit 2 ;;
+  esac
+  shift
+done
+
+# Sizes of the run. The full run takes about a minute and a half after the
+# build; the quick one about ten seconds.
+if [ $quick = 1 ]; then
+  cycles=200 cg_cycles=20 first_runs=3 tput_runs=1 tput_s=1 tlm_reps=2 tlm_min_time=0.01
+else
+  cycles=4000 cg_cycles=400 first_runs=9 tput_runs=5 tput_s=3 tlm_reps=5 tlm_min_time=0.2
+fi
+
+load_start=$(cut -d' ' -f1-3 /proc/loadavg)
+started=$(date -u '+%Y-%m-%d %H:%M UTC')
+t_start=$(date +%s)
+
+if [ $do_build = 1 ]; then
+  "$root/scripts/deps.sh"
+  if [ ! -f "$build/build.ninja" ]; then
+    launcher=()
+    command -v ccache >/dev/null && launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache -DCMAKE_C_COMPILER_LAUNCHER=ccache)
+    cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo "${launcher[@]}" >/dev/null
+  fi
+  cmake --build "$build" -j "${BENCH_JOBS:-2}" \
+    --target sensors_orlune orlune-sim orlune-host cycle_meter shm_telemetry_bench
+fi
+sim_bin=$build/sim/orlune-sim
+host_bin=$build/tools/host/orlune-host
+plugin=$(ls "$build"/libsensors_orlune.so 2>/dev/null || true)
+meter=$build/bench/cycle_meter
+tlm_bench=$build/bench/shm_telemetry_bench
+for f in "$sim_bin" "$host_bin" "$plugin" "$meter" "$tlm_bench"; do
+  [ -n "$f" ] && [ -x "$f" ] || { echo "bench-report: missing '$f': build first" >&2; exit 1; }
+done
+for tool in valgrind iio_readdev; do
+  command -v $tool >/dev/null || { echo "bench-report: $tool is not installed (scripts/deps.sh)" >&2; exit 1; }
+done
+
+work=$(mktemp -d "${TMPDIR:-/tmp}/orlune-bench-XXXXXX")
+sim_pid=""
+stop_sim() {
+  if [ -n "$sim_pid" ]; then
+    kill "$sim_pid" 2>/dev/null || true
+    wait "$sim_pid" 2>/dev/null || true
+    sim_pid=""
+  fi
+}
+trap 'stop_sim; rm -rf "$work"' EXIT
+
+# value KEY FILE: the value of a "key value" line.
+value() { awk -v k="$1" '$1 == k { print $2; found = 1 } END { if (!found) exit 1 }' "$2"; }
+# median of the numbers on stdin.
+median() { sort -g | awk '{ v[NR] = $1 } END { if (NR == 0) exit 1; print (NR % 2) ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2 }'; }
+# calc EXPR: floating-point arithmetic with awk's printf format first.
+calc() { awk "BEGIN { printf $1 }"; }
+
+# A private root with the virtual vehicle's files, as scripts/demo.sh makes
+# it, and orlune-sim serving it. start_vehicle NAME [orlune-sim options].
+start_vehicle() {
+  local name=$1; shift
+  local dir=$work/$name
+  mkdir -p "$dir/etc/sensors" "$dir/etc/orlune"
+  cp "$root/examples/config/orlune_sim.cfg" "$dir/etc/sensors/orlune_sim.cfg"
+  cp -r "$root/examples/calibration/data" "$root/examples/calibration/factory" "$dir/"
+  printf 'ro.hardware=orlune_sim\nro.revision=1\n' > "$dir/etc/orlune/system.prop"
+  export ORLUNE_ROOT=$dir ORLUNE_TLM_DIR=$dir/tlm ORLUNE_SOCKET_PREFIX="orlune-bench-$$-$name-"
+  unset LIBVIGIL_CFG_PATH
+  "$sim_bin" "$@" > "$dir/sim.out" 2> "$dir/sim.log" &
+  sim_pid=$!
+  for _ in $(seq 200); do
+    grep -q '^IIOD_REMOTE=' "$dir/sim.out" 2>/dev/null && break
+    sleep 0.05
+  done
+  if ! grep -q '^IIOD_REMOTE=' "$dir/sim.out"; then
+    echo "bench-report: orlune-sim did not start:" >&2
+    cat "$dir/sim.log" >&2
+    exit 1
+  fi
+  export "$(grep '^IIOD_REMOTE=' "$dir/sim.out")"
+  # The vision and gimbal producers and the services need a moment to come up.
+  sleep 0.5
+}
+
+# Self cost per object of a callgrind profile: lines "object Ir".
+callgrind_objects() { awk -f "$root/bench/callgrind_objects.awk" "$1"; }
+
+# Sums a callgrind_objects listing into the groups of the report, per cycle:
+# "plugin libiio libc other".
+callgrind_groups() {
+  awk -v n="$2" '
+    { o = $1; sub(/.*\//, "", o)
+      if (o ~ /^libsensors_orlune/) g = "plugin"
+      else if (o ~ /^libiio/) g = "libiio"
+      else if (o ~ /^libc[.-]/) g = "libc"
+      else g = "other"
+      ir[g] += $2 }
+    END { printf "%.0f %.0f %.0f %.0f\n", ir["plugin"] / n, ir["libiio"] / n, ir["libc"] / n, ir["other"] / n }' "$1"
+}
+
+# System calls per cycle under the collected function: its inclusive
+# sysCount. (Callgrind
+# attributes system calls to call arcs even while collection is off, so only
+# the collected function's inclusive cost is exact.)
+callgrind_syscalls() {
+  callgrind_annotate --inclusive=yes --show=sysCount "$1" 2>/dev/null |
+    awk -v f=":$2 " -v n="$3" 'index($0, f) {
+      gsub(/\( *[0-9.]+%\)/, ""); gsub(/,/, ""); gsub(/(^| )\.( |$)/, " 0 ")
+      printf "%.1f\n", $1 / n; found = 1; exit }
+      END { if (!found) print 0 }'
+}
+
+echo "bench-report: measuring (load average at start: $load_start)" >&2
+
+# --- The plug-in on the virtual vehicle, every sensor enabled ---------------
+start_vehicle vehicle
+"$meter" cycles "$cycles" 50 --modules > "$work/cycles.txt"
+for part in own_step imu_wait; do
+  valgrind --tool=callgrind --collect-systime=nsec --toggle-collect="orlune_meter_$part" \
+    --callgrind-out-file="$work/callgrind.$part" "$meter" cycles "$cg_cycles" 20 \
+    > "$work/cg-$part.txt" 2> "$work/cg-$part.log"
+  n=$(value cycles "$work/cg-$part.txt")
+  callgrind_objects "$work/callgrind.$part" > "$work/cg-$part.objects"
+  echo "$(callgrind_groups "$work/cg-$part.objects" "$n") $(callgrind_syscalls "$work/callgrind.$part" "orlune_meter_$part" "$n")" \
+    > "$work/cg-$part.sum"
+done
+read -r own_plugin own_iio own_libc own_other own_sys < "$work/cg-own_step.sum"
+read -r wait_plugin wait_iio wait_libc wait_other wait_sys < "$work/cg-imu_wait.sum"
+for i in $(seq "$first_runs"); do
+  "$meter" first-sample > "$work/first-$i.txt"
+done
+stop_sim
+
+# --- IMU batch rate: orlune-host beside iio_readdev ------------------------
+start_vehicle throughput --scenario "$root/examples/scenarios/bench.cfg"
+cat > "$work/throughput/imu-only.cfg" <<'EOF'
+imu = { enabled = true; device = "orlune-imu"; trigger = "orlune-imu-trig";
+  sampling-frequency = 1000000; sampling-rate-div = 5;
+  temperature = { sensitivity = 326.8; offset = 25.0; };
+  accelero_scale = 0.0047884; gyro_scale = 0.0010653; };
+barometer = { enabled = false; }; bldc = { enabled = false; }; gps = { enabled = false; };
+magnetometer = { enabled = false; }; battery = { enabled = false; };
+ultrasound = { enabled = false; }; carpet_detection = { enabled = false; };
+vcam_position = { enabled = false; }; fstcam_position = { enabled = false; };
+vcam_optical_flow = { enabled = false; }; fcam_gimbal = { enabled = false; };
+EOF
+: > "$work/tput.txt"
+for i in $(seq "$tput_runs"); do
+  LIBVIGIL_CFG_PATH=$work/throughput/imu-only.cfg "$host_bin" --plugin "$plugin" --view none \
+    --duration "$tput_s" > "$work/host-$i.txt" 2> "$work/host-$i.log"
+  # "imu samples      N (R/s), lost L (judged by the timestamps)"
+  read -r h_samples h_rate h_lost < <(
+    sed -nE 's|^imu samples +([0-9]+) \(([0-9.]+)/s\), lost ([0-9]+).*|\1 \2 \3|p' "$work/host-$i.txt")
+  if [ -z "$h_lost" ] || [ "$h_samples" -eq 0 ]; then
+    echo "bench-report: orlune-host read no IMU samples:" >&2
+    cat "$work/host-$i.txt" "$work/host-$i.log" >&2
+    exit 1
+  fi
+  h_secs=$(awk '/^duration/ { print $2 }' "$work/host-$i.txt")
+  # iio_readdev pulls as many scans from the same device, in the same batches.
+  t0=$(date +%s%N)
+  iio_readdev -u "$IIOD_REMOTE" -t orlune-imu-trig -b 5 -s "$h_samples" orlune-imu > "$work/readdev.bin" 2> "$work/readdev.log"
+  t1=$(date +%s%N)
+  r_bytes=$(stat -c %s "$work/readdev.bin")
+  r_scans=$((r_bytes / 24))
+  r_rate=$(calc "\"%.1f\", $r_scans / (($t1 - $t0) / 1e9)")
+  echo "$h_rate $r_rate $h_lost $h_secs $r_scans $(calc "\"%.3f\", ($t1 - $t0) / 1e9")" >> "$work/tput.txt"
+done
+stop_sim
+
+# --- Telemetry put and latest read beside memcpy ----------------------------
+"$tlm_bench" --benchmark_filter='BM_(PutSample|ReadLatest|Memcpy)/' \
+  --benchmark_repetitions="$tlm_reps" --benchmark_report_aggregates_only=true \
+  --benchmark_min_time="$tlm_min_time" --benchmark_format=csv > "$work/tlm.csv" 2> "$work/tlm.log"
+# tlm_ns NAME ARG: median CPU time in ns.
+tlm_ns() { awk -F, -v n="\"$1/$2_median\"" '$1 == n { print $4 }' "$work/tlm.csv"; }
+
+elapsed=$(($(date +%s) - t_start))
+load_end=$(cut -d' ' -f1-3 /proc/loadavg)
+
+# --- The report --------------------------------------------------------------
+cpu=$(awk -F': *' '/^model name/ { print $2; exit }' /proc/cpuinfo)
+compiler=$(awk -F= '/^CMAKE_CXX_COMPILER:/ { print $2 }' "$build/CMakeCache.txt")
+compiler_version=$("${compiler:-c++}" --version | head -1)
+build_type=$(awk -F= '/^CMAKE_BUILD_TYPE:/ { print $2 }' "$build/CMakeCache.txt")
+commit=$(git -C "$root" describe --always --dirty 2>/dev/null || echo unknown)
+mode=full; [ $quick = 1 ] && mode="quick (--quick: short runs, indicative only)"
+
+c() { value "$1" "$work/cycles.txt"; }
+# slot NAME FIELD: a field of a step's "slot" line (1 calls, 2 wall µs per
+# cycle, 3 of which in refills, 4 own allocations, 5 refill allocations,
+# 6 wall µs per cycle setting the IIO context's timeout).
+slot() { awk -v n="$1" -v f="$2" '$1 == "slot" && $2 == n { print $(f + 2) }' "$work/cycles.txt"; }
+n_cycles=$(c cycles)
+own_mean=$(c own_wall_us_mean); own_median=$(c own_wall_us_median); own_p99=$(c own_wall_us_p99)
+own_cpu=$(c own_cpu_us_mean); wait_wall=$(c wait_wall_us_mean); wait_cpu=$(c wait_cpu_us_mean)
+motor_refill=$(slot bldc_cypress_read 3)
+polled_refill=$(calc "\"%.3f\", $(slot barometer_read 3) + $(slot magneto_read 3)")
+motor_timeout=$(slot bldc_cypress_read 6)
+refills_all=$(for name in $(awk '$1 == "slot" { print $2 }' "$work/cycles.txt"); do slot "$name" 3; done |
+  awk '{ s += $1 } END { print s }')
+own_rest=$(calc "\"%.3f\", $own_mean - $refills_all - $motor_timeout")
+period=$(calc "\"%.1f\", $wait_wall + $own_mean")
+both_waits=$(calc "\"%.1f\", $wait_wall + $motor_refill")
+own_ir_total=$((own_plugin + own_iio + own_libc + own_other))
+wait_ir_total=$((wait_plugin + wait_iio + wait_libc + wait_other))
+pct() { calc "\"%.1f\", ($1) ? 100 * $2 / $1 : 0"; }
+gps_allocs=$(slot gps_read 4)
+own_allocs=$(c own_allocs)
+n_cg=$(value cycles "$work/cg-own_step.txt")
+
+first_med() { for i in $(seq "$first_runs"); do value "$1" "$work/first-$i.txt"; done | median; }
+first_sample=$(first_med first_sample_ms)
+first_min=$(for i in $(seq "$first_runs"); do value first_sample_ms "$work/first-$i.txt"; done | sort -g | head -1)
+first_max=$(for i in $(seq "$first_runs"); do value first_sample_ms "$work/first-$i.txt"; done | sort -g | tail -1)
+
+host_rate=$(awk '{ print $1 }' "$work/tput.txt" | median)
+readdev_rate=$(awk '{ print $2 }' "$work/tput.txt" | median)
+tput_ratio=$(awk '{ print $1 / $2 }' "$work/tput.txt" | median)
+host_lost=$(awk '{ s += $3 } END { print s }' "$work/tput.txt")
+
+mkdir -p "$(dirname "$out")"
+{
+cat <<EOF
+# Performance
+
+Measured by \`scripts/bench-report.sh\` in one run; every figure below comes
+from that run. Re-run it to refresh this page (\`--quick\` for a short check).
+
+| | |
+|---|---|
+| date | $started |
+| commit | $commit |
+| run | $mode, ${elapsed} s |
+| machine | $cpu, $(nproc) cores, Linux $(uname -r) |
+| compiler | $compiler_version, $build_type |
+| libiio | $(pkg-config --modversion libiio 2>/dev/null || echo unknown), network backend to \`orlune-sim\` on 127.0.0.1 |
+| load average (1, 5, 15 min) | $load_start at the start, $load_end at the end |
+
+The machine is shared with other builds: the load average says how busy it
+was. Wall times suffer most from it; instruction and allocation counts do not.
+
+## Plug-in cost per cycle
+
+Every sensor enabled (\`examples/config/orlune_sim.cfg\`: imu, barometer,
+magnetometer, motors, gps, ultrasound, battery, carpet detection,
+vcam_position, optical flow, fcam_gimbal) against \`orlune-sim\` running the
+default flight: IMU at 1000 Hz in batches of 5 (one cycle every 5 ms), motor
+controller at 200 Hz, barometer 75 Hz, magnetometer 100 Hz. $n_cycles cycles
+after 50 of warm-up; callgrind over $n_cg cycles in runs of their own.
+
+| per cycle (mean unless said) | wall µs | CPU µs |
+|---|---|---|
+| read + tlm_write without the IMU wait | $own_mean | $own_cpu |
+| the same, median / 99th percentile | $own_median / $own_p99 | |
+| of which blocked in the motor controller's flush (its refills) | $motor_refill | |
+| of which the motor read's two changes of the IIO context's timeout | $motor_timeout | |
+| of which the barometer's and magnetometer's refills | $polled_refill | |
+| the rest: plug-in code, GPS and ultrasound sockets, shared memory | $own_rest | |
+| IMU wait | $wait_wall | $wait_cpu |
+| the two waits together | $both_waits | |
+| cycle period (IMU wait + the rest) | $period | |
+
+Per step of the cycle, from the same run:
+
+| step | calls | wall µs per cycle | of which in libiio refills | allocations: own / libiio's refills |
+|---|---|---|---|---|
+EOF
+for name in imu_read barometer_read magneto_read gps_read us_read carpet_detection_read vision_position_read \
+            vision_optical_flow_read fcam_gimbal_read bldc_cypress_read battery_read tlm_pushes; do
+  printf '| %s | %s | %s | %s | %s / %s |\n' "$name" "$(slot $name 1)" "$(slot $name 2)" "$(slot $name 3)" \
+    "$(slot $name 4)" "$(slot $name 5)"
+done
+cat <<EOF
+
+Instructions and system calls per cycle (callgrind):
+
+| | read + tlm_write without the IMU wait | IMU wait |
+|---|---|---|
+| instructions, plug-in's own code (\`libsensors_orlune.so\`) | $own_plugin | $wait_plugin |
+| instructions, libiio | $own_iio | $wait_iio |
+| instructions, libc | $own_libc | $wait_libc |
+| instructions, other (libstdc++, libm, loader, the meter) | $own_other | $wait_other |
+| plug-in's own share of the instructions | $(pct "$own_ir_total" "$own_plugin") % of $own_ir_total | $(pct "$wait_ir_total" "$wait_plugin") % of $wait_ir_total |
+| system calls (under valgrind, where clock reads are system calls too) | $own_sys | $wait_sys |
+
+**How the waits are separated.** \`bench/cycle_meter\` makes each cycle two
+calls: \`imu_wait\` (libiio's refill of the IMU buffer: blocked until the
+batch of five is complete, then receiving it), and the rest: \`imu_read\`,
+then the host's \`read\` with the IMU switched off for that call (the frame
+then polls every other sensor and leaves the IMU sub-record alone), then
+\`tlm_write\` with the IMU's update bit restored: the work of \`read\` +
+\`tlm_write\` minus the IMU refill. Wall and thread CPU clocks are read
+between the calls. The meter also defines \`iio_buffer_refill\` and the
+module reads and pushes that the frame calls; the plug-in reaches them
+through the dynamic linker, and they time each step and its libiio refills
+(about 30 clock reads per cycle, well under a microsecond in all) before
+calling the real ones. Callgrind collects each of the two calls alone
+(\`--toggle-collect\`); its per-object self costs give the split, without the
+per-step clocks.
+
+**What bounds it.** Three things, and the plug-in's arithmetic is not one of
+them. First, the motor controller's read flushes the controller's samples up
+to the time of the batch's first IMU sample with a blocking refill (bounded by
+5 s): when the controller's sample for that time is not there yet, the read
+waits for it. With the controller at 200 Hz beside IMU batches at 200 Hz, that
+wait takes anything from nothing to most of the 5 ms period, depending on the
+phase of the two streams in that run; the IMU wait is then as much shorter,
+and the two waits together take most of the period. It is time blocked, not
+spent.
+Second, round trips to the IIO server over libiio's network backend: one
+refill per polled IIO device per cycle (the barometer and magnetometer mostly
+answer -EAGAIN), and the two changes of the context's timeout around the
+motor flush, each a request and an answer on the socket, with system calls on
+both sides. Third, the rest (\`imu_read\`, the GPS and ultrasound sockets'
+non-blocking reads, the vision and gimbal readers' shared-memory reads, the
+battery's attribute files once a second, the telemetry pushes): the last row
+of the first table. The thread's CPU time is mostly the kernel's work for the
+system calls; the plug-in's own instructions are the smaller part of the user
+space ones (callgrind table). Callgrind sees no kernel instructions: the
+system call count stands for the kernel. Under load, the wall times' tail
+grows with the scheduling of the other processes (the IIO server among them),
+not with the plug-in.
+
+## Heap allocations per cycle
+
+Counted by the allocator interposed in \`bench/cycle_meter\`
+(tests/support/alloc_counter) over the same $n_cycles cycles, on the thread that
+runs them; an allocation made inside \`iio_buffer_refill\` is libiio's.
+
+| over $n_cycles cycles | allocations | per cycle |
+|---|---|---|
+| plug-in's own (read + tlm_write without the IMU wait, outside libiio's refills) | $own_allocs | $(c own_allocs_per_cycle) |
+| of which inside gps_read (the decoder's message texts) | $gps_allocs | |
+| plug-in's own apart from the GPS texts | $((own_allocs - gps_allocs)) | $(calc "\"%.4f\", ($own_allocs - $gps_allocs) / $n_cycles") |
+| libiio's refills of the polled IIO devices | $(c poll_refill_allocs) | $(c poll_refill_allocs_per_cycle) |
+| libiio's IMU refill (inside the IMU wait) | $(c wait_refill_allocs) | $(c wait_refill_allocs_per_cycle) |
+
+**What bounds it.** The plug-in makes every buffer, descriptor and telemetry
+producer when it is probed and started, so its cycle allocates nothing of its
+own, with one exception by design: the GPS decoder allocates the texts of the
+GPS daemon's text messages and frees them in the callback (the simulated
+daemon sends such a message about once a second). libiio's network backend
+allocates once for each refill that brings data (the IMU's every cycle, the
+motor controller's, and the barometer's and magnetometer's when they have a
+new scan): that is libiio's design, not the plug-in's.
+
+## IMU batch rate: orlune-host beside iio_readdev
+
+\`examples/scenarios/bench.cfg\`: the IMU alone at 1 MHz in batches of 5,
+faster than one client can pull it, so the transport sets the pace.
+\`orlune-host --view none --duration $tput_s\` with only the IMU enabled, then
+\`iio_readdev -b 5\` pulling as many scans from the same simulated device;
+$tput_runs run(s), medians.
+
+| | scans/s | batches/s | µs per batch |
+|---|---|---|---|
+| orlune-host (read + tlm_write) | $host_rate | $(calc "\"%.1f\", $host_rate / 5") | $(calc "\"%.1f\", 5e6 / $host_rate") |
+| iio_readdev | $readdev_rate | $(calc "\"%.1f\", $readdev_rate / 5") | $(calc "\"%.1f\", 5e6 / $readdev_rate") |
+| ratio host / iio_readdev | $(calc "\"%.3f\", $tput_ratio") | | |
+
+Scans the host judged lost by their timestamps (the device outruns both
+clients): $host_lost in total.
+
+| run | host scans/s | iio_readdev scans/s | host s | iio_readdev scans, s |
+|---|---|---|---|---|
+EOF
+awk '{ printf "| %d | %s | %s | %s | %s, %s |\n", NR, $1, $2, $4, $5, $6 }' "$work/tput.txt"
+cat <<EOF
+
+**What bounds it.** Each batch is one refill, and each refill is a request
+and an answer between client and server over the loopback: the same exchange
+of libiio's network backend for both clients, one batch at a time, with
+nothing overlapping. So whatever a client does between two refills adds to
+every batch: for the host, \`imu_read\` (conversion, thermal calibration and
+rotation of five samples: its row in the step table above) and one telemetry
+sample, and the host loop's own bookkeeping; for \`iio_readdev\`, writing the
+batch to a file. On two cores the server, the client and whatever else runs
+share the CPU, so the ratio moves with the load; the difference in µs per
+batch is the host's extra work per batch. \`iio_readdev\`'s time also
+includes its start-up (context creation), which makes it look a little
+slower than it is.
+
+## Telemetry: put and latest read beside memcpy
+
+\`bench/shm_telemetry_bench\`, median CPU time of $tlm_reps repetitions: one
+sample published into a section with \`producer_put_sample\`, and the latest
+sample read by a consumer with \`consumer_get_sample_at\`, each beside a
+\`memcpy\` of the same record.
+
+| record | bytes | put ns | latest read ns | memcpy ns | put / memcpy | read / memcpy |
+|---|---|---|---|---|---|---|
+EOF
+arg=0
+for rec in "baro:32" "imu:232" "gps:768"; do
+  put=$(tlm_ns BM_PutSample $arg); get=$(tlm_ns BM_ReadLatest $arg); cpy=$(tlm_ns BM_Memcpy $arg)
+  printf '| %s | %s | %.1f | %.1f | %.1f | %.1f | %.1f |\n' "${rec%%:*}" "${rec#*:}" "$put" "$get" "$cpy" \
+    "$(calc "\"%f\", $put / $cpy")" "$(calc "\"%f\", $get / $cpy")"
+  arg=$((arg + 1))
+done
+cat <<EOF
+
+**What bounds it.** A plain copy of a few hundred bytes takes a few
+nanoseconds, bound by the cache. Putting a sample marks the ring slot's
+sequence odd, copies each registered record into the slot, marks it even with
+release ordering and publishes the count written. Reading the latest sample
+checks that the section is still the producer's (its closed flag every time,
+the section file's identity with a \`stat\` once in a while, which the median
+hides), copies the slot into a scratch area between two reads of its sequence
+(again if the writer lapped it), then copies each field to its place in the
+consumer's own layout: two copies plus the checks, the price of reading by
+field name from a producer built with another layout, and of noticing a
+producer that restarted. Both stay far below a microsecond, against a cycle
+of 5 ms.
+
+## Probe to first sample
+
+From the host's \`probe\` call to the first \`read\` that returns IMU data, with
+every sensor enabled against the running \`orlune-sim\` (default flight);
+$first_runs runs, each a fresh process.
+
+| | median | min | max |
+|---|---|---|---|
+| probe to first IMU sample | $first_sample ms | $first_min ms | $first_max ms |
+| probe | $(first_med probe_ms) ms | | |
+| start | $(first_med start_ms) ms | | |
+| start to the first read with IMU data | $(first_med first_read_ms) ms | | |
+
+**What bounds it.** Probe is the bulk of it: it reads the configuration and
+the calibration files, creates the IIO context (libiio asks the server for its
+whole device description and parses it), finds and sets up every IIO device
+(attribute reads and writes, each a round trip to the server), connects the
+GPS and ultrasound sockets and creates the telemetry sections. Start opens
+the IIO buffers and enables the triggers, a few more round trips. Then the
+first read waits for a whole batch: five IMU periods (5 ms at 1000 Hz) after
+the stream starts, which is what the last row shows. Each run is a fresh
+process, so libiio's first context and the first page faults are in it, as
+they are for a host starting up.
+EOF
+} > "$out"
+echo "bench-report: wrote $out (${elapsed} s)" >&2

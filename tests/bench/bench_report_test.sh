@@ -1,0 +1,76 @@
+#!/usr/bin/env bash
+# Runs scripts/bench-report.sh --quick on an existing build into a temporary
+# file and checks that every figure came out as a number: a measurement that
+# failed or was skipped leaves its cell empty or non-numeric.
+# Usage: bench_report_test.sh SCRIPT BUILD_DIR
+set -euo pipefail
+script=$1
+build=$2
+out=$(mktemp "${TMPDIR:-/tmp}/bench-report-XXXXXX.md")
+trap 'rm -f "$out"' EXIT
+
+if ! "$script" --quick --no-build --build-dir "$build" --output "$out" > "$out.log" 2>&1; then
+  cat "$out.log"; rm -f "$out.log"
+  echo "FAIL: bench-report.sh exited with an error"
+  exit 1
+fi
+rm -f "$out.log"
+
+failures=0
+num='[0-9]+(\.[0-9]+)?'
+# expect LABEL REGEX: a line of the report matches REGEX.
+expect() {
+  if ! grep -Eq -- "$2" "$out"; then
+    echo "FAIL: $1: no line matches /$2/"
+    failures=$((failures + 1))
+  fi
+}
+# positive LABEL REGEX: as expect, and the first number after the row's label
+# is above zero (a rate or a count that cannot be zero in a working run).
+positive() {
+  expect "$1" "$2"
+  local v
+  v=$(grep -E -- "$2" "$out" | head -1 | sed -E 's/^\|[^|]*\| *([0-9.]+).*/\1/')
+  if ! awk -v v="$v" 'BEGIN { exit !(v > 0) }'; then
+    echo "FAIL: $1: '$v' is not above zero"
+    failures=$((failures + 1))
+  fi
+}
+
+expect "header" "^\| commit \| [^|]+ \|$"
+expect "load" "^\| load average \(1, 5, 15 min\) \| $num $num $num at the start"
+# Cost per cycle: times, the step table, instructions split by object.
+positive "own wall time" "^\| read \+ tlm_write without the IMU wait \| $num \| $num \|$"
+positive "IMU wait" "^\| IMU wait \| $num \| $num \|$"
+positive "cycle period" "^\| cycle period \(IMU wait \+ the rest\) \| $num \| \|$"
+for step in imu_read barometer_read magneto_read gps_read us_read carpet_detection_read vision_position_read \
+            vision_optical_flow_read fcam_gimbal_read bldc_cypress_read battery_read tlm_pushes; do
+  positive "step $step" "^\| $step \| [0-9]+ \| $num \| $num \| [0-9]+ / [0-9]+ \|$"
+done
+positive "plug-in instructions" "^\| instructions, plug-in's own code \(\`libsensors_orlune.so\`\) \| [0-9]+ \| [0-9]+ \|$"
+positive "libiio instructions" "^\| instructions, libiio \| [0-9]+ \| [0-9]+ \|$"
+positive "libc instructions" "^\| instructions, libc \| [0-9]+ \| [0-9]+ \|$"
+positive "system calls" "^\| system calls \([^|]*\) \| $num \| $num \|$"
+# Allocations: with every sensor on, the plug-in's cycle allocates nothing
+# of its own apart from the GPS decoder's texts; libiio's refills do
+# allocate, which shows that the counter is live.
+expect "own allocations are zero" "^\| plug-in's own apart from the GPS texts \| 0 \| 0\.0000 \|$"
+positive "polled refill allocations" "^\| libiio's refills of the polled IIO devices \| [0-9]+ \| $num \|$"
+positive "IMU refill allocations" "^\| libiio's IMU refill \(inside the IMU wait\) \| [0-9]+ \| $num \|$"
+# Throughput.
+positive "host rate" "^\| orlune-host \(read \+ tlm_write\) \| $num \| $num \| $num \|$"
+positive "readdev rate" "^\| iio_readdev \| $num \| $num \| $num \|$"
+positive "throughput ratio" "^\| ratio host / iio_readdev \| $num \| \| \|$"
+# Telemetry, three sizes.
+for rec in "baro \| 32" "imu \| 232" "gps \| 768"; do
+  positive "telemetry $rec" "^\| $rec \| $num \| $num \| $num \| $num \| $num \|$"
+done
+# Probe to first sample.
+positive "first sample" "^\| probe to first IMU sample \| $num ms \| $num ms \| $num ms \|$"
+
+if [ $failures -gt 0 ]; then
+  echo "--- report ---"; cat "$out"
+  echo "$failures figure(s) missing"
+  exit 1
+fi
+echo "every figure present"
