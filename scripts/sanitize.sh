@@ -1,0 +1,14 @@
+#!/usr/bin/env bash
+# Builds everything with AddressSanitizer and UndefinedBehaviorSanitizer
+# (the "asan" preset, in build-asan/) and runs the whole test suite there.
+# Usage: scripts/sanitize.sh [ctest arguments...], e.g. -R Battery
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+cd "$root"
+
+scripts/deps.sh
+if [ ! -f build-asan/build.ninja ]; then
+  cmake --preset asan
+fi
+cmake --build --preset asan -j "$(nproc)"
+ctest --preset asan -j "$(nproc)" "$@"
