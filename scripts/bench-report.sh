@@ -11,6 +11,7 @@
 #   --no-build    use the binaries already in the build directory
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
+source "$root/scripts/vehicle.sh"
 build=${BUILD_DIR:-$root/build-bench}
 out=${BENCH_REPORT_OUT:-$root/docs/performance.md}
 quick=0
@@ -84,24 +85,8 @@ calc() { awk "BEGIN { printf $1 }"; }
 start_vehicle() {
   local name=$1; shift
   local dir=$work/$name
-  mkdir -p "$dir/etc/sensors" "$dir/etc/orlune"
-  cp "$root/examples/config/orlune_sim.cfg" "$dir/etc/sensors/orlune_sim.cfg"
-  cp -r "$root/examples/calibration/data" "$root/examples/calibration/factory" "$dir/"
-  printf 'ro.hardware=orlune_sim\nro.revision=1\n' > "$dir/etc/orlune/system.prop"
-  export ORLUNE_ROOT=$dir ORLUNE_TLM_DIR=$dir/tlm ORLUNE_SOCKET_PREFIX="orlune-bench-$$-$name-"
-  unset LIBVIGIL_CFG_PATH
-  "$sim_bin" "$@" > "$dir/sim.out" 2> "$dir/sim.log" &
-  sim_pid=$!
-  for _ in $(seq 200); do
-    grep -q '^IIOD_REMOTE=' "$dir/sim.out" 2>/dev/null && break
-    sleep 0.05
-  done
-  if ! grep -q '^IIOD_REMOTE=' "$dir/sim.out"; then
-    echo "bench-report: orlune-sim did not start:" >&2
-    cat "$dir/sim.log" >&2
-    exit 1
-  fi
-  export "$(grep '^IIOD_REMOTE=' "$dir/sim.out")"
+  vehicle_root "$dir" "orlune-bench-$$-$name-"
+  vehicle_start "$sim_bin" "$dir/sim.out" "$dir/sim.log" "$@" || exit 1
   # The vision and gimbal producers and the services need a moment to come up.
   sleep 0.5
 }

@@ -32,33 +32,13 @@ out=${out:-$root/demo-output/$(date +%Y%m%d-%H%M%S)}
 mkdir -p "$out"
 out=$(cd "$out" && pwd)
 
-# A private root: the vehicle's configuration found by its hardware name, the
-# example calibration, the battery's files and the telemetry sections, none
-# of it touching /etc, /data, /factory or /sys of this machine.
+source "$root/scripts/vehicle.sh"
 vehicle=$(mktemp -d "${TMPDIR:-/tmp}/orlune-vehicle-XXXXXX")
-export ORLUNE_ROOT=$vehicle
-export ORLUNE_TLM_DIR=$vehicle/tlm
-export ORLUNE_SOCKET_PREFIX="orlune-demo-$$-"
-mkdir -p "$vehicle/etc/sensors" "$vehicle/etc/orlune"
-cp "$root/examples/config/orlune_sim.cfg" "$vehicle/etc/sensors/orlune_sim.cfg"
-cp -r "$root/examples/calibration/data" "$root/examples/calibration/factory" "$vehicle/"
-printf 'ro.hardware=orlune_sim\nro.revision=1\n' > "$vehicle/etc/orlune/system.prop"
-
-"$build/sim/orlune-sim" --scenario "$scenario" --truth "$out/truth.csv" \
-  > "$vehicle/sim.out" 2> "$out/sim.log" &
-sim=$!
-trap 'kill $sim 2>/dev/null || true; wait $sim 2>/dev/null || true; rm -rf "$vehicle"' EXIT
-for _ in $(seq 100); do
-  grep -q '^IIOD_REMOTE=' "$vehicle/sim.out" 2>/dev/null && break
-  kill -0 $sim 2>/dev/null || break
-  sleep 0.05
-done
-if ! grep -q '^IIOD_REMOTE=' "$vehicle/sim.out"; then
-  echo "orlune-sim did not start:" >&2
-  cat "$out/sim.log" >&2
-  exit 1
-fi
-export "$(grep '^IIOD_REMOTE=' "$vehicle/sim.out")"
+vehicle_root "$vehicle" "orlune-demo-$$-"
+sim_pid=""
+trap '[ -z "$sim_pid" ] || { kill $sim_pid 2>/dev/null || true; wait $sim_pid 2>/dev/null || true; }; rm -rf "$vehicle"' EXIT
+vehicle_start "$build/sim/orlune-sim" "$vehicle/sim.out" "$out/sim.log" \
+  --scenario "$scenario" --truth "$out/truth.csv" || exit 1
 echo "virtual vehicle: $(basename "$scenario" .cfg) on $IIOD_REMOTE, output in $out"
 
 # The demo flight's motor commands follow its phases (see the scenario's
@@ -76,7 +56,8 @@ esac
 status=0
 "$build/tools/host/orlune-host" --duration "$duration" --log "$out/host.log" --record "$out/recording.csv" \
   "${motors[@]}" "${host_args[@]}" || status=$?
-kill $sim 2>/dev/null || true; wait $sim 2>/dev/null || true
+kill $sim_pid 2>/dev/null || true; wait $sim_pid 2>/dev/null || true
+sim_pid=""
 
 echo
 echo "recording:  $out/recording.csv (one row per cycle)"

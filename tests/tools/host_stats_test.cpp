@@ -38,6 +38,9 @@ TEST(HostStats, StateTurnsSilentAfterAboutFourMissedUpdates)
     sensor_row imu = updated_row(SENSORS_UPDATED_IMU, 0.005, 1000);
     EXPECT_EQ(host_stats::state(d, imu, imu.last_update_s + 0.4), "ok");
     EXPECT_EQ(host_stats::state(d, imu, imu.last_update_s + 0.6), "silent 0.6 s");
+    // The controller's information has no rate to miss.
+    sensor_row info = updated_row(SENSORS_UPDATED_MOTORS_INFO, 20.0, 1);
+    EXPECT_EQ(host_stats::state(d, info, info.last_update_s + 300), "ok");
     sensor_row never{"x", SENSORS_UPDATED_BARO};
     EXPECT_EQ(host_stats::state(d, never, 100.0), "waiting");
 }

@@ -175,6 +175,10 @@ std::string host_stats::state(const sensors_data &d, const sensor_row &row, doub
 {
     if (row.updates == 0)
         return "waiting";
+    // The controller's information comes at start-up and after each stop,
+    // not at a rate: it is never late.
+    if (row.bit == SENSORS_UPDATED_MOTORS_INFO)
+        return "ok";
     const double silent = now_s - row.last_update_s;
     const double span = row.last_update_s - row.first_update_s;
     const double usual = row.updates > 1 && span > 0 ? span / double(row.updates - 1) : 0.5;
