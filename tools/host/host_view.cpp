@@ -4,6 +4,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
@@ -11,12 +12,27 @@
 
 namespace {
 
-int terminal_rows()
+winsize terminal_size()
 {
     winsize ws{};
-    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &ws) == 0 && ws.ws_row > 0)
-        return ws.ws_row;
-    return 40;
+    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &ws) != 0 || ws.ws_row == 0 || ws.ws_col == 0) {
+        ws.ws_row = 40;
+        ws.ws_col = 120;
+    }
+    return ws;
+}
+
+// The live view draws on the terminal's alternate screen, as full-screen
+// programs do: its frames stay out of the scrollback, and the summary lands
+// on the normal screen below the command.
+bool g_alternate_screen = false;
+
+// Each line cut to the width, so that a narrow terminal never wraps a line
+// and shifts the frame.
+void append_line(std::string *out, const std::string &line, size_t width)
+{
+    out->append(line, 0, std::min(line.size(), width));
+    out->append("\x1b[K\n");
 }
 
 } // namespace
@@ -33,45 +49,59 @@ void view_refresh(view_mode mode, const view_context &ctx)
         fflush(stdout);
         return;
     }
-    std::string out = "\x1b[H\x1b[2J";
+    const winsize ws = terminal_size();
+    const size_t width = ws.ws_col > 1 ? size_t(ws.ws_col) - 1 : 1;
+    std::string out;
+    if (!g_alternate_screen) {
+        out += "\x1b[?1049h";
+        g_alternate_screen = true;
+    }
+    out += "\x1b[H";
     char line[512];
-    snprintf(line, sizeof line, "orlune-host  %s  %.1f s  cycles %llu (%.1f/s)  read errors %llu\n\n",
-             ctx.plugin.c_str(), ctx.elapsed_s, (unsigned long long)st.cycles(), st.cycle_rate(),
+    const size_t slash = ctx.plugin.rfind('/');
+    const char *plugin = ctx.plugin.c_str() + (slash == std::string::npos ? 0 : slash + 1);
+    snprintf(line, sizeof line, "orlune-host  %s  %.1f s  cycles %llu (%.1f/s)  read errors %llu", plugin,
+             ctx.elapsed_s, (unsigned long long)st.cycles(), st.cycle_rate(),
              (unsigned long long)st.failed_reads());
-    out += line;
-    snprintf(line, sizeof line, "%-16s %9s  %-12s %s\n", "sensor", "rate Hz", "state", "latest");
-    out += line;
-    int used = 4;
+    append_line(&out, line, width);
+    append_line(&out, "", width);
+    snprintf(line, sizeof line, "%-16s %9s  %-12s %s", "sensor", "rate Hz", "state", "latest");
+    append_line(&out, line, width);
+    int used = 3;
     const double now = host_stats::now_s();
     for (const sensor_row &row : st.rows()) {
         if (row.updates == 0)
             continue;
-        snprintf(line, sizeof line, "%-16s %9.1f  %-12s %s\n", row.name, row.rate_hz,
+        snprintf(line, sizeof line, "%-16s %9.1f  %-12s %s", row.name, row.rate_hz,
                  host_stats::state(*ctx.data, row, now).c_str(), host_stats::latest(*ctx.data, row.bit).c_str());
-        out += line;
+        append_line(&out, line, width);
         used++;
     }
     if (ctx.data->carpet.active) {
-        snprintf(line, sizeof line, "%-16s %9s  %s\n", "carpet", "-", host_stats::carpet(*ctx.data).c_str());
-        out += line;
+        snprintf(line, sizeof line, "%-16s %9s  %-12s %s", "carpet", "-", "active",
+                 host_stats::carpet(*ctx.data).c_str());
+        append_line(&out, line, width);
         used++;
     }
-    snprintf(line, sizeof line, "\nimu: %llu samples, %llu lost, period %.3f ms\n\n-- log --\n",
+    append_line(&out, "", width);
+    snprintf(line, sizeof line, "imu: %llu samples, %llu lost, period %.3f ms",
              (unsigned long long)st.imu().samples(), (unsigned long long)st.imu().lost(), st.imu().period_s() * 1e3);
-    out += line;
-    used += 4;
+    append_line(&out, line, width);
+    used += 2;
     if (ctx.motor_keys) {
-        snprintf(line, sizeof line, "motors: %s  (%u sent, %u failed)\n", kMotorKeysHelp, ctx.motor_commands,
+        snprintf(line, sizeof line, "motors: %s  (%u sent, %u failed)", kMotorKeysHelp, ctx.motor_commands,
                  ctx.motor_failures);
-        out.insert(out.size() - strlen("\n-- log --\n"), line);
+        append_line(&out, line, width);
         used++;
     }
-    int room = terminal_rows() - used - 1;
+    append_line(&out, "", width);
+    append_line(&out, "-- log --", width);
+    used += 2;
+    const int room = int(ws.ws_row) - used - 1;
     if (room > 0)
-        for (const std::string &l : ctx.log->last_lines(size_t(room))) {
-            out += l.substr(0, 200);
-            out += '\n';
-        }
+        for (const std::string &l : ctx.log->last_lines(size_t(room)))
+            append_line(&out, l, width);
+    out += "\x1b[J"; // whatever the last frame had below this one
     fwrite(out.data(), 1, out.size(), stdout);
     fflush(stdout);
 }
@@ -79,6 +109,10 @@ void view_refresh(view_mode mode, const view_context &ctx)
 void view_summary(const view_context &ctx)
 {
     host_stats &st = *ctx.stats;
+    if (g_alternate_screen) {
+        fputs("\x1b[?1049l", stdout);
+        g_alternate_screen = false;
+    }
     double t = ctx.elapsed_s > 0 ? ctx.elapsed_s : 1;
     printf("\n== orlune-host summary ==\n");
     printf("duration         %.2f s\n", ctx.elapsed_s);
