@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <sensors/data.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <filesystem>
@@ -158,6 +159,43 @@ TEST_F(EndToEnd, RefillErrorsAndAStalledTriggerAreSurvived)
     ASSERT_TRUE(std::regex_search(summary, m, std::regex("imu batches +([0-9]+)"))) << summary;
     EXPECT_GT(std::stoi(m[1]), 200 * 2) << summary;
     EXPECT_TRUE(std::regex_search(summary, std::regex("failed reads +[1-9]"))) << summary;
+}
+
+// A server that goes away takes the plug-in's IIO context with it for good;
+// the host shuts the plug-in down, probes it again until the server is back,
+// and acquires again.
+TEST_F(EndToEnd, TheHostStartsThePlugInAgainAfterTheServerRestarts)
+{
+    start_sim(R"(simulator = {
+  name = "e2e-restart";
+  devices = (
+    { kind = "imu"; name = "orlune-imu"; trigger = "orlune-imu-trig";
+      sampling-frequency = 1000; rate-divider = 5; noise = 2.0; }
+  );
+  phases = ( { name = "hover"; duration = 30.0; } );
+  faults = ( { at = 1.0; kind = "disconnect"; duration = 1.5; } );
+};
+)");
+    auto h = host(example("config/minimal.cfg"), {"--duration", "6", "--record", root_.path() + "/rec.csv"});
+    ASSERT_EQ(h->wait(20s), 0) << h->err();
+    const std::string summary = h->out();
+    EXPECT_THAT(summary, HasSubstr("plug-in restarts 1 (the IIO server's connection was lost)"));
+    const std::string log = host_log();
+    EXPECT_THAT(log, HasSubstr("orlune-host: the IIO server's connection is lost (Broken pipe): restarting the plug-in"));
+    EXPECT_THAT(log, HasSubstr("orlune-host: the plug-in acquires again"));
+    std::smatch m;
+    ASSERT_TRUE(std::regex_search(log, m, std::regex("acquisition started[\\s\\S]*acquisition stopped[\\s\\S]*acquisition started")))
+        << log;
+
+    // After the restart the IMU runs at its full rate to the end: the last
+    // two seconds of the recording hold a batch every 5 ms.
+    const std::string rec = read_file(root_.path() + "/rec.csv");
+    std::vector<double> t;
+    for (size_t pos = rec.find('\n') + 1; pos < rec.size(); pos = rec.find('\n', pos) + 1)
+        t.push_back(std::stod(rec.substr(pos, rec.find(',', pos) - pos)));
+    ASSERT_GT(t.size(), 400u);
+    const auto last_two = std::count_if(t.begin(), t.end(), [&](double x) { return x > t.back() - 2.0; });
+    EXPECT_NEAR(double(last_two), 400.0, 20.0);
 }
 
 TEST_F(EndToEnd, ProbeFailuresAreExplained)

@@ -145,6 +145,8 @@ void view_summary(const view_context &ctx)
     }
     if (ctx.motor_commands)
         printf("motor commands   %u (%u failed)\n", ctx.motor_commands, ctx.motor_failures);
+    if (ctx.restarts)
+        printf("plug-in restarts %u (the IIO server's connection was lost)\n", ctx.restarts);
     printf("flight-log events %u", ctx.log->events());
     const char *sep = ": ";
     for (const auto &[kind, count] : ctx.log->events_per_kind()) {

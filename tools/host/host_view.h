@@ -18,6 +18,7 @@ struct view_context {
     bool motor_keys = false;     // the live view takes motor command keys
     unsigned motor_commands = 0; // sent with write
     unsigned motor_failures = 0; // of which write returned an error
+    unsigned restarts = 0;       // plug-in restarts after a lost IIO server
 };
 
 // Live: redraws the terminal (per sensor its rate and latest values, the log

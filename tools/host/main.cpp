@@ -217,6 +217,25 @@ const char *probe_hint(int err)
     }
 }
 
+// A read that fails with one of these has lost its IIO server for good: the
+// network backend does not reconnect a context, so every later read would
+// fail the same way. The host then starts the plug-in afresh.
+bool connection_lost(int err)
+{
+    switch (-err) {
+    case EPIPE:
+    case ECONNRESET:
+    case ENOTCONN:
+    case ECONNREFUSED:
+    case ESHUTDOWN:
+        return true;
+    default:
+        return false;
+    }
+}
+
+constexpr double kReprobeDelayS = 1.0; // between two attempts to start again
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -298,6 +317,12 @@ int main(int argc, char **argv)
         view.motor_keys = keys->active();
     }
     auto send_motor = [&](const sensors_motor_command &command) {
+        if (!ctx) {
+            view.motor_commands++;
+            view.motor_failures++;
+            log.note("orlune-host: motors " + motor_command_text(command) + ": the plug-in is restarting");
+            return;
+        }
         const int w = driver->write(&command, ctx);
         view.motor_commands++;
         if (w < 0)
@@ -307,6 +332,8 @@ int main(int argc, char **argv)
     // Carpet detection is switched by activate and deactivate while acquiring.
     bool carpet_on = false;
     auto switch_carpet = [&](bool on) {
+        if (!ctx)
+            return;
         const int a = on ? driver->activate(ctx, SENSORS_KIND_CARPET_DETECTION)
                          : driver->deactivate(ctx, SENSORS_KIND_CARPET_DETECTION);
         if (a == 0)
@@ -321,6 +348,34 @@ int main(int argc, char **argv)
         else
             carpet_on = opt.activate & SENSORS_KIND_CARPET_DETECTION;
     }
+    // After a lost connection: the plug-in is shut down, and probed and
+    // started again every kReprobeDelayS until it acquires once more.
+    unsigned restarts = 0;
+    double next_probe_s = 0;
+    auto restart = [&](double now_s) {
+        if (now_s < next_probe_s)
+            return;
+        memset(data, 0, sizeof *data);
+        int p = driver->probe(spin_dir, &ctx, sched, &header, data);
+        if (p == 0 && (p = driver->start(ctx)) < 0) {
+            driver->stop(ctx);
+            driver->shutdown(ctx);
+        }
+        if (p < 0) {
+            ctx = nullptr;
+            next_probe_s = now_s + kReprobeDelayS;
+            log.note(std::string("orlune-host: the plug-in did not start again: ") + strerror(-p) +
+                     "; next attempt in 1 s");
+            return;
+        }
+        log.note("orlune-host: the plug-in acquires again");
+        if (opt.activate && driver->activate(ctx, opt.activate) < 0)
+            log.note("orlune-host: activate failed after the restart");
+        if (carpet_on && !(opt.activate & SENSORS_KIND_CARPET_DETECTION)) {
+            carpet_on = false;
+            switch_carpet(true);
+        }
+    };
     size_t next_step = 0;
     uint16_t key_speed = 0;
     int consecutive_failures = 0;
@@ -337,12 +392,26 @@ int main(int argc, char **argv)
             else if (motor_key(key, &key_speed, &command))
                 send_motor(command);
         }
-        r = driver->read(data, ctx);
-        if (r < 0) {
-            stats.read_failed(r);
-            // A read that fails at once (a lost server) must not spin the CPU.
-            if (++consecutive_failures > 1)
+        if (!ctx) {
+            restart(seconds_since(start));
+            if (!ctx)
                 usleep(10000);
+            r = -1;
+        } else if ((r = driver->read(data, ctx)) < 0) {
+            stats.read_failed(r);
+            if (connection_lost(r)) {
+                log.note(std::string("orlune-host: the IIO server's connection is lost (") + strerror(-r) +
+                         "): restarting the plug-in");
+                driver->stop(ctx);
+                driver->shutdown(ctx);
+                ctx = nullptr;
+                restarts++;
+                view.restarts = restarts;
+                next_probe_s = seconds_since(start) + kReprobeDelayS;
+            } else if (++consecutive_failures > 1) {
+                // A read that fails at once must not spin the CPU.
+                usleep(10000);
+            }
         } else {
             consecutive_failures = 0;
             if (record) {
@@ -368,8 +437,10 @@ int main(int argc, char **argv)
     view.elapsed_s = seconds_since(start);
     keys.reset();
 
-    driver->stop(ctx);
-    driver->shutdown(ctx);
+    if (ctx) {
+        driver->stop(ctx);
+        driver->shutdown(ctx);
+    }
     log.stop();
     view_summary(view);
     if (record) {
