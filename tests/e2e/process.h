@@ -24,6 +24,7 @@ public:
     int wait(std::chrono::milliseconds deadline);
     void signal(int sig);
     bool running();
+    pid_t pid() const { return pid_; }
 
     std::string out() const;
     std::string err() const;
