@@ -23,6 +23,7 @@
 #include "platform/log.h"
 #include "platform/paths.h"
 #include "platform/shm_telemetry.h"
+#include "private_dir.h"
 
 namespace {
 
@@ -61,18 +62,13 @@ void write(const char *name, std::string_view content)
 void cleanup()
 {
     battery_destroy(g_long_lived);
-    std::error_code ec;
-    std::filesystem::remove_all(g_root, ec);
 }
 
 } // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
-    std::string tmpl = (std::filesystem::temp_directory_path() / "orlune-battery-fuzz-XXXXXX").string();
-    if (!mkdtemp(tmpl.data()))
-        abort();
-    g_root = tmpl;
+    g_root = fuzz_private_dir("battery-fuzz");
     setenv(kRootEnv, g_root.c_str(), 1);
     setenv(kTlmDirEnv, (g_root + "/tlm").c_str(), 1);
     g_dir = g_root + kDir;

@@ -18,6 +18,7 @@
 
 #include "platform/log.h"
 #include "platform/paths.h"
+#include "private_dir.h"
 
 namespace {
 
@@ -47,26 +48,16 @@ void write_or_remove(const char *fixed, const std::string_view *content)
     fclose(f);
 }
 
-void remove_root()
-{
-    std::error_code ec;
-    std::filesystem::remove_all(g_root, ec);
-}
-
 } // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
     // A private root, whatever ORLUNE_ROOT the caller set: the files written
     // here must not land in the corpus directory.
-    std::string tmpl = (std::filesystem::temp_directory_path() / "orlune-calib-fuzz-XXXXXX").string();
-    if (!mkdtemp(tmpl.data()))
-        abort();
-    g_root = tmpl;
+    g_root = fuzz_private_dir("calib-fuzz");
     setenv(kRootEnv, g_root.c_str(), 1);
     std::filesystem::create_directories(g_root + "/data");
     std::filesystem::create_directories(g_root + "/factory");
-    atexit(remove_root);
     // Messages are formatted (their arguments are fuzzed too) but kept out of the output.
     log_capture_start();
     return 0;

@@ -21,6 +21,7 @@
 #include "platform/log.h"
 #include "platform/properties.h"
 #include "platform/sched_config.h"
+#include "private_dir.h"
 
 namespace {
 
@@ -39,22 +40,12 @@ void write_file(const std::string &path, std::string_view content)
     fclose(f);
 }
 
-void remove_dir()
-{
-    std::error_code ec;
-    std::filesystem::remove_all(g_dir, ec);
-}
-
 } // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
-    std::string tmpl = (std::filesystem::temp_directory_path() / "orlune-host-files-fuzz-XXXXXX").string();
-    if (!mkdtemp(tmpl.data()))
-        abort();
-    g_dir = tmpl;
+    g_dir = fuzz_private_dir("host-files-fuzz");
     setenv(kPropertiesEnv, (g_dir + "/system.prop").c_str(), 1);
-    atexit(remove_dir);
     log_capture_start();
     return 0;
 }

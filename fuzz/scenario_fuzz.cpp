@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <string>
 
+#include "private_dir.h"
 #include "sim/battery.h"
 #include "sim/gps_daemon.h"
 #include "sim/scenario.h"
@@ -21,12 +22,6 @@
 namespace {
 
 std::string g_path;
-
-void remove_file()
-{
-    std::filesystem::remove(std::filesystem::path(g_path).parent_path() / "scenario.cfg");
-    std::filesystem::remove(std::filesystem::path(g_path).parent_path());
-}
 
 } // namespace
 
@@ -39,11 +34,7 @@ extern "C" const char *__lsan_default_suppressions()
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
-    std::string tmpl = (std::filesystem::temp_directory_path() / "orlune-scenario-fuzz-XXXXXX").string();
-    if (!mkdtemp(tmpl.data()))
-        abort();
-    g_path = tmpl + "/scenario.cfg";
-    atexit(remove_file);
+    g_path = fuzz_private_dir("scenario-fuzz") + "/scenario.cfg";
     return 0;
 }
 
