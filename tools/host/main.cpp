@@ -396,7 +396,6 @@ int main(int argc, char **argv)
             restart(seconds_since(start));
             if (!ctx)
                 usleep(10000);
-            r = -1;
         } else if ((r = driver->read(data, ctx)) < 0) {
             stats.read_failed(r);
             if (connection_lost(r)) {
