@@ -102,13 +102,9 @@ protected:
     {
         const std::string path = root_.path() + "/scenario.cfg";
         write_file(path, kScenario);
-        sim_ = std::make_unique<process>(std::vector<std::string>{ORLUNE_SIM_BIN, "--scenario", path}, env_,
-                                         root_.path() + "/sim.out", root_.path() + "/sim.err");
-        ASSERT_TRUE(sim_->wait_for_output("\n", 5s)) << sim_->err();
-        std::smatch m;
-        const std::string out = sim_->out();
-        ASSERT_TRUE(std::regex_search(out, m, std::regex("IIOD_REMOTE=(ip:[0-9.]+:[0-9]+)"))) << out;
-        env_["IIOD_REMOTE"] = m[1];
+        std::string error;
+        sim_ = ::start_sim({ORLUNE_SIM_BIN, "--scenario", path}, root_.path(), &env_, &error);
+        ASSERT_TRUE(sim_) << error;
     }
 
     std::unique_ptr<process> start_host(double duration_s)

@@ -51,12 +51,10 @@ TEST(BatteryEndToEnd, ThePackDrainsLeavesAndComesBack)
   };
 };
 )");
-    process sim({ORLUNE_SIM_BIN, "--scenario", scenario}, env, root.path() + "/sim.out", root.path() + "/sim.err");
-    ASSERT_TRUE(sim.wait_for_output("\n", 5s)) << sim.err();
-    std::smatch m;
-    std::string out = sim.out();
-    ASSERT_TRUE(std::regex_search(out, m, std::regex("IIOD_REMOTE=(ip:[0-9.]+:[0-9]+)"))) << out;
-    env["IIOD_REMOTE"] = m[1];
+    std::string error;
+    const std::unique_ptr<process> sim =
+        start_sim({ORLUNE_SIM_BIN, "--scenario", scenario}, root.path(), &env, &error);
+    ASSERT_TRUE(sim) << error;
 
     std::string config = read_file(std::string(ORLUNE_SOURCE_DIR) + "/examples/config/minimal.cfg");
     config = std::regex_replace(config, std::regex("battery = \\{ enabled = false; \\};"),
@@ -105,8 +103,8 @@ TEST(BatteryEndToEnd, ThePackDrainsLeavesAndComesBack)
     EXPECT_LT(last.voltage, first.voltage);
     EXPECT_LT(last.current, -29.0f);
 
-    sim.signal(SIGTERM);
-    EXPECT_EQ(sim.wait(5s), 0);
+    sim->signal(SIGTERM);
+    EXPECT_EQ(sim->wait(5s), 0);
 }
 
 } // namespace

@@ -51,12 +51,9 @@ protected:
             write_file(path, scenario_text);
             argv.insert(argv.end(), {"--scenario", path});
         }
-        sim_ = std::make_unique<process>(argv, env_, root_.path() + "/sim.out", root_.path() + "/sim.err");
-        ASSERT_TRUE(sim_->wait_for_output("\n", 5s)) << sim_->err();
-        std::smatch m;
-        std::string out = sim_->out();
-        ASSERT_TRUE(std::regex_search(out, m, std::regex("IIOD_REMOTE=(ip:[0-9.]+:[0-9]+)"))) << out;
-        env_["IIOD_REMOTE"] = m[1];
+        std::string error;
+        sim_ = ::start_sim(argv, root_.path(), &env_, &error);
+        ASSERT_TRUE(sim_) << error;
     }
 
     std::unique_ptr<process> host(const std::string &config, std::vector<std::string> args)

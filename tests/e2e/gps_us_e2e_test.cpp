@@ -68,13 +68,10 @@ TEST(GpsUltrasoundEndToEnd, DataFollowTheFlightThroughADaemonRestart)
                                               {"SENSORS_LOG_LEVEL", "info"}};
     setenv("ORLUNE_TLM_DIR", env["ORLUNE_TLM_DIR"].c_str(), 1);
     write_file(root.path() + "/scenario.cfg", kScenario);
-    process sim({ORLUNE_SIM_BIN, "--scenario", root.path() + "/scenario.cfg"}, env, root.path() + "/sim.out",
-                root.path() + "/sim.err");
-    ASSERT_TRUE(sim.wait_for_output("\n", 5s)) << sim.err();
-    std::smatch m;
-    std::string out = sim.out();
-    ASSERT_TRUE(std::regex_search(out, m, std::regex("IIOD_REMOTE=(ip:[0-9.]+:[0-9]+)"))) << out;
-    env["IIOD_REMOTE"] = m[1];
+    std::string error;
+    const std::unique_ptr<process> sim =
+        start_sim({ORLUNE_SIM_BIN, "--scenario", root.path() + "/scenario.cfg"}, root.path(), &env, &error);
+    ASSERT_TRUE(sim) << error;
 
     std::string config = read_file(std::string(ORLUNE_SOURCE_DIR) + "/examples/config/minimal.cfg");
     config = std::regex_replace(config, std::regex("gps = \\{ enabled = false; \\};"), "gps = { enabled = true; };");
@@ -116,8 +113,8 @@ TEST(GpsUltrasoundEndToEnd, DataFollowTheFlightThroughADaemonRestart)
         std::this_thread::sleep_for(50ms);
     }
     ASSERT_EQ(host.wait(10s), 0) << host.err();
-    sim.signal(SIGTERM);
-    sim.wait(5s);
+    sim->signal(SIGTERM);
+    sim->wait(5s);
 
     EXPECT_GT(fixes_checked, 20);
     EXPECT_GT(hovering, 5);

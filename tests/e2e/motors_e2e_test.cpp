@@ -35,12 +35,9 @@ TEST(MotorsEndToEnd, HostScriptSpinsAndStopsTheMotors)
                                            {"ORLUNE_SOCKET_PREFIX", "motors" + std::to_string(getpid()) + "-"},
                                            {"SENSORS_LOG_LEVEL", "info"}};
     setenv("ORLUNE_TLM_DIR", env["ORLUNE_TLM_DIR"].c_str(), 1);
-    process sim({ORLUNE_SIM_BIN}, env, root.path() + "/sim.out", root.path() + "/sim.err");
-    ASSERT_TRUE(sim.wait_for_output("\n", 5s)) << sim.err();
-    std::smatch m;
-    const std::string sim_out = sim.out();
-    ASSERT_TRUE(std::regex_search(sim_out, m, std::regex("IIOD_REMOTE=(ip:[0-9.]+:[0-9]+)"))) << sim_out;
-    env["IIOD_REMOTE"] = m[1];
+    std::string error;
+    const std::unique_ptr<process> sim = start_sim({ORLUNE_SIM_BIN}, root.path(), &env, &error);
+    ASSERT_TRUE(sim) << error;
 
     // The IMU alone plus the motor controller.
     std::string config = read_file(example("config/minimal.cfg"));

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <regex>
 #include <stdexcept>
 #include <thread>
 
@@ -114,4 +115,19 @@ bool process::wait_for_output(const std::string &needle, std::chrono::millisecon
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     return false;
+}
+
+std::unique_ptr<process> start_sim(const std::vector<std::string> &argv, const std::string &dir,
+                                   std::map<std::string, std::string> *env, std::string *error)
+{
+    auto sim = std::make_unique<process>(argv, *env, dir + "/sim.out", dir + "/sim.err");
+    std::smatch m;
+    const bool printed = sim->wait_for_output("\n", std::chrono::seconds(5));
+    const std::string out = sim->out();
+    if (!printed || !std::regex_search(out, m, std::regex("IIOD_REMOTE=(ip:[0-9.]+:[0-9]+)"))) {
+        *error = "orlune-sim did not print IIOD_REMOTE=ip:ADDRESS:PORT:\n" + out + sim->err();
+        return nullptr;
+    }
+    (*env)["IIOD_REMOTE"] = m[1];
+    return sim;
 }

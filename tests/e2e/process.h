@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -37,3 +38,10 @@ private:
     std::string out_file_;
     std::string err_file_;
 };
+
+// Starts the simulator (argv: its binary and options) with its output in
+// dir/sim.out and dir/sim.err and waits until it serves; the IIOD_REMOTE it
+// printed is added to *env for the processes that follow. Null, with *error
+// saying why, when it does not come up within five seconds.
+std::unique_ptr<process> start_sim(const std::vector<std::string> &argv, const std::string &dir,
+                                   std::map<std::string, std::string> *env, std::string *error);
