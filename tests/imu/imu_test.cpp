@@ -14,15 +14,13 @@
 
 #include "platform/sched_config.h"
 #include "sim/iiod_server.h"
+#include "support/sim_iio.h"
 #include "support/test_env.h"
 
 using ::testing::ElementsAre;
 
 namespace {
 
-struct iio_ctx_deleter {
-    void operator()(iio_context *c) const { iio_context_destroy(c); }
-};
 struct imu_deleter {
     void operator()(imu_ctx *c) const { imu_destroy(c); }
 };
@@ -33,12 +31,7 @@ protected:
     void SetUp() override
     {
         setenv("ORLUNE_TLM_DIR", (root_.path() + "/tlm").c_str(), 1);
-        std::string error;
-        server_ = sim::iiod_server::start(sim::default_scenario(), sim::server_options{}, &error);
-        ASSERT_TRUE(server_) << error;
-        setenv("IIOD_REMOTE", server_->uri().c_str(), 1);
-        iio_.reset(iio_create_default_context());
-        ASSERT_TRUE(iio_);
+        ASSERT_EQ(connect_sim(sim::default_scenario(), &server_, &iio_), "");
 
         config_.enabled = 1;
         config_.device = "orlune-imu";
@@ -86,7 +79,7 @@ protected:
     test_root root_;
     log_capture cap_;
     std::unique_ptr<sim::iiod_server> server_;
-    std::unique_ptr<iio_context, iio_ctx_deleter> iio_;
+    iio_ptr iio_;
     sensors_imu_config config_{};
     sensors_imu_data data_{};
 };

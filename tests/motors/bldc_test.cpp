@@ -20,6 +20,7 @@
 #include "platform/shm_telemetry.h"
 #include "platform/time_helpers.h"
 #include "sim/iiod_server.h"
+#include "support/sim_iio.h"
 #include "support/test_env.h"
 
 using ::testing::Contains;
@@ -29,9 +30,6 @@ using ::testing::Not;
 
 namespace {
 
-struct iio_ctx_deleter {
-    void operator()(iio_context *c) const { iio_context_destroy(c); }
-};
 struct bldc_deleter {
     void operator()(bldc_cypress_ctx *c) const { bldc_cypress_destroy(c); }
 };
@@ -42,12 +40,7 @@ protected:
     void SetUp() override
     {
         setenv("ORLUNE_TLM_DIR", (root_.path() + "/tlm").c_str(), 1);
-        std::string error;
-        server_ = sim::iiod_server::start(sim::default_scenario(), sim::server_options{}, &error);
-        ASSERT_TRUE(server_) << error;
-        setenv("IIOD_REMOTE", server_->uri().c_str(), 1);
-        iio_.reset(iio_create_default_context());
-        ASSERT_TRUE(iio_);
+        ASSERT_EQ(connect_sim(sim::default_scenario(), &server_, &iio_), "");
         config_ = {1, 0, "orlune-esc", "orlune-esc-trig", 200, 0};
     }
     void TearDown() override
@@ -129,7 +122,7 @@ protected:
     test_root root_;
     log_capture cap_;
     std::unique_ptr<sim::iiod_server> server_;
-    std::unique_ptr<iio_context, iio_ctx_deleter> iio_;
+    iio_ptr iio_;
     sensors_bldc_config config_{};
     sensors_data data_{};
     uint8_t spin_dir_[8] = {9, 9, 9, 9, 9, 9, 9, 9};

@@ -19,6 +19,7 @@
 
 #include "sim/iiod_server.h"
 #include "support/alloc_counter.h"
+#include "support/sim_iio.h"
 #include "support/test_env.h"
 
 
@@ -26,10 +27,7 @@ namespace {
 
 using clock_type = std::chrono::steady_clock;
 
-struct context_deleter {
-    void operator()(iio_context *c) const { iio_context_destroy(c); }
-};
-using context_ptr = std::unique_ptr<iio_context, context_deleter>;
+using context_ptr = iio_ptr;
 
 constexpr std::array<const char *, 8> kImuChannels{"accel_x",   "accel_y",   "accel_z", "anglvel_x",
                                                    "anglvel_y", "anglvel_z", "temp0",   "timestamp"};
@@ -39,12 +37,7 @@ protected:
     void start(sim::scenario s = sim::default_scenario())
     {
         s.faults.clear();
-        std::string error;
-        server_ = sim::iiod_server::start(s, {}, &error);
-        ASSERT_TRUE(server_) << error;
-        setenv("IIOD_REMOTE", server_->uri().c_str(), 1);
-        ctx_.reset(iio_create_default_context());
-        ASSERT_TRUE(ctx_) << "errno " << errno;
+        ASSERT_EQ(connect_sim(s, &server_, &ctx_), "") << "errno " << errno;
     }
     void SetUp() override { start(); }
     void TearDown() override

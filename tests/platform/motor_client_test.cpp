@@ -15,13 +15,11 @@
 #include "platform/motor_client.h"
 #include "platform/time_helpers.h"
 #include "sim/iiod_server.h"
+#include "support/sim_iio.h"
 #include "support/test_env.h"
 
 namespace {
 
-struct iio_ctx_deleter {
-    void operator()(iio_context *c) const { iio_context_destroy(c); }
-};
 struct client_deleter {
     void operator()(motor_client *c) const { controller_close(c); }
 };
@@ -32,12 +30,7 @@ class MotorClientTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        std::string error;
-        server_ = sim::iiod_server::start(sim::default_scenario(), sim::server_options{}, &error);
-        ASSERT_TRUE(server_) << error;
-        setenv("IIOD_REMOTE", server_->uri().c_str(), 1);
-        iio_.reset(iio_create_default_context());
-        ASSERT_TRUE(iio_);
+        ASSERT_EQ(connect_sim(sim::default_scenario(), &server_, &iio_), "");
         trigger_ = trigger_init(iio_.get(), "orlune-esc-trig", nullptr);
         ASSERT_TRUE(trigger_);
         client_.reset(controller_open(trigger_, iio_.get(), "orlune-esc", 1, 1));
@@ -77,7 +70,7 @@ protected:
 
     test_root root_;
     std::unique_ptr<sim::iiod_server> server_;
-    std::unique_ptr<iio_context, iio_ctx_deleter> iio_;
+    iio_ptr iio_;
     iio_device *trigger_ = nullptr;
     std::unique_ptr<motor_client, client_deleter> client_;
 };
