@@ -80,12 +80,7 @@ public:
         const config_setting_t *s = config_setting_get_member(g, key);
         if (!s)
             return 0;
-        int type = config_setting_type(s);
-        if (type == CONFIG_TYPE_INT || type == CONFIG_TYPE_INT64)
-            *out = double(config_setting_get_int64(s));
-        else if (type == CONFIG_TYPE_FLOAT)
-            *out = config_setting_get_float(s);
-        else
+        if (!config_number(s, out))
             return fail_at(s, std::string("'") + key + "' must be a number");
         return 0;
     }

@@ -57,4 +57,19 @@ int config_load_text(const char *text, const config_parser &parse, std::string *
     return rc;
 }
 
+bool config_number(const config_setting_t *s, double *out)
+{
+    switch (config_setting_type(s)) {
+    case CONFIG_TYPE_INT:
+    case CONFIG_TYPE_INT64:
+        *out = double(config_setting_get_int64(s));
+        return true;
+    case CONFIG_TYPE_FLOAT:
+        *out = config_setting_get_float(s);
+        return true;
+    default:
+        return false;
+    }
+}
+
 } // namespace sim

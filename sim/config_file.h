@@ -20,4 +20,8 @@ int config_load_file(const char *path, const config_parser &parse, std::string *
 // The same for text; a syntax error gives "<parser's text> (line <line>)".
 int config_load_text(const char *text, const config_parser &parse, std::string *error);
 
+// A number setting, written as an integer or a float, into *out; false (and
+// *out untouched) for any other type. Each reader words its own complaint.
+bool config_number(const config_setting_t *s, double *out);
+
 } // namespace sim

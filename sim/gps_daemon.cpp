@@ -131,19 +131,11 @@ int setting_number(const config_setting_t *group, const char *key, double *out, 
     const config_setting_t *s = config_setting_get_member(group, key);
     if (!s)
         return 0;
-    switch (config_setting_type(s)) {
-    case CONFIG_TYPE_INT:
-    case CONFIG_TYPE_INT64:
-        *out = double(config_setting_get_int64(s));
+    if (config_number(s, out))
         return 0;
-    case CONFIG_TYPE_FLOAT:
-        *out = config_setting_get_float(s);
-        return 0;
-    default:
-        return fail(s, std::string(config_setting_name(group) ? config_setting_name(group) : "") + ": " + key +
-                           " must be a number",
-                    error);
-    }
+    return fail(s, std::string(config_setting_name(group) ? config_setting_name(group) : "") + ": " + key +
+                       " must be a number",
+                error);
 }
 
 int load_service_group(const std::string &scenario_path, const char *name,

@@ -55,17 +55,9 @@ public:
         const config_setting_t *s = config_setting_get_member(group, key);
         if (!s)
             return required ? fail(group, std::string("missing '") + key + "'") : 0;
-        switch (config_setting_type(s)) {
-        case CONFIG_TYPE_INT:
-        case CONFIG_TYPE_INT64:
-            *out = static_cast<double>(config_setting_get_int64(s));
-            return 0;
-        case CONFIG_TYPE_FLOAT:
-            *out = config_setting_get_float(s);
-            return 0;
-        default:
+        if (!config_number(s, out))
             return fail(s, std::string("'") + key + "' must be a number");
-        }
+        return 0;
     }
 
     int integer(const config_setting_t *group, const char *key, int *out, bool required = false)
@@ -100,11 +92,7 @@ public:
             return fail(s, std::string("'") + key + "' must be an array of " + std::to_string(N) + " numbers");
         for (size_t i = 0; i < N; i++) {
             const config_setting_t *e = config_setting_get_elem(s, static_cast<unsigned>(i));
-            if (config_setting_type(e) == CONFIG_TYPE_FLOAT)
-                (*out)[i] = config_setting_get_float(e);
-            else if (config_setting_type(e) == CONFIG_TYPE_INT || config_setting_type(e) == CONFIG_TYPE_INT64)
-                (*out)[i] = static_cast<double>(config_setting_get_int64(e));
-            else
+            if (!config_number(e, &(*out)[i]))
                 return fail(s, std::string("'") + key + "' must hold numbers");
         }
         return 0;

@@ -126,17 +126,9 @@ int number(const config_setting_t *group, const char *key, double *out, std::str
     const config_setting_t *s = config_setting_get_member(group, key);
     if (!s)
         return required ? fail(error, group, std::string("missing '") + key + "'") : 0;
-    switch (config_setting_type(s)) {
-    case CONFIG_TYPE_INT:
-    case CONFIG_TYPE_INT64:
-        *out = double(config_setting_get_int64(s));
-        return 0;
-    case CONFIG_TYPE_FLOAT:
-        *out = config_setting_get_float(s);
-        return 0;
-    default:
+    if (!config_number(s, out))
         return fail(error, s, std::string("'") + key + "' must be a number");
-    }
+    return 0;
 }
 
 int text(const config_setting_t *group, const char *key, std::string *out, std::string *error)
@@ -191,11 +183,9 @@ int parse_group(const config_setting_t *v, vision_settings *out, std::string *er
     if (const config_setting_t *c = config_setting_get_member(v, "carpet-position")) {
         if (!config_setting_is_array(c) || config_setting_length(c) != 2)
             return fail(error, c, "'carpet-position' must be [north, east] in metres");
-        for (unsigned i = 0; i < 2; i++) {
-            const config_setting_t *e = config_setting_get_elem(c, i);
-            s.carpet_ne_m[i] = config_setting_type(e) == CONFIG_TYPE_FLOAT ? config_setting_get_float(e)
-                                                                           : double(config_setting_get_int64(e));
-        }
+        for (unsigned i = 0; i < 2; i++)
+            if (!config_number(config_setting_get_elem(c, i), &s.carpet_ne_m[i]))
+                return fail(error, c, "'carpet-position' must be [north, east] in metres");
     }
     if (const config_setting_t *faults = config_setting_get_member(v, "faults")) {
         if (!config_setting_is_list(faults))

@@ -207,6 +207,8 @@ TEST(VisionSim, SettingsAreCheckedWithTheirLine)
         {"simulator = { vision = { rate = 15; gimbal-rate = 200.0; carpet-position = [1.5, -2.0]; enabled = false; }; };",
          ""},
         {"simulator = { vision = { rate = 0.0; }; };", "vision: 'rate' and 'gimbal-rate' must lie in (0, 1000] Hz (line 1)"},
+        {"simulator = { vision = { carpet-position = [\"north\", \"east\"]; }; };",
+         "vision: 'carpet-position' must be [north, east] in metres (line 1)"},
         {"simulator = { vision = { faults = ( { at = 1; kind = \"melt\"; producer = \"all\"; } ); }; };",
          "vision: unknown fault kind 'melt' (line 1)"},
         {"simulator = { vision = {\n faults = ( { kind = \"stop\"; producer = \"all\"; } ); }; };",
