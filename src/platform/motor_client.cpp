@@ -51,8 +51,14 @@ struct motor_client {
     iio_buffer *buffer;
     iio_channel *channels[CHANNEL_COUNT];
     double volts_per_unit;
-    sample queued;
+    int64_t period_ns; // sampling period; 0 until known
+    bool period_from_device;
+    sample queued;     // kept by a flush for sample_read
     bool has_queued;
+    sample ahead;      // taken beyond the last flush's limit
+    bool has_ahead;
+    int64_t newest_ns; // timestamp of the newest sample taken from the device
+    bool has_newest;
     sample current;
     bool has_current;
 };
@@ -116,6 +122,14 @@ int fetch(motor_client *client, sample *out)
     out->detail = uint8_t(field(DETAIL));
     out->volts = float(double(field(VOLTAGE)) * client->volts_per_unit);
     out->timestamp_ns = field(TIMESTAMP);
+    // Without a sampling_frequency attribute, the period is the shortest
+    // interval seen between two samples.
+    const int64_t interval = out->timestamp_ns - client->newest_ns;
+    if (client->has_newest && interval > 0 && (client->period_ns == 0 || interval < client->period_ns) &&
+        !client->period_from_device)
+        client->period_ns = interval;
+    client->newest_ns = out->timestamp_ns;
+    client->has_newest = true;
     return 0;
 }
 
@@ -176,7 +190,12 @@ int controller_enable(motor_client *client)
 {
     if (!client || !client->buffer)
         return -EINVAL;
-    client->has_queued = false;
+    client->has_queued = client->has_ahead = client->has_newest = false;
+    // The sampling period tells a flush when the next sample is due.
+    double hz = 0;
+    client->period_from_device = iio_device_find_attr(client->device, "sampling_frequency") &&
+                                 iio_device_attr_read_double(client->device, "sampling_frequency", &hz) == 0 && hz > 0;
+    client->period_ns = client->period_from_device ? int64_t(1e9 / hz + 0.5) : 0;
     return device_enable(client->device, client->trigger, client->buffer);
 }
 
@@ -238,29 +257,49 @@ int samples_flush(motor_client *client, const timespec *limit, uint32_t *count)
     int64_t limit_ns = 0;
     if (timespec_to_ns(limit, &limit_ns) < 0)
         return -EINVAL;
-    uint32_t found = 0;
-    if (client->has_queued) {
-        found = 1;
-        if (client->queued.timestamp_ns >= limit_ns) {
-            *count = found;
-            return 0;
+    uint32_t found = client->has_queued ? 1 : 0;
+    if (limit_ns == 0) {
+        if (!found && client->has_ahead) {
+            client->queued = client->ahead;
+            client->has_ahead = false;
+            found = 1;
         }
+        int r = 0;
+        if (!found && (r = fetch(client, &client->queued)) == 0)
+            found = 1;
+        client->has_queued = found != 0;
+        *count = found;
+        return found ? 0 : r;
     }
-    for (;;) {
-        sample next;
-        const int r = fetch(client, &next);
-        if (r < 0) {
+    int r = -EAGAIN;
+    if (client->has_ahead) {
+        if (client->ahead.timestamp_ns > limit_ns) {
             *count = found;
-            return found ? 0 : r;
+            return found ? 0 : -EAGAIN;
         }
+        client->queued = client->ahead;
+        client->has_queued = true;
+        client->has_ahead = false;
         found++;
+    }
+    // Ask for the next sample while it is due at or before the limit.
+    while (!client->has_newest || client->period_ns == 0 || client->newest_ns + client->period_ns <= limit_ns) {
+        sample next;
+        r = fetch(client, &next);
+        if (r < 0)
+            break;
+        if (next.timestamp_ns > limit_ns) {
+            client->ahead = next;
+            client->has_ahead = true;
+            r = -EAGAIN;
+            break;
+        }
         client->queued = next;
         client->has_queued = true;
-        if (next.timestamp_ns >= limit_ns)
-            break;
+        found++;
     }
     *count = found;
-    return 0;
+    return found ? 0 : r;
 }
 
 int sample_read(motor_client *client)

@@ -62,14 +62,24 @@ int spin_dir_read(motor_client *client, void *dest);
 // Reads the controller information attributes.
 int info_read(motor_client *client, motor_info *info);
 
-// Drops the queued samples older than limit and keeps the first one taken at
-// or after it queued for sample_read; when every queued sample is older, the
-// flush waits for the next one. *count is the number of samples taken from
-// the device, the kept one included (so count - 1 were dropped); a sample
-// kept by an earlier flush and not read counts again. When the wait ends
-// without a new sample, the newest older one is kept; when no sample came
-// at all, the result is the wait's error (-ETIMEDOUT, or -EAGAIN for a
-// non-blocking client). A zero limit keeps the oldest queued sample.
+// Takes the samples the controller took up to limit (timestamp at or before
+// it), in order, keeps the newest of them queued for sample_read and drops
+// the others. *count is the number found, the kept one included (so
+// count - 1 were dropped); a sample kept by an earlier flush and not read
+// counts again.
+//
+// The flush asks the device for a sample only while one up to limit can
+// still come: the next sample is due one sampling period after the newest
+// one taken. When that lies beyond limit, the flush returns without asking.
+// A sample taken beyond limit belongs to a later flush and is held back for
+// it. When a sample is due, the flush waits for it (bounded by the context's
+// timeout): it has not been delivered yet.
+//
+// Results: 0 with a sample queued; -EAGAIN when no sample up to limit came
+// since the last one read (the next one belongs to a later flush); the
+// wait's error (-ETIMEDOUT) when the device delivered nothing at all. A zero
+// limit (no reference time) takes the oldest sample not yet read, waiting
+// for the next one when there is none.
 int samples_flush(motor_client *client, const timespec *limit, uint32_t *count);
 // Makes the queued sample current; -ENODATA when none is queued.
 int sample_read(motor_client *client);

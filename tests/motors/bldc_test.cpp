@@ -72,12 +72,13 @@ protected:
         EXPECT_EQ(bldc_cypress_read(bldc_.get(), &mask, &now), 0);
         return mask;
     }
-    // Reads until the condition holds on the motors sub-record (3 s at most).
+    // Reads until the condition holds on the motors sub-record (3 s at
+    // most); last_mask_ is the mask of the last read.
     bool read_until(const std::function<bool(const sensors_motors_data &)> &done)
     {
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(3);
         while (std::chrono::steady_clock::now() < deadline) {
-            read();
+            last_mask_ = read();
             if (done(data_.motors))
                 return true;
         }
@@ -127,6 +128,7 @@ protected:
     sensors_data data_{};
     uint8_t spin_dir_[8] = {9, 9, 9, 9, 9, 9, 9, 9};
     bldc_ptr bldc_;
+    uint32_t last_mask_ = 0;
 };
 
 TEST_F(BldcTest, CreationFillsInfoSpinDirectionsAndSection)
@@ -196,6 +198,7 @@ TEST_F(BldcTest, FirstReadFlushesQuietlyAndReports)
     EXPECT_EQ(read(), SENSORS_UPDATED_MOTORS | SENSORS_UPDATED_MOTORS_INFO);
     EXPECT_THAT(messages(), ElementsAre("6 orlune-esc: Motors controller HW 5 / FW 2.7.R.1312",
                                         "5 EVT:ESC;flight_time=3600;last_error='none';device='orlune-esc'"));
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
     EXPECT_EQ(read(), SENSORS_UPDATED_MOTORS);
     // Samples stamped on the monotonic clock, at most a period apart from the limit.
     timespec now;
@@ -207,6 +210,7 @@ TEST_F(BldcTest, FirstReadFlushesQuietlyAndReports)
     EXPECT_EQ(data_.motors.idle, 1u);
     EXPECT_NEAR(data_.motors.voltage, 12.6f, 0.001f);
 
+    messages();
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     EXPECT_EQ(read(), SENSORS_UPDATED_MOTORS);
     const std::vector<std::string> warned = messages();
@@ -222,6 +226,7 @@ TEST_F(BldcTest, FirstReadFlushesQuietlyAndReports)
 TEST_F(BldcTest, NoSampleLeavesTheRecordAlone)
 {
     start();
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
     read();
     sim::scenario_fault stall;
     stall.kind = sim::fault_kind::stall;
@@ -229,7 +234,8 @@ TEST_F(BldcTest, NoSampleLeavesTheRecordAlone)
     stall.duration_s = 10;
     ASSERT_EQ(server_->inject(stall), 0);
     messages();
-    // The stall empties the queue: the flush waits in vain.
+    // The stall empties the queue: the flush waits in vain for the samples
+    // due up to a limit a second ahead.
     timespec later;
     monotonic_now(&later);
     later.tv_sec += 1;
@@ -274,11 +280,8 @@ TEST_F(BldcTest, StartRampSpinStopBrakeAndFlightTime)
     ASSERT_TRUE(read_until([](const sensors_motors_data &m) { return m.brake_state == 3; }));
     EXPECT_EQ(data_.motors.ramp_state, 0u);
     EXPECT_EQ(data_.motors.idle, 3u);
-    uint32_t mask = 0;
-    for (int i = 0; i < 600 && data_.motors.brake_state != 1; i++)
-        mask = read();
-    ASSERT_EQ(data_.motors.brake_state, 1u);
-    EXPECT_EQ(mask, SENSORS_UPDATED_MOTORS | SENSORS_UPDATED_MOTORS_INFO);
+    ASSERT_TRUE(read_until([](const sensors_motors_data &m) { return m.brake_state == 1; }));
+    EXPECT_EQ(last_mask_, SENSORS_UPDATED_MOTORS | SENSORS_UPDATED_MOTORS_INFO);
     EXPECT_EQ(data_.motors.idle, 1u);
     EXPECT_EQ(data_.motors.spinning, 2u);
     EXPECT_GE(data_.motors_info.flight_time, 3601u);
@@ -291,6 +294,7 @@ TEST_F(BldcTest, StartRampSpinStopBrakeAndFlightTime)
                                     "5 EVT:ESC;flight_time=" + std::to_string(data_.motors_info.flight_time) +
                                         ";device='orlune-esc'"));
     // The stop's outcome stays while nothing is pending.
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
     EXPECT_EQ(read(), SENSORS_UPDATED_MOTORS);
     EXPECT_EQ(data_.motors.brake_state, 1u);
 }

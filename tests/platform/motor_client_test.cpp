@@ -75,44 +75,64 @@ protected:
     std::unique_ptr<motor_client, client_deleter> client_;
 };
 
-TEST_F(MotorClientTest, FlushKeepsTheFirstSampleAtTheLimit)
+TEST_F(MotorClientTest, FlushKeepsTheNewestSampleUpToTheLimitAndHoldsLaterOnesBack)
 {
     uint32_t count = 7;
     EXPECT_EQ(sample_read(client_.get()), -ENODATA);
     sensors_motor_speed speeds[4];
     EXPECT_EQ(sample_speeds(client_.get(), speeds), -EINVAL);
 
+    // The first sample is taken a period after the stream starts, after this
+    // limit: it is held back for a later flush.
     ASSERT_GE(controller_enable(client_.get()), 0);
+    const timespec before = ns_to_timespec(now_ns());
+    EXPECT_EQ(samples_flush(client_.get(), &before, &count), -EAGAIN);
+    EXPECT_EQ(count, 0u);
+    EXPECT_EQ(sample_read(client_.get()), -ENODATA);
+
     std::this_thread::sleep_for(std::chrono::milliseconds(150));
     const int64_t limit_ns = now_ns() - 50000000;
     const timespec limit = ns_to_timespec(limit_ns);
     ASSERT_EQ(samples_flush(client_.get(), &limit, &count), 0);
-    // About 100 ms of samples lie before the limit, all dropped but the one kept.
-    EXPECT_GE(count, 17u);
-    EXPECT_LE(count, 24u);
+    // About 100 ms of samples up to the limit, the held one among them, all
+    // dropped but the newest.
+    EXPECT_GE(count, 19u);
+    EXPECT_LE(count, 22u);
     // Not read yet: a second flush finds the kept sample again and nothing more.
     uint32_t again = 0;
     ASSERT_EQ(samples_flush(client_.get(), &limit, &again), 0);
     EXPECT_EQ(again, 1u);
     ASSERT_EQ(sample_read(client_.get()), 0);
     const int64_t kept = current_stamp();
-    EXPECT_GE(kept, limit_ns);
-    EXPECT_LT(kept, limit_ns + kPeriodNs);
+    EXPECT_LE(kept, limit_ns);
+    EXPECT_GT(kept, limit_ns - kPeriodNs);
 
-    // A zero limit takes the oldest queued sample: the next one.
-    const timespec zero{};
-    ASSERT_EQ(samples_flush(client_.get(), &zero, &count), 0);
+    // Nothing new up to the same limit: the next sample belongs to a later
+    // flush, and none was taken from the device for it...
+    EXPECT_EQ(samples_flush(client_.get(), &limit, &count), -EAGAIN);
+    EXPECT_EQ(count, 0u);
+    // ... so the next limit finds it, and only it.
+    const timespec next = ns_to_timespec(kept + kPeriodNs);
+    ASSERT_EQ(samples_flush(client_.get(), &next, &count), 0);
     EXPECT_EQ(count, 1u);
     ASSERT_EQ(sample_read(client_.get()), 0);
     EXPECT_EQ(current_stamp(), kept + kPeriodNs);
 
-    // A limit ahead of the queue waits for the sample at it.
+    // A zero limit takes the oldest sample not read: the one after.
+    const timespec zero{};
+    ASSERT_EQ(samples_flush(client_.get(), &zero, &count), 0);
+    EXPECT_EQ(count, 1u);
+    ASSERT_EQ(sample_read(client_.get()), 0);
+    EXPECT_EQ(current_stamp(), kept + 2 * kPeriodNs);
+
+    // A limit ahead of the stream waits for the samples due up to it.
     const int64_t ahead_ns = now_ns() + 30000000;
     const timespec ahead = ns_to_timespec(ahead_ns);
     ASSERT_EQ(samples_flush(client_.get(), &ahead, &count), 0);
     ASSERT_EQ(sample_read(client_.get()), 0);
-    EXPECT_GE(current_stamp(), ahead_ns);
-    EXPECT_GE(now_ns(), ahead_ns);
+    EXPECT_LE(current_stamp(), ahead_ns);
+    EXPECT_GT(current_stamp(), ahead_ns - kPeriodNs);
+    EXPECT_GE(now_ns(), current_stamp());
 
     uint32_t status[5];
     uint32_t detail = 9;
