@@ -20,6 +20,7 @@
 
 #include "driver/driver_ctx.h"
 #include "driver/driver_log.h"
+#include "platform/iio_helper.h"
 
 namespace {
 
@@ -194,8 +195,10 @@ void sensors_orlune_shutdown(sensors_orlune_ctx *ctx)
         return;
     for (auto destroy : kDestroy)
         destroy(ctx);
-    if (ctx->iio)
+    if (ctx->iio) {
+        context_timeout_forget(ctx->iio);
         iio_context_destroy(ctx->iio);
+    }
     if (ctx->config)
         sensors_config_destroy(ctx->config);
     free(ctx);

@@ -23,11 +23,6 @@ constexpr log_tag kTag{"bldc"};
 
 // Bound on the wait for a controller sample in each read.
 constexpr unsigned kFlushTimeoutMs = 5000;
-// libiio's own default timeouts: the local backend's, and every other's.
-// libiio cannot tell the timeout in force, so the module sets this value at
-// creation and puts it back after each flush.
-constexpr unsigned kLocalTimeoutMs = 1000;
-constexpr unsigned kDefaultTimeoutMs = 5000;
 // Two seconds of samples in the telemetry section.
 constexpr uint32_t kTlmHistoryUs = 2000000;
 constexpr int32_t kMaxTlmFrequency = 1000000;
@@ -51,7 +46,6 @@ struct bldc_cypress_ctx {
     const char *device;
     uint32_t last_error[SENSORS_MOTOR_COUNT];
     shm_producer *producer;
-    unsigned iio_timeout_ms; // the context's timeout outside the flush
 };
 
 namespace {
@@ -124,13 +118,6 @@ extern "C" bldc_cypress_ctx *bldc_cypress_new(const sensors_bldc_config *config,
         log_msg(kTag, LOG_ERR, "can't reconfigure thread bldc: %s", strerror(-r));
         return nullptr;
     }
-    const char *backend = iio_context_get_name(iio);
-    bldc->iio_timeout_ms = backend && strcmp(backend, "local") == 0 ? kLocalTimeoutMs : kDefaultTimeoutMs;
-    r = iio_context_set_timeout(iio, bldc->iio_timeout_ms);
-    if (r < 0) {
-        log_call_failed(kTag, LOG_ERR, "bldc_cypress_new", __LINE__, "iio_context_set_timeout", r);
-        return nullptr;
-    }
     bldc->first_report = 1;
     bldc->info_refresh = 0;
 
@@ -182,11 +169,13 @@ extern "C" int bldc_cypress_read(bldc_cypress_ctx *bldc, uint32_t *updated, cons
     sensors_motors_data &m = *bldc->motors;
     const char *device = bldc->device;
 
-    const unsigned saved_timeout_ms = bldc->iio_timeout_ms;
-    iio_context_set_timeout(bldc->iio, kFlushTimeoutMs);
+    // Where the timeout in force is already the flush's (the network
+    // backend's default), neither change asks anything of the server.
+    const unsigned saved_timeout_ms = context_timeout(bldc->iio);
+    context_timeout_set(bldc->iio, kFlushTimeoutMs);
     uint32_t count = 0;
     int r = samples_flush(bldc->client, limit, &count);
-    iio_context_set_timeout(bldc->iio, saved_timeout_ms);
+    context_timeout_set(bldc->iio, saved_timeout_ms);
 
     // The first read after creation drops the backlog quietly.
     if (count > 1 && !bldc->first_report)

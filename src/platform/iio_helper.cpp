@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 
 #include "platform/log.h"
 #include "platform/time_helpers.h"
@@ -352,6 +353,67 @@ int buffer_first_timestamp(const iio_buffer *buffer, const iio_channel *channel,
         return -ENODATA;
     *timestamp = ns_to_timespec(channel_convert_int(channel, p));
     return 0;
+}
+
+namespace {
+
+// libiio's own defaults: the local backend's, and every other's.
+constexpr unsigned kLocalTimeoutMs = 1000;
+constexpr unsigned kRemoteTimeoutMs = 5000;
+
+// The timeouts set on the contexts in use; a plug-in has one context, tests
+// a few at a time. Operations run on the host's thread, one at a time.
+struct context_timeout_entry {
+    const iio_context *ctx;
+    unsigned timeout_ms;
+};
+context_timeout_entry g_timeouts[16];
+size_t g_timeouts_next; // the slot reused when every one is taken
+
+context_timeout_entry *timeout_entry(const iio_context *ctx)
+{
+    for (context_timeout_entry &e : g_timeouts)
+        if (e.ctx == ctx)
+            return &e;
+    return nullptr;
+}
+
+} // namespace
+
+unsigned context_timeout(const iio_context *ctx)
+{
+    if (!ctx)
+        return 0;
+    if (const context_timeout_entry *e = timeout_entry(ctx))
+        return e->timeout_ms;
+    const char *backend = iio_context_get_name(ctx);
+    return backend && std::strcmp(backend, "local") == 0 ? kLocalTimeoutMs : kRemoteTimeoutMs;
+}
+
+int context_timeout_set(iio_context *ctx, unsigned timeout_ms)
+{
+    if (!ctx)
+        return -EINVAL;
+    if (context_timeout(ctx) == timeout_ms)
+        return 0;
+    const int rc = iio_context_set_timeout(ctx, timeout_ms);
+    if (rc < 0)
+        return rc;
+    context_timeout_entry *e = timeout_entry(ctx);
+    if (!e)
+        e = timeout_entry(nullptr);
+    if (!e) {
+        e = &g_timeouts[g_timeouts_next];
+        g_timeouts_next = (g_timeouts_next + 1) % std::size(g_timeouts);
+    }
+    *e = {ctx, timeout_ms};
+    return 0;
+}
+
+void context_timeout_forget(const iio_context *ctx)
+{
+    if (context_timeout_entry *e = ctx ? timeout_entry(ctx) : nullptr)
+        *e = {};
 }
 
 void vector_rotate(float vec[3], const float matrix[9])

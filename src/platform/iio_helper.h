@@ -79,6 +79,17 @@ float channel_convert_float(const iio_channel *channel, const void *src);
 // Same, as a 64-bit integer (sign-extended or zero-extended).
 int64_t channel_convert_int(const iio_channel *channel, const void *src);
 
+// The IIO context's timeout in force, in milliseconds. libiio can set a
+// context's timeout but not tell it, so the platform keeps, per context, the
+// value it last set there, and otherwise libiio's own default for the
+// context's backend (1000 ms on the local one, 5000 ms on the others).
+unsigned context_timeout(const iio_context *ctx);
+// Sets the context's timeout. A value already in force costs nothing: on the
+// network backend every change is a request to the server.
+int context_timeout_set(iio_context *ctx, unsigned timeout_ms);
+// Forgets what was set on a context that is about to be destroyed.
+void context_timeout_forget(const iio_context *ctx);
+
 // vec = matrix x vec, the matrix row-major, the vector a column.
 void vector_rotate(float vec[3], const float matrix[9]);
 inline void vector_rotate(float vec[3], const float matrix[3][3])
