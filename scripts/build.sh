@@ -1,13 +1,56 @@
 #!/usr/bin/env bash
-# Configures (once) and builds the project in build/ with Ninja.
-# Usage: scripts/build.sh [build-dir] [extra cmake args...]
+# Installs what the build needs, configures when needed and builds with Ninja.
+# Usage: scripts/build.sh [--demo] [build-dir] [extra cmake args...]
+#   (default)  everything: installs every package (scripts/deps.sh all) and
+#              builds every target, the tests and benchmarks included
+#   --demo     only what the demo flight needs: the demo's packages
+#              (scripts/deps.sh demo), and the plug-in, orlune-sim,
+#              orlune-host and orlune-tlm
+# The build directory is build/ by default. Both ways share it: a directory
+# configured by --demo before the tests' packages were installed is
+# configured again by the default way, which then builds everything.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
+demo=0
+if [ "${1:-}" = --demo ]; then
+  demo=1
+  shift
+fi
 build=${1:-$root/build}
 shift || true
 
-"$root/scripts/deps.sh"
-if [ ! -f "$build/build.ninja" ]; then
-  cmake -S "$root" -B "$build" -G Ninja "$@"
+if [ $demo = 1 ]; then
+  "$root/scripts/deps.sh" demo
+else
+  "$root/scripts/deps.sh" all
 fi
-cmake --build "$build" -j "$(nproc)"
+
+# What the last configure left out for want of packages (see CMakeLists.txt).
+left_out() { sed -n 's/^ORLUNE_LEFT_OUT:INTERNAL=//p' "$build/CMakeCache.txt" 2>/dev/null; }
+
+configure() {
+  echo "configuring $build"
+  mkdir -p "$build"
+  if ! cmake -S "$root" -B "$build" -G Ninja "$@" > "$build/configure.log" 2>&1; then
+    cat "$build/configure.log" >&2
+    echo "build: configuring failed (log: $build/configure.log)" >&2
+    exit 1
+  fi
+}
+if [ ! -f "$build/build.ninja" ]; then
+  configure "$@"
+elif [ $demo = 0 ] && [ -n "$(left_out)" ]; then
+  configure "$@"
+fi
+
+if [ $demo = 1 ]; then
+  echo "building the plug-in, the simulator, the host and the telemetry tool"
+  cmake --build "$build" -j "$(nproc)" --target sensors_orlune orlune-sim orlune-host orlune-tlm
+else
+  if [ -n "$(left_out)" ]; then
+    echo "build: the $(left_out | sed 's/;/ and the /') are still left out for want of packages (log: $build/configure.log)" >&2
+    exit 1
+  fi
+  echo "building everything"
+  cmake --build "$build" -j "$(nproc)"
+fi

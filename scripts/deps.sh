@@ -1,14 +1,32 @@
 #!/usr/bin/env bash
-# Installs the Debian packages the build and the tests need, when missing.
+# Installs the Debian packages one purpose needs, when missing.
+# Usage: scripts/deps.sh [demo|all]   (default: all)
+#   demo  what scripts/run.sh needs to build the plug-in, orlune-sim,
+#         orlune-host and orlune-tlm, fly the demo and plot it
+#   all   everything the project can use: the demo's packages, and the tests,
+#         benchmarks, fuzzers, sanitizers and the benchmark report
+# When every package is there (dpkg -s), nothing is run and nothing printed.
 set -euo pipefail
 
-packages=(
-  build-essential cmake ninja-build pkg-config
-  libconfig-dev libiio-dev libiio-utils
+demo=(
+  g++ cmake ninja-build pkg-config
+  libconfig-dev libiio-dev
+  gnuplot-nox
+)
+all=(
+  "${demo[@]}"
+  libiio-utils
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev
-  gnuplot-nox valgrind
+  valgrind
 )
+
+purpose=${1:-all}
+case $purpose in
+  demo) packages=("${demo[@]}") ;;
+  all) packages=("${all[@]}") ;;
+  *) echo "deps: unknown purpose '$purpose' (demo or all)" >&2; exit 2 ;;
+esac
 
 missing=()
 for p in "${packages[@]}"; do
@@ -16,9 +34,56 @@ for p in "${packages[@]}"; do
 done
 [ ${#missing[@]} -eq 0 ] && exit 0
 
-echo "installing: ${missing[*]}"
 sudo=""
 [ "$(id -u)" -eq 0 ] || sudo="sudo"
-export DEBIAN_FRONTEND=noninteractive
-$sudo apt-get update -qq
-$sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
+log=$(mktemp "${TMPDIR:-/tmp}/orlune-deps-XXXXXX")
+trap 'rm -f "$log"' EXIT
+
+# apt_progress LABEL: turns apt's status lines (APT::Status-Fd) into one
+# progress line, rewritten in place on a terminal, else printed at every
+# tenth of the way.
+apt_progress() {
+  local tty=0
+  [ -t 1 ] && tty=1
+  awk -F: -v label="$1" -v tty="$tty" '
+    function show(text) {
+      if (tty) { printf "\r\033[K%s", text; shown = 1 }
+      else print text
+      fflush()
+    }
+    BEGIN { show(label "...") }
+    # "dlstatus:N:PERCENT:Retrieving file N of M", then for an install
+    # "pmstatus:PACKAGE:PERCENT:Unpacking PACKAGE (ARCH)" and the like.
+    $1 == "dlstatus" || $1 == "pmstatus" {
+      pct = int($3)
+      what = $4
+      if ($1 == "dlstatus") { sub(/^Retrieving /, "", what); what = "downloading, " what }
+      line = sprintf("%s: %3d%% %s", label, pct, what)
+      if (tty) show(line)
+      else if (int(pct / 10) != step || $1 != kind) {
+        step = int(pct / 10); kind = $1
+        show(line)
+      }
+    }
+    END { if (shown) printf "\r\033[K" }'
+}
+
+# run_apt LABEL ARGS...: apt-get, never asking, with its progress on one line;
+# its own messages are shown only when it fails. The redirections are made
+# inside sudo, which would close the status descriptor.
+run_apt() {
+  local label=$1
+  shift
+  if ! $sudo env DEBIAN_FRONTEND=noninteractive bash -c \
+      'exec apt-get -qq -o APT::Status-Fd=3 "$@" 3>&1 >"$0" 2>&1' "$log" "$@" | apt_progress "$label"; then
+    echo "deps: apt-get $* failed:" >&2
+    cat "$log" >&2
+    exit 1
+  fi
+}
+
+echo "installing ${#missing[@]} packages: ${missing[*]}"
+started=$SECONDS
+run_apt "updating the package lists" update
+run_apt "installing" install -y --no-install-recommends "${missing[@]}"
+echo "installed ${#missing[@]} packages in $((SECONDS - started)) s"
