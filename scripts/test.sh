@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Builds everything, runs each fuzz target briefly, then runs every test in
-# parallel; ctest's summary closes the output.
+# Installs every package and builds everything, runs each fuzz target
+# briefly, then runs every test in parallel; ctest's summary closes the
+# output.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=${BUILD_DIR:-$root/build}
