@@ -207,7 +207,8 @@ void sensors_orlune_shutdown(sensors_orlune_ctx *ctx)
 int sensors_orlune_probe(void *spin_dir, sensors_orlune_ctx **out, void *sched, const sensors_probe_header *header,
                          sensors_data *record)
 {
-    if (!header || !out)
+    // Every module keeps a pointer into the record from its creation on.
+    if (!header || !out || !record)
         return -EINVAL;
     if (header->sensor_mask_ref != header->sensor_mask)
         return -EOPNOTSUPP;

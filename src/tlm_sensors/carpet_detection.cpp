@@ -112,9 +112,12 @@ extern "C" int carpet_detection_deactivate(carpet_detection_ctx *cd)
     return 0;
 }
 
-extern "C" int carpet_detection_read(carpet_detection_ctx *cd, uint32_t * /*updated: carpet sets no bit*/)
+extern "C" int carpet_detection_read(carpet_detection_ctx *cd, uint32_t *updated)
 {
     if (!usable(cd, "carpet_detection_read"))
+        return -EINVAL;
+    // Carpet detection sets no bit, but refuses a missing mask as every read does.
+    if (!updated)
         return -EINVAL;
     sensors_carpet_data &d = *cd->data;
     if (!d.active)

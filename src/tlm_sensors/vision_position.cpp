@@ -91,6 +91,8 @@ extern "C" int vision_position_read(vision_position_ctx *vp, uint32_t *updated)
 {
     if (!usable(vp, "vision_position_read"))
         return -EINVAL;
+    if (!updated)
+        return -EINVAL;
     int r = sensor_tlm_read_latest(&vp->reader);
     if (r == -EAGAIN)
         return 0; // no first sample yet, or nothing to give: not a failure
@@ -100,8 +102,7 @@ extern "C" int vision_position_read(vision_position_ctx *vp, uint32_t *updated)
     }
     if (timespec_compare(&vp->data->timestamp, &vp->last_timestamp) != 0) {
         vp->last_timestamp = vp->data->timestamp;
-        if (updated)
-            *updated |= vp->update_bit;
+        *updated |= vp->update_bit;
     }
     return 0;
 }

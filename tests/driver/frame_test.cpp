@@ -32,13 +32,17 @@ TEST_F(FrameTest, TableNamesTheDriverAndItsNineOperations)
     EXPECT_EQ(drv_.end, nullptr);
 }
 
-TEST_F(FrameTest, DifferingHeaderWordsAreRefusedBeforeAnythingHappens)
+TEST_F(FrameTest, DifferingHeaderWordsAndNoRecordAreRefusedBeforeAnythingHappens)
 {
     configure(cfg_text::all_disabled());
     sensors_probe_header header{SENSORS_KIND_ALL, SENSORS_KIND_IMU};
     auto *sentinel = reinterpret_cast<sensors_orlune_ctx *>(0x1);
     sensors_orlune_ctx *out = sentinel;
     EXPECT_EQ(drv_.probe(nullptr, &out, nullptr, &header, &data_), -EOPNOTSUPP);
+    EXPECT_EQ(out, sentinel);
+    // Without a record there is nowhere for the modules to write.
+    header.sensor_mask = SENSORS_KIND_ALL;
+    EXPECT_EQ(drv_.probe(nullptr, &out, nullptr, &header, nullptr), -EINVAL);
     EXPECT_EQ(out, sentinel);
     EXPECT_TRUE(cap_.take().empty()); // not even the configuration reader ran
 }

@@ -29,6 +29,7 @@ TEST(CarpetDetection, ConvertsOnlyWhileActiveAndEachActivationReopensTheSection)
     uint32_t updated = 0;
     EXPECT_EQ(carpet_detection_read(cd, &updated), 0);
     EXPECT_EQ(memcmp(&before, &carpet, sizeof carpet), 0);
+    EXPECT_EQ(carpet_detection_read(cd, nullptr), -EINVAL); // like every module's read
 
     ASSERT_EQ(carpet_detection_activate(cd), 0);
     EXPECT_EQ(carpet.active, 1);
@@ -105,6 +106,7 @@ TEST(VisionPosition, SetsItsBitOnlyForANewSampleAndIsSilentBeforeTheFirst)
     ASSERT_EQ(vision_position_start(vp), 0);
 
     uint32_t updated = 0x3;
+    EXPECT_EQ(vision_position_read(vp, nullptr), -EINVAL); // like every module's read
     for (int cycle = 0; cycle < 3; cycle++) // no section: nothing, and no word of it
         EXPECT_EQ(vision_position_read(vp, &updated), 0);
     test_producer<position_sample> vision("vcam_position", position_fields());
