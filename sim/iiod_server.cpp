@@ -114,8 +114,9 @@ struct sensor_state {
     size_t scan_size = 0;
     size_t kernel_length = kDefaultKernelLength;
     long attached = -1; // trigger index, -1 = none
-    // Scans are numbered from origin: scan j is sampled at origin + (j+1)
-    // periods and becomes readable when its trigger batch completes.
+    // Scans are numbered from origin: scan j is sampled and stamped at
+    // origin + (j+1) periods, and becomes readable the device's delivery
+    // delay after the last scan of its trigger batch was sampled.
     int64_t origin_ns = 0;
     uint64_t consumed = 0;
     // Armed faults.
@@ -239,6 +240,7 @@ struct iiod_server::impl {
     {
         return s.model->blocking() ? static_cast<uint64_t>(std::max(1L, attr_long(s, "rate_divider", 1))) : 1;
     }
+    int64_t delay_ns(const sensor_state &s) const { return delivery_delay_ns(s.model->setup(), period_ns(s)); }
     bool producing(const sensor_state &s) const { return s.owner && s.enabled && s.attached >= 0; }
     void restart_stream(sensor_state &s, int64_t at)
     {
@@ -246,11 +248,14 @@ struct iiod_server::impl {
         s.consumed = 0;
         cv.notify_all();
     }
-    uint64_t produced(const sensor_state &s, int64_t now) const
+    // Scans that have reached the kernel buffer by now: those sampled at
+    // least one delivery delay ago, in whole trigger batches.
+    uint64_t delivered(const sensor_state &s, int64_t now) const
     {
-        if (!producing(s) || now < s.origin_ns)
+        const int64_t sampled_by = now - delay_ns(s);
+        if (!producing(s) || sampled_by < s.origin_ns)
             return 0;
-        const uint64_t sampled = static_cast<uint64_t>((now - s.origin_ns) / period_ns(s));
+        const uint64_t sampled = static_cast<uint64_t>((sampled_by - s.origin_ns) / period_ns(s));
         return sampled / divider(s) * divider(s);
     }
     int64_t ready_at(const sensor_state &s, uint64_t scan) const
@@ -258,14 +263,15 @@ struct iiod_server::impl {
         if (!producing(s))
             return kNever;
         const uint64_t d = divider(s);
-        return s.origin_ns + static_cast<int64_t>((scan / d + 1) * d) * period_ns(s);
+        return s.origin_ns + static_cast<int64_t>((scan / d + 1) * d) * period_ns(s) + delay_ns(s);
     }
-    // Scans waiting; a full kernel buffer keeps the newest.
+    // Scans waiting; a full kernel buffer keeps the newest, and a scan still
+    // on its way is not in it yet.
     uint64_t waiting(sensor_state &s, int64_t now)
     {
         // The kernel buffer holds at least one refill's worth.
         const uint64_t capacity = std::max(s.kernel_length, s.samples);
-        const uint64_t p = produced(s, now);
+        const uint64_t p = delivered(s, now);
         if (p > s.consumed + capacity)
             s.consumed = p - capacity;
         return p > s.consumed ? p - s.consumed : 0;

@@ -8,7 +8,9 @@
 #include <array>
 #include <cctype>
 #include <cerrno>
+#include <cmath>
 #include <cstring>
+#include <optional>
 #include <set>
 #include <string_view>
 #include <unistd.h>
@@ -19,6 +21,11 @@ namespace sim {
 namespace {
 
 constexpr std::array<const char *, 4> kDeviceKinds{"imu", "baro", "magneto", "motors"};
+// Default delivery delay per kind, in sampling periods, indexed like kDeviceKinds.
+constexpr std::array<double, 4> kDefaultDeliveryPeriods{0.0, 0.0, 0.0, 0.1};
+// An explicit delivery-delay stays below this, s.
+constexpr double kMaxDeliveryDelayS = 1.0;
+static_assert(kDefaultDeliveryPeriods.size() == kDeviceKinds.size());
 constexpr std::array<const char *, 5> kFaultKinds{"refill-error", "short-batch", "stall", "disconnect",
                                                     "motor-error"};
 
@@ -58,6 +65,18 @@ public:
         if (!config_number(s, out))
             return fail(s, std::string("'") + key + "' must be a number");
         return 0;
+    }
+
+    // An optional number that stays unset when the key is absent.
+    int number(const config_setting_t *group, const char *key, std::optional<double> *out)
+    {
+        double v = 0;
+        if (!config_setting_get_member(group, key))
+            return 0;
+        const int rc = number(group, key, &v);
+        if (rc == 0)
+            *out = v;
+        return rc;
     }
 
     int integer(const config_setting_t *group, const char *key, int *out, bool required = false)
@@ -111,7 +130,8 @@ public:
             (rc = integer(g, "rate-divider", &d->rate_divider)) || (rc = numbers(g, "mount-matrix", &d->mount_matrix)) ||
             (rc = number(g, "noise", &d->noise_counts)) || (rc = number(g, "warm-up-rise", &d->warm.rise_k)) ||
             (rc = number(g, "warm-up-time-constant", &d->warm.time_constant_s)) ||
-            (rc = number(g, "supply-voltage", &d->supply_voltage)) || (rc = integer(g, "flight-time", &d->flight_time_s)))
+            (rc = number(g, "supply-voltage", &d->supply_voltage)) || (rc = integer(g, "flight-time", &d->flight_time_s)) ||
+            (rc = number(g, "delivery-delay", &d->delivery_delay_s)))
             return rc;
         return 0;
     }
@@ -244,6 +264,15 @@ int fault_kind_from_name(const char *name, fault_kind *out)
     return kind_from_name(kFaultKinds, name, out);
 }
 
+int64_t delivery_delay_ns(const scenario_device &d, int64_t period_ns)
+{
+    if (d.delivery_delay_s)
+        return std::llround(*d.delivery_delay_s * 1e9);
+    const size_t i = static_cast<size_t>(d.kind);
+    const double periods = i < kDefaultDeliveryPeriods.size() ? kDefaultDeliveryPeriods[i] : 0.0;
+    return std::llround(periods * static_cast<double>(period_ns));
+}
+
 scenario default_scenario()
 {
     scenario s;
@@ -293,6 +322,8 @@ int scenario_validate(const scenario &s, std::string *error)
             return set_error(error, d.name + ": noise must be >= 0 and warm-up-time-constant > 0");
         if (!(d.supply_voltage > 0 && d.supply_voltage < 60) || d.flight_time_s < 0)
             return set_error(error, d.name + ": supply-voltage must be 0..60 V and flight-time >= 0");
+        if (d.delivery_delay_s && !(*d.delivery_delay_s >= 0 && *d.delivery_delay_s < kMaxDeliveryDelayS))
+            return set_error(error, d.name + ": delivery-delay must be >= 0 and below 1 s");
     }
     for (const scenario_device &a : s.devices)
         for (const scenario_device &b : s.devices)

@@ -5,6 +5,7 @@
 
 #include <array>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -36,6 +37,10 @@ struct scenario_device {
     // flight-time counter at start-up (s).
     double supply_voltage = 12.6;
     int flight_time_s = 0;
+    // Time from a scan's stamp to the moment a client can read it (bus
+    // transfer, driver work), s; unset: the kind's default, see
+    // delivery_delay_ns.
+    std::optional<double> delivery_delay_s;
 };
 
 struct scenario_phase {
@@ -84,6 +89,11 @@ int scenario_parse(const char *text, scenario *out, std::string *error);
 // Checks names (no white space, unique, trigger names not prefixes of one
 // another, since the client matches a trigger by name prefix) and ranges.
 int scenario_validate(const scenario &s, std::string *error);
+
+// The device's delivery delay in ns at a sampling period of period_ns: its
+// delivery-delay, or else its kind's default (a tenth of the period for the
+// motor controller, none for the sensors, whose FIFOs are read as they fill).
+int64_t delivery_delay_ns(const scenario_device &d, int64_t period_ns);
 
 const char *device_kind_name(device_kind kind);
 const char *fault_kind_name(fault_kind kind);

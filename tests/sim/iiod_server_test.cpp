@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <ctime>
 #include <memory>
 #include <random>
 #include <stdexcept>
@@ -326,6 +327,75 @@ TEST(IiodServerScenario, ScriptedFaultsArmAtTheirScenarioTime)
     EXPECT_EQ(reply, "-71\n");
     EXPECT_GE(std::chrono::steady_clock::now() - t0, std::chrono::milliseconds(150)) << "not before its time";
     EXPECT_EQ(buffer.ask("READBUF iio:device0 120\r\n"), "120\n") << "armed for one refill";
+}
+
+TEST(IiodServerScenario, AScanBecomesReadableItsDeliveryDelayAfterItsStamp)
+{
+    sim::scenario s;
+    std::string error;
+    ASSERT_EQ(sim::scenario_parse(
+                  "simulator = { devices = (\n"
+                  "  { kind = \"imu\"; name = \"imu\"; trigger = \"imu-trig\"; sampling-frequency = 1000;\n"
+                  "    rate-divider = 5; delivery-delay = 0.002; },\n"
+                  "  { kind = \"baro\"; name = \"baro\"; trigger = \"baro-trig\"; sampling-frequency = 100;\n"
+                  "    delivery-delay = 0.004; },\n"
+                  "  { kind = \"magneto\"; name = \"mag\"; trigger = \"mag-trig\"; sampling-frequency = 100; },\n"
+                  "  { kind = \"motors\"; name = \"esc\"; trigger = \"esc-trig\"; sampling-frequency = 200; },\n"
+                  "  { kind = \"motors\"; name = \"late\"; trigger = \"late-trig\"; sampling-frequency = 200;\n"
+                  "    delivery-delay = 0.003; },\n"
+                  "  { kind = \"motors\"; name = \"now\"; trigger = \"now-trig\"; sampling-frequency = 200;\n"
+                  "    delivery-delay = 0; } ); };",
+                  &s, &error),
+              0)
+        << error;
+    auto server = sim::iiod_server::start(s, {}, &error);
+    ASSERT_TRUE(server) << error;
+    // Only the timestamp channel is opened: 8-byte scans holding the stamp.
+    struct row {
+        const char *device, *trigger, *mask;
+        size_t scans;      // per refill: the IMU's whole batch
+        int64_t delay_ns;  // the least time between the newest stamp and the refill's return
+    };
+    const row rows[] = {
+        {"iio:device0", "trigger0", "00000080", 5, 2000000}, // a batch waits for its last scan's delay
+        {"iio:device1", "trigger1", "00000004", 1, 4000000}, // polled: -EAGAIN until delivered
+        {"iio:device2", "trigger2", "00000010", 1, 0},       // sensors deliver at once by default
+        {"iio:device3", "trigger3", "00008000", 1, 500000},  // the motor controller: a tenth of 5 ms
+        {"iio:device4", "trigger4", "00008000", 1, 3000000},
+        {"iio:device5", "trigger5", "00008000", 1, 0},
+    };
+    wire control(server->port());
+    for (const row &r : rows) {
+        SCOPED_TRACE(r.device);
+        EXPECT_EQ(control.ask(std::string("SETTRIG ") + r.device + " " + r.trigger + "\r\n"), "0\n");
+        wire buffer(server->port());
+        EXPECT_EQ(buffer.ask(std::string("OPEN ") + r.device + " " + std::to_string(r.scans) + " " + r.mask + "\r\n"),
+                  "0\n");
+        const std::string refill = std::string("READBUF ") + r.device + " " + std::to_string(8 * r.scans) + "\r\n";
+        int64_t previous = 0;
+        int refills = 0;
+        for (int tries = 0; refills < 8 && tries < 2000; tries++) {
+            const std::string reply = buffer.ask(refill);
+            if (reply == "-11\n") {
+                usleep(1000);
+                continue;
+            }
+            ASSERT_EQ(reply, std::to_string(8 * r.scans) + "\n");
+            EXPECT_EQ(buffer.line(), std::string(r.mask) + "\n");
+            const std::string data = buffer.read_exact(8 * r.scans);
+            timespec ts;
+            clock_gettime(CLOCK_MONOTONIC, &ts);
+            const int64_t returned = ts.tv_sec * 1000000000LL + ts.tv_nsec;
+            int64_t newest;
+            std::memcpy(&newest, data.data() + data.size() - 8, 8);
+            // The stamp stays the sampling time; delivery comes after it.
+            EXPECT_GE(returned - newest, r.delay_ns) << "refill " << refills;
+            EXPECT_GT(newest, previous);
+            previous = newest;
+            refills++;
+        }
+        EXPECT_EQ(refills, 8);
+    }
 }
 
 TEST_F(IiodServer, RestartsOnTheSamePortAfterADisconnect)

@@ -42,6 +42,7 @@ TEST(Scenario, DefaultFileMatchesTheBuiltInScenario)
         EXPECT_EQ(a.noise_counts, b.noise_counts);
         EXPECT_EQ(a.warm.rise_k, b.warm.rise_k);
         EXPECT_EQ(a.warm.time_constant_s, b.warm.time_constant_s);
+        EXPECT_EQ(a.delivery_delay_s, b.delivery_delay_s);
     }
     ASSERT_EQ(loaded.phases.size(), builtin.phases.size());
     for (size_t i = 0; i < loaded.phases.size(); i++) {
@@ -95,6 +96,12 @@ TEST(Scenario, RejectsWhatTheServerCouldNotServe)
         {"simulator = { devices = ( { kind = \"imu\"; name = \"a\"; trigger = \"t\";\n"
          "  mount-matrix = [1.0, 0.0, 0.0, 1.0, 0.0, 0.0, 0.0, 0.0, 1.0]; } ); };",
          "a: mount-matrix cannot be inverted"},
+        {"simulator = { devices = ( { kind = \"motors\"; name = \"a\"; trigger = \"t\"; delivery-delay = -0.001; } ); };",
+         "a: delivery-delay must be >= 0 and below 1 s"},
+        {"simulator = { devices = ( { kind = \"baro\"; name = \"a\"; trigger = \"t\"; delivery-delay = 1; } ); };",
+         "a: delivery-delay must be >= 0 and below 1 s"},
+        {"simulator = { devices = ( { kind = \"imu\"; name = \"a\"; trigger = \"t\"; delivery-delay = \"1ms\"; } ); };",
+         "'delivery-delay' must be a number (line 1)"},
         {"simulator = { phases = ( { name = \"p\"; } ); };", "missing 'duration' (line 1)"},
         {"simulator = { faults = ( { at = 1; kind = \"explode\"; } ); };", "unknown fault kind 'explode' (line 1)"},
         {"simulator = { faults = ( { at = 1; kind = \"stall\"; device = \"orlune-gps\"; } ); };",
