@@ -40,7 +40,71 @@ void imu_continuity::add(const timespec &t)
         lost_ += uint64_t(k - 1);
 }
 
-host_stats::host_stats()
+delay_histogram::delay_histogram(int64_t lowest_ns, int64_t highest_ns)
+    : lowest_ns_(lowest_ns), highest_ns_(highest_ns), bins_(size_t((highest_ns - lowest_ns) / kBinNs))
+{
+}
+
+void delay_histogram::add(int64_t ns)
+{
+    if (count_ == 0 || ns < min_ns_)
+        min_ns_ = ns;
+    if (count_ == 0 || ns > max_ns_)
+        max_ns_ = ns;
+    count_++;
+    if (ns < lowest_ns_)
+        below_++;
+    else if (ns >= highest_ns_)
+        above_++;
+    else
+        bins_[size_t((ns - lowest_ns_) / kBinNs)]++;
+}
+
+delay_histogram::quantile delay_histogram::at(double q) const
+{
+    if (count_ == 0)
+        return {where::empty, 0};
+    // The tolerance keeps 0.99 * 100 from rounding up to rank 100.
+    const uint64_t rank = std::clamp<uint64_t>(uint64_t(std::ceil(q * double(count_) - 1e-9)), 1, count_);
+    uint64_t seen = below_;
+    if (seen >= rank)
+        return {where::below, lowest_ns_};
+    for (size_t i = 0; i < bins_.size(); i++) {
+        seen += bins_[i];
+        if (seen >= rank)
+            return {where::within, lowest_ns_ + int64_t(i) * kBinNs};
+    }
+    return {where::above, highest_ns_};
+}
+
+std::string delay_ms(const delay_histogram::quantile &q)
+{
+    char s[32];
+    switch (q.at) {
+    case delay_histogram::where::empty:
+        return "-";
+    case delay_histogram::where::below:
+        snprintf(s, sizeof s, "<%.0f", double(q.ns) / 1e6);
+        break;
+    case delay_histogram::where::above:
+        snprintf(s, sizeof s, ">%.0f", double(q.ns) / 1e6);
+        break;
+    case delay_histogram::where::within:
+        snprintf(s, sizeof s, "%.2f", double(q.ns) / 1e6);
+        break;
+    }
+    return s;
+}
+
+namespace {
+
+// IMU ages beyond 100 ms (a stalled device, a blocked host) and motor ages
+// beyond 100 ms either way are counted, and their extremes kept exactly.
+constexpr int64_t kAgeRangeNs = 100'000'000;
+
+} // namespace
+
+host_stats::host_stats() : imu_age_(0, kAgeRangeNs), motor_age_(-kAgeRangeNs, kAgeRangeNs)
 {
     rows_ = {
         {"imu", SENSORS_UPDATED_IMU},
@@ -64,11 +128,11 @@ double host_stats::now_s()
     return double(now.tv_sec) + double(now.tv_nsec) * 1e-9;
 }
 
-void host_stats::cycle(const sensors_data &data)
+void host_stats::cycle(const sensors_data &data, const timespec &returned)
 {
     cycles_++;
     window_cycles_++;
-    const double now = data.updated_sensors ? now_s() : 0;
+    const double now = double(returned.tv_sec) + double(returned.tv_nsec) * 1e-9;
     for (sensor_row &row : rows_)
         if (data.updated_sensors & row.bit) {
             row.updates++;
@@ -82,7 +146,35 @@ void host_stats::cycle(const sensors_data &data)
         unsigned n = std::min<unsigned>(data.imu.nb_samples, SENSORS_IMU_MAX_SAMPLES);
         for (unsigned i = 0; i < n; i++)
             imu_.add(data.imu.timestamps[i]);
+        int64_t returned_ns, first_ns, last_ns, motor_ns;
+        if (n > 0 && timespec_to_ns(&returned, &returned_ns) == 0 &&
+            timespec_to_ns(&data.imu.timestamps[0], &first_ns) == 0 &&
+            timespec_to_ns(&data.imu.timestamps[n - 1], &last_ns) == 0) {
+            imu_age_.add(returned_ns - last_ns);
+            if ((data.updated_sensors & SENSORS_UPDATED_MOTORS) &&
+                timespec_to_ns(&data.motors.timestamp, &motor_ns) == 0)
+                motor_age_.add(first_ns - motor_ns);
+        }
     }
+}
+
+std::string host_stats::ages() const
+{
+    if (imu_age_.count() == 0)
+        return "imu age: no batch yet";
+    char s[160];
+    int n = snprintf(s, sizeof s, "imu age %s ms median, %s p99, %.2f max", delay_ms(imu_age_.at(0.5)).c_str(),
+                     delay_ms(imu_age_.at(0.99)).c_str(), double(imu_age_.max_ns()) / 1e6);
+    if (motor_age_.count() && n > 0 && size_t(n) < sizeof s) {
+        // Said as a distance: "before" or "after" carries the sign.
+        delay_histogram::quantile m = motor_age_.at(0.5);
+        const bool after = m.ns < 0;
+        if (after)
+            m = {m.at == delay_histogram::where::below ? delay_histogram::where::above : m.at, -m.ns};
+        snprintf(s + n, sizeof s - size_t(n), "; motor sample %s ms %s the batch (median)", delay_ms(m).c_str(),
+                 after ? "after" : "before");
+    }
+    return s;
 }
 
 void host_stats::read_failed(int err)

@@ -43,9 +43,10 @@ void view_refresh(view_mode mode, const view_context &ctx)
     if (mode == view_mode::none)
         return;
     if (mode == view_mode::lines) {
-        printf("%8.1f s  cycles %llu (%.1f/s)  imu samples %llu lost %llu  read errors %llu\n", ctx.elapsed_s,
-               (unsigned long long)st.cycles(), st.cycle_rate(), (unsigned long long)st.imu().samples(),
-               (unsigned long long)st.imu().lost(), (unsigned long long)st.failed_reads());
+        printf("%8.1f s  cycles %llu (%.1f/s)  imu samples %llu lost %llu  imu age %s ms  read errors %llu\n",
+               ctx.elapsed_s, (unsigned long long)st.cycles(), st.cycle_rate(), (unsigned long long)st.imu().samples(),
+               (unsigned long long)st.imu().lost(), delay_ms(st.imu_age().at(0.5)).c_str(),
+               (unsigned long long)st.failed_reads());
         fflush(stdout);
         return;
     }
@@ -87,7 +88,8 @@ void view_refresh(view_mode mode, const view_context &ctx)
     snprintf(line, sizeof line, "imu: %llu samples, %llu lost, period %.3f ms",
              (unsigned long long)st.imu().samples(), (unsigned long long)st.imu().lost(), st.imu().period_s() * 1e3);
     append_line(&out, line, width);
-    used += 2;
+    append_line(&out, st.ages(), width);
+    used += 3;
     if (ctx.motor_keys) {
         snprintf(line, sizeof line, "motors: %s  (%u sent, %u failed)", kMotorKeysHelp, ctx.motor_commands,
                  ctx.motor_failures);
@@ -125,6 +127,16 @@ void view_summary(const view_context &ctx)
     printf("imu samples      %llu (%.1f/s), lost %llu (judged by the timestamps)\n",
            (unsigned long long)st.imu().samples(), double(st.imu().samples()) / t,
            (unsigned long long)st.imu().lost());
+    const delay_histogram &age = st.imu_age();
+    if (age.count())
+        printf("imu age          %s ms median, %s p99, %.2f max (read return minus the batch's last sample; "
+               "10 us bins)\n",
+               delay_ms(age.at(0.5)).c_str(), delay_ms(age.at(0.99)).c_str(), double(age.max_ns()) / 1e6);
+    const delay_histogram &motor = st.motor_age();
+    if (motor.count())
+        printf("motor age        %s ms median, %s p99, %.2f max (at the batch's first IMU sample; negative: the "
+               "motor sample is the newer)\n",
+               delay_ms(motor.at(0.5)).c_str(), delay_ms(motor.at(0.99)).c_str(), double(motor.max_ns()) / 1e6);
     printf("\n%-16s %10s %10s\n", "sensor", "updates", "rate Hz");
     auto errors = ctx.log->errors_per_tag();
     for (const sensor_row &row : st.rows()) {

@@ -412,13 +412,14 @@ int main(int argc, char **argv)
                 usleep(10000);
             }
         } else {
+            // First thing after the return: the IMU batch's age is measured
+            // against this time.
+            timespec returned;
+            monotonic_now(&returned);
             consecutive_failures = 0;
-            if (record) {
-                timespec returned;
-                monotonic_now(&returned);
+            if (record)
                 record->row(returned, *data);
-            }
-            stats.cycle(*data);
+            stats.cycle(*data, returned);
             driver->tlm_write(ctx);
         }
         double since_view = seconds_since(last_view);
