@@ -28,12 +28,12 @@ while [ $# -gt 0 ]; do
   shift
 done
 
-# Sizes of the run. The full run takes about a minute and a half after the
-# build; the quick one about ten seconds.
+# Sizes of the run. The full run takes about two minutes after the build;
+# the quick one about twenty seconds.
 if [ $quick = 1 ]; then
-  cycles=200 cg_cycles=20 first_runs=3 tput_runs=1 tput_s=1 tlm_reps=2 tlm_min_time=0.01
+  cycles=200 cg_cycles=20 first_runs=3 tput_runs=1 tput_s=1 tlm_reps=2 tlm_min_time=0.01 age_s=1.5 stalls_s=3
 else
-  cycles=4000 cg_cycles=400 first_runs=9 tput_runs=5 tput_s=3 tlm_reps=5 tlm_min_time=0.2
+  cycles=4000 cg_cycles=400 first_runs=9 tput_runs=5 tput_s=3 tlm_reps=5 tlm_min_time=0.2 age_s=10 stalls_s=8
 fi
 
 load_start=$(cut -d' ' -f1-3 /proc/loadavg)
@@ -176,6 +176,79 @@ for i in $(seq "$tput_runs"); do
   echo "$h_rate $r_rate $h_lost $h_secs $r_scans $(calc "\"%.3f\", ($t1 - $t0) / 1e9")" >> "$work/tput.txt"
 done
 stop_sim
+
+# --- IMU age at read return ---------------------------------------------------
+# The scenario's faults, one per line: "at kind device duration" (scenario
+# seconds; duration 0 for a fault without one).
+stalls_cfg=$root/examples/scenarios/stalls.cfg
+awk 'match($0, /at = [0-9.]+;/) && match($0, /kind = "[^"]+"/) {
+       at = $0; sub(/.*at = /, "", at); sub(/;.*/, "", at)
+       kind = $0; sub(/.*kind = "/, "", kind); sub(/".*/, "", kind)
+       dev = "-"; if ($0 ~ /device = "/) { dev = $0; sub(/.*device = "/, "", dev); sub(/".*/, "", dev) }
+       d = 0; if ($0 ~ /duration = /) { d = $0; sub(/.*duration = /, "", d); sub(/;.*/, "", d) }
+       print at, kind, dev, d }' "$stalls_cfg" | sort -g > "$work/stall-faults.txt"
+[ -s "$work/stall-faults.txt" ] || { echo "bench-report: no faults read from $stalls_cfg" >&2; exit 1; }
+
+# age_run NAME SECONDS SCENARIO|- [orlune-host options]: orlune-host with its
+# recording on a fresh vehicle (SCENARIO, or - for the default flight). Leaves
+# NAME/ages.txt, "t age_ms" per read that delivered IMU samples (by the
+# recording's column names), and NAME/epoch, the monotonic time of scenario
+# time 0.
+age_run() {
+  local name=$1 secs=$2 scenario=$3 dir=$work/$1; shift 3
+  if [ "$scenario" = - ]; then start_vehicle "$name"; else start_vehicle "$name" --scenario "$scenario"; fi
+  "$host_bin" --plugin "$plugin" --view none --duration "$secs" --record "$dir/rec.csv" "$@" \
+    > "$dir/host.txt" 2> "$dir/host.log"
+  stop_sim
+  sed -n 's/^SIM_EPOCH=//p' "$dir/sim.out" > "$dir/epoch"
+  awk -F, 'NR == 1 { for (i = 1; i <= NF; i++) col[$i] = i
+                     if (!col["t"] || !col["imu_n"] || !col["imu_t1"]) exit 1; next }
+           $col["imu_n"] > 0 { printf "%.6f %.3f\n", $col["t"], ($col["t"] - $col["imu_t1"]) * 1e3 }' \
+    "$dir/rec.csv" > "$dir/ages.txt" || { echo "bench-report: $dir/rec.csv lacks t, imu_n or imu_t1" >&2; exit 1; }
+  if [ ! -s "$dir/ages.txt" ] || [ ! -s "$dir/epoch" ]; then
+    echo "bench-report: orlune-host recorded no IMU batch in the $name run:" >&2
+    cat "$dir/host.txt" "$dir/host.log" >&2
+    exit 1
+  fi
+}
+age_run age-imu "$age_s" - --mask imu
+age_run age-all "$age_s" -
+age_run age-imu-stalls "$stalls_s" "$stalls_cfg" --mask imu
+age_run age-all-stalls "$stalls_s" "$stalls_cfg"
+
+# age_stats NAME: "reads median p99 max over5" of the run's ages, in ms: the
+# quantiles by nearest rank (the smallest age with at least that share of
+# the reads at or below it), over5 the percentage of reads older than one
+# batch period (5 ms).
+age_stats() {
+  awk '{ print $2 }' "$work/$1/ages.txt" | sort -g | awk '
+    function rank(q,  r) { r = int(q * NR - 1e-9); return r + 1 }
+    { v[NR] = $1; if ($1 > 5) over++ }
+    END { printf "%d %.3f %.3f %.3f %.1f\n", NR, v[rank(0.5)], v[rank(0.99)], v[NR], 100 * over / NR }'
+}
+
+# fault_ages NAME: per fault of the scenario that happened while the host
+# ran, "at kind device duration worst recovery": the worst age of the reads
+# from its onset to one second after its end (or to the next fault), and
+# the number of reads from its end until the first one under 1 ms ("none of
+# N" when no read under 1 ms came before the next fault or the run's end).
+fault_ages() {
+  awk -v epoch="$(cat "$work/$1/epoch")" '
+    NR == FNR { n++; line[n] = $0; on[n] = epoch + $1; off[n] = on[n] + $4; next }
+    { m++; t[m] = $1; a[m] = $2 }
+    END {
+      for (i = 1; i <= n; i++) {
+        if (on[i] > t[m]) break
+        stop = i < n ? on[i + 1] : t[m] + 1
+        worst = -1; count = 0; back = ""
+        for (j = 1; j <= m; j++) {
+          if (t[j] >= on[i] && t[j] < stop && t[j] < off[i] + 1 && a[j] > worst) worst = a[j]
+          if (back == "" && t[j] >= off[i] && t[j] < stop) { if (a[j] < 1) back = count; else count++ }
+        }
+        printf "%s %s %s\n", line[i], worst < 0 ? "-" : sprintf("%.3f", worst), back == "" ? "none of " count : back
+      }
+    }' "$work/stall-faults.txt" "$work/$1/ages.txt"
+}
 
 # --- Telemetry put and latest read beside memcpy ----------------------------
 "$tlm_bench" --benchmark_filter='BM_(PutSample|ReadLatest|Memcpy)/' \
@@ -389,6 +462,69 @@ share the CPU, so the ratio moves with the load; the difference in µs per
 batch is the host's extra work per batch. \`iio_readdev\`'s time also
 includes its start-up (context creation), which makes it look a little
 slower than it is.
+
+## IMU age at read return
+
+The flight loop acts on the IMU batch that \`read\` returns, and goes on
+acting on it until the next read. The IMU age is how old that batch is when
+\`read\` returns: the monotonic time of the return minus the timestamp of the
+batch's last sample (\`imu.timestamps[nb_samples - 1]\`, on the same clock).
+It is the delay between the vehicle's motion and the loop's reaction that
+the sensors side adds to the sampling itself, so it is the flight loop's
+control delay: every millisecond of it is phase the attitude controller
+loses at its crossover. Its floor is the transfer of the batch; whatever the
+cycle does after the batch is complete (polling the other sensors, waiting
+for the motor controller) adds to it, and reading a batch that was complete a
+period or more earlier (a backlog) adds whole periods.
+
+\`orlune-host --view none --duration $age_s --record\` on a fresh
+\`orlune-sim\` (the default flight), then \`--duration $stalls_s\` on
+\`examples/scenarios/stalls.cfg\` (a hover with an IMU trigger stall and a
+motor controller stall of 0.5 s each, and two refill errors on each of the
+two devices, at the times below); every sensor: \`examples/config/orlune_sim.cfg\`;
+the IMU alone: the same with \`--mask imu\`. Each age is \`t - imu_t1\` of a
+recording row with \`imu_n > 0\` (microsecond resolution); quantiles by
+nearest rank. The host's own summary and live view show the same figures
+from a histogram of 10 µs bins.
+
+| sensors | scenario | reads | median ms | 99th percentile ms | max ms | older than 5 ms |
+|---|---|---|---|---|---|---|
+EOF
+for run in "age-imu:IMU alone:default flight" "age-all:every sensor:default flight" \
+           "age-imu-stalls:IMU alone:stalls.cfg" "age-all-stalls:every sensor:stalls.cfg"; do
+  IFS=: read -r name who scenario <<< "$run"
+  read -r n med p99 max over5 < <(age_stats "$name")
+  printf '| %s | %s | %s | %s | %s | %s | %s %% |\n' "$who" "$scenario" "$n" "$med" "$p99" "$max" "$over5"
+done
+cat <<EOF
+
+After each fault of \`stalls.cfg\` that fell within the run: the worst age
+from the fault's onset to one second after its end (or to the next fault),
+and the reads from its end until the first one with an age under 1 ms (0:
+the first read after it already was; "none of N": none of the N reads before
+the next fault or the end of the run).
+
+| sensors | fault at (scenario s) | fault | worst age ms | reads until under 1 ms |
+|---|---|---|---|---|
+EOF
+for run in "age-imu-stalls:IMU alone" "age-all-stalls:every sensor"; do
+  fault_ages "${run%%:*}" | while read -r at kind dev dur worst back; do
+    what="$kind $dev"; [ "$dur" != 0 ] && what="$what, $dur s"
+    printf '| %s | %s | %s | %s | %s |\n' "${run#*:}" "$at" "$what" "$worst" "$back"
+  done
+done
+cat <<EOF
+
+**Which figures matter.** The median is the delay the loop flies with; the
+99th percentile is what its stability margin has to hold; the share older
+than one batch period says whether the host reads behind the IMU (a backlog
+of whole batches). The maximum and the reads until the age is under 1 ms
+again say what a fault costs: a stall that blocks the cycle while the IMU
+goes on sampling leaves a backlog, which the reads after it drain a batch at
+a time.
+With the IMU alone, read returns as soon as the batch is in: the age is the
+transfer and the conversion. With every sensor, the difference is what the
+rest of the cycle adds after the batch is complete.
 
 ## Telemetry: put and latest read beside memcpy
 

@@ -61,6 +61,17 @@ positive "IMU refill allocations" "^\| libiio's IMU refill \(inside the IMU wait
 positive "host rate" "^\| orlune-host \(read \+ tlm_write\) \| $num \| $num \| $num \|$"
 positive "readdev rate" "^\| iio_readdev \| $num \| $num \| $num \|$"
 positive "throughput ratio" "^\| ratio host / iio_readdev \| $num \| \| \|$"
+# IMU age at read return: the four runs, and the first round of stalls,
+# which a short run sees too.
+for run in "IMU alone \| default flight" "every sensor \| default flight" "IMU alone \| stalls.cfg" \
+           "every sensor \| stalls.cfg"; do
+  expect "IMU age, $run" "^\| $run \| [1-9][0-9]* \| $num \| $num \| $num \| $num % \|$"
+done
+for who in "IMU alone" "every sensor"; do
+  for stall in "1\.0 \| stall orlune-imu, 0\.5 s" "2\.0 \| stall orlune-esc, 0\.5 s"; do
+    expect "after a stall, $who" "^\| $who \| $stall \| $num \| ([0-9]+|none of [0-9]+) \|$"
+  done
+done
 # Telemetry, three sizes.
 for rec in "baro \| 32" "imu \| 232" "gps \| 768"; do
   positive "telemetry $rec" "^\| $rec \| $num \| $num \| $num \| $num \| $num \|$"
