@@ -8,6 +8,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <thread>
@@ -314,5 +315,147 @@ TEST_F(FrameTest, MotorCommandsGoToTheControllerOnlyWhenItIsEnabled)
     EXPECT_EQ(drv_.write(&command, ctx_), 0);
     EXPECT_TRUE(frame_messages().empty());
 }
+
+// The motor controller never holds an IMU batch back: each batch gets the
+// newest controller sample taken up to the batch's first sample, whatever the
+// controller's rate and the delay with which it delivers its samples; batches
+// never queue up behind the reads, and a backlog left by a host that stalled,
+// a controller that stalled or an IMU trigger that stalled is read back to
+// back until none is left.
+struct pacing_case {
+    const char *name;
+    int controller_hz;
+    double delay_ms; // < 0: the vehicle's default
+};
+
+class MotorPacing : public FrameTest, public ::testing::WithParamInterface<pacing_case> {
+protected:
+    static int64_t ns(const timespec &t) { return int64_t(t.tv_sec) * 1000000000 + t.tv_nsec; }
+    static int64_t now_ns()
+    {
+        timespec t;
+        monotonic_now(&t);
+        return ns(t);
+    }
+
+    // One read; counts the controller samples it chose wrongly and returns
+    // whether the IMU's next batch was already complete when it returned.
+    bool cycle(bool controller_on_grid)
+    {
+        EXPECT_EQ(drv_.read(&data_, ctx_), 0);
+        const int64_t returned = now_ns();
+        EXPECT_TRUE(data_.updated_sensors & SENSORS_UPDATED_IMU);
+        EXPECT_EQ(data_.imu.nb_samples, 5);
+        const int64_t first = ns(data_.imu.timestamps[0]);
+        const int64_t last = ns(data_.imu.timestamps[4]);
+        // The kernel buffer holds five batches: a sample can be lost only
+        // when the batch was handed over more than 25 ms after the last one.
+        if (last_imu_ && returned - last_imu_ < 24 * kImuPeriodNs)
+            lost_ += (first - last_imu_ - kImuPeriodNs / 2) / kImuPeriodNs;
+        last_imu_ = last;
+        if (data_.updated_sensors & SENSORS_UPDATED_MOTORS) {
+            const int64_t m = ns(data_.motors.timestamp);
+            after_batch_ += m > first;
+            not_newest_ += m <= first - motor_period_ || m <= last_motor_;
+            last_motor_ = m;
+            motor_updates_++;
+        } else if (controller_on_grid && last_motor_ && last_motor_ + motor_period_ <= first) {
+            if (!left_behind_++)
+                first_left_behind_ = "batch " + std::to_string(first - last_motor_) + " ns after the sample, read " +
+                                     std::to_string(reads_);
+        }
+        reads_++;
+        return returned - last >= kBatchNs;
+    }
+    // Reads until one returns with no further batch complete; the reads it took.
+    int drain(bool controller_on_grid)
+    {
+        int reads = 1;
+        while (cycle(controller_on_grid) && reads < 100)
+            reads++;
+        return reads;
+    }
+
+    static constexpr int64_t kImuPeriodNs = 1000000;
+    static constexpr int64_t kBatchNs = 5 * kImuPeriodNs;
+    int64_t motor_period_ = 0;
+    int64_t last_imu_ = 0;
+    int64_t last_motor_ = 0;
+    int64_t lost_ = 0;
+    int motor_updates_ = 0;
+    // Controller samples taken after the batch's first sample; older than the
+    // newest one up to it; a newer one up to it left behind.
+    int after_batch_ = 0;
+    int not_newest_ = 0;
+    int left_behind_ = 0;
+    std::string first_left_behind_;
+    int reads_ = 0;
+};
+
+TEST_P(MotorPacing, BatchesGetTheNewestControllerSampleUpToThemAndNeverQueueUp)
+{
+    const pacing_case &c = GetParam();
+    sim::scenario s = sim::default_scenario();
+    for (sim::scenario_device &d : s.devices)
+        if (d.kind == sim::device_kind::motors) {
+            d.sampling_frequency = c.controller_hz;
+            if (c.delay_ms >= 0)
+                d.delivery_delay_s = c.delay_ms / 1000;
+        }
+    motor_period_ = 1000000000 / c.controller_hz;
+    start_server(s);
+    cfg_text text = cfg_text::all_disabled().section("imu", imu_section());
+    text.section("bldc", {{"enabled", "true"}, {"device", "\"orlune-esc\""}, {"trigger", "\"orlune-esc-trig\""}});
+    configure(text);
+    ASSERT_EQ(probe(), 0);
+    ASSERT_EQ(drv_.start(ctx_), 0);
+
+    // Steady flight: a read that returns with the next batch already there
+    // is a moment of load; a backlog that persists is a fault.
+    int run = 0, longest = 0;
+    for (int i = 0; i < 300; i++) {
+        run = cycle(true) ? run + 1 : 0;
+        longest = std::max(longest, run);
+    }
+    EXPECT_LE(longest, 10) << "IMU batches queued up behind the reads";
+    EXPECT_GE(motor_updates_, 300 * std::min(c.controller_hz, 200) / 200 - 5);
+
+    // The host is held up for 10 ms: two batches wait in the kernel buffer,
+    // and are read back to back without a sample lost.
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_LE(drain(true), 10);
+
+    // The controller falls silent for 100 ms: the read waits for the sample
+    // due (the IMU's kernel buffer overflows meanwhile), then the backlog drains.
+    sim::scenario_fault stall;
+    stall.kind = sim::fault_kind::stall;
+    stall.device = "orlune-esc";
+    stall.duration_s = 0.1;
+    ASSERT_EQ(server_->inject(stall), 0);
+    EXPECT_LE(drain(false), 10);
+    const int updates = motor_updates_;
+    for (int i = 0; i < 100 && motor_updates_ < updates + 2; i++)
+        cycle(false);
+    ASSERT_GE(motor_updates_, updates + 2) << "the controller's samples did not come back";
+    // The IMU's trigger falls silent: the controller's queue fills, and the
+    // first batch after it gets the newest of those samples.
+    stall.device = "orlune-imu";
+    ASSERT_EQ(server_->inject(stall), 0);
+    last_imu_ = 0; // a silent trigger loses nothing
+    EXPECT_LE(drain(true), 10);
+    for (int i = 0; i < 20; i++)
+        cycle(true);
+    EXPECT_EQ(lost_, 0) << "IMU samples lost that the kernel buffer held";
+    EXPECT_EQ(after_batch_, 0) << "controller samples taken after the batch's first sample";
+    EXPECT_EQ(not_newest_, 0) << "controller samples older than the newest up to the batch";
+    EXPECT_EQ(left_behind_, 0) << "batches without the newer controller sample up to them: " << first_left_behind_;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Controllers, MotorPacing,
+    ::testing::Values(pacing_case{"delay0", 200, 0}, pacing_case{"delay1ms", 200, 1},
+                      pacing_case{"delayAPeriod", 200, 5}, pacing_case{"slower", 100, -1},
+                      pacing_case{"faster", 400, -1}),
+    [](const ::testing::TestParamInfo<pacing_case> &info) { return std::string(info.param.name); });
 
 } // namespace
