@@ -30,14 +30,50 @@ struct level_table {
 
 enum class log_output { stderr_out, syslog_out, none };
 
+// The syslog sink collapses identical consecutive lines, as system loggers
+// do: the first is written, the repeats are counted and reported as "last
+// message repeated N times" when a different line comes, or at the next
+// repeat once a second has passed since the count began.
+struct syslog_repeats {
+    std::mutex lock;
+    bool have_last = false;
+    int priority = 0;
+    char tag[kTagNameMax] = {};
+    char text[kMessageMax] = {};
+    uint32_t count = 0;
+    int64_t since_ms = 0;
+
+    void flush()
+    {
+        if (count)
+            syslog(priority, "%s: last message repeated %u times", tag, count);
+        count = 0;
+    }
+    ~syslog_repeats() { flush(); }
+};
+
 struct log_state {
     level_table levels;
     log_output output = log_output::stderr_out;
+    syslog_repeats repeats;
     std::atomic<uint64_t> formatted{0};
     std::atomic<bool> capturing{false};
     std::mutex capture_lock;
     std::vector<log_record> captured;
 };
+
+bool parse_output(const char *name, log_output *out)
+{
+    if (strcmp(name, "stderr") == 0)
+        *out = log_output::stderr_out;
+    else if (strcmp(name, "syslog") == 0)
+        *out = log_output::syslog_out;
+    else if (strcmp(name, "none") == 0)
+        *out = log_output::none;
+    else
+        return false;
+    return true;
+}
 
 bool parse_levels(const char *spec, level_table *out)
 {
@@ -82,10 +118,8 @@ log_state &state()
         if (levels && !parse_levels(levels, &s.levels))
             fprintf(stderr, "sensors log: ignoring malformed SENSORS_LOG_LEVEL '%s'\n", levels);
         const char *output = getenv("SENSORS_LOG_OUTPUT");
-        if (output && strcmp(output, "syslog") == 0)
-            s.output = log_output::syslog_out;
-        else if (output && strcmp(output, "none") == 0)
-            s.output = log_output::none;
+        if (output)
+            parse_output(output, &s.output);
         return true;
     }();
     (void)configured;
@@ -106,6 +140,38 @@ char priority_letter(int priority)
     return priority >= 0 && priority <= LOG_DEBUG ? kLetters[priority] : '?';
 }
 
+// The text's length without its trailing newlines.
+size_t text_length(const char *text)
+{
+    size_t len = strlen(text);
+    while (len && text[len - 1] == '\n')
+        len--;
+    return len;
+}
+
+void emit_syslog(syslog_repeats &r, const log_tag &tag, int priority, const char *text)
+{
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    const int64_t now_ms = int64_t(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+    const size_t len = text_length(text);
+    std::lock_guard<std::mutex> lock(r.lock);
+    if (r.have_last && r.priority == priority && strcmp(r.tag, tag.name) == 0 && strlen(r.text) == len &&
+        strncmp(r.text, text, len) == 0) {
+        if (r.count++ == 0)
+            r.since_ms = now_ms;
+        if (now_ms - r.since_ms >= 1000)
+            r.flush();
+        return;
+    }
+    r.flush();
+    syslog(priority, "%s: %.*s", tag.name, int(len), text);
+    r.have_last = true;
+    r.priority = priority;
+    snprintf(r.tag, sizeof r.tag, "%s", tag.name);
+    snprintf(r.text, sizeof r.text, "%.*s", int(len), text);
+}
+
 void emit(log_state &s, const log_tag &tag, int priority, const char *text)
 {
     if (s.capturing.load(std::memory_order_acquire)) {
@@ -117,7 +183,7 @@ void emit(log_state &s, const log_tag &tag, int priority, const char *text)
     case log_output::none:
         return;
     case log_output::syslog_out:
-        syslog(priority, "%s: %s", tag.name, text);
+        emit_syslog(s.repeats, tag, priority, text);
         return;
     case log_output::stderr_out:
         break;
@@ -125,8 +191,9 @@ void emit(log_state &s, const log_tag &tag, int priority, const char *text)
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
     char line[kMessageMax + 96];
-    int n = snprintf(line, sizeof line, "[%5lld.%06ld] %c %s: %s\n", static_cast<long long>(now.tv_sec),
-                     now.tv_nsec / 1000, priority_letter(priority), tag.name, text);
+    // A text that ends in newlines still makes one line.
+    int n = snprintf(line, sizeof line, "[%5lld.%06ld] %c %s: %.*s\n", static_cast<long long>(now.tv_sec),
+                     now.tv_nsec / 1000, priority_letter(priority), tag.name, int(text_length(text)), text);
     if (n < 0)
         return;
     size_t len = size_t(n) < sizeof line ? size_t(n) : sizeof line - 1;
@@ -205,6 +272,23 @@ int log_set_levels(const char *spec)
     if (!parse_levels(spec, &table))
         return -EINVAL;
     state().levels = table;
+    return 0;
+}
+
+int log_set_output(const char *name)
+{
+    if (!name)
+        return -EINVAL;
+    log_state &s = state();
+    log_output output;
+    if (!parse_output(name, &output))
+        return -EINVAL;
+    {
+        std::lock_guard<std::mutex> lock(s.repeats.lock);
+        s.repeats.flush();
+        s.repeats.have_last = false;
+    }
+    s.output = output;
     return 0;
 }
 

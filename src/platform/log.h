@@ -5,6 +5,9 @@
 // admits its priority (priority <= level). Levels come from SENSORS_LOG_LEVEL,
 // for instance "info,imu=debug,bldc=warning"; output goes to stderr (default)
 // or syslog, chosen by SENSORS_LOG_OUTPUT ("stderr", "syslog" or "none").
+// Each output ends a record with exactly one newline, whether the text ends
+// in one or not. The syslog output collapses identical consecutive records
+// into "last message repeated N times" (a second at most between reports).
 #pragma once
 
 #include <syslog.h>
@@ -41,6 +44,10 @@ void log_call_failed(const log_tag &tag, int priority, const char *function, int
 // Returns 0, or -EINVAL for a malformed list (the table is then
 // left as it was).
 int log_set_levels(const char *spec);
+
+// Switches the output: "stderr", "syslog" or "none", as SENSORS_LOG_OUTPUT
+// says at start. Returns 0, or -EINVAL for another name.
+int log_set_output(const char *name);
 
 // Level names: "crit"/"critical" 2, "err"/"error" 3, "warn"/"warning" 4,
 // "notice" 5, "info" 6, "debug" 7, "none"/"off" 0, or a digit 0..7.

@@ -123,7 +123,7 @@ TEST_F(LogTest, StderrLinesCarryTimePriorityAndTag)
     int saved = dup(STDERR_FILENO);
     dup2(pipefd[1], STDERR_FILENO);
     log_msg(kBaro, LOG_WARNING, "pressure %.1f", 101325.0);
-    log_str(kImu, LOG_CRIT, "gone");
+    log_str(kImu, LOG_CRIT, "gone\n"); // one newline ends the line, whatever the text ends with
     dup2(saved, STDERR_FILENO);
     close(saved);
     close(pipefd[1]);
@@ -133,6 +133,43 @@ TEST_F(LogTest, StderrLinesCarryTimePriorityAndTag)
     ASSERT_GT(n, 0);
     std::regex expected(R"(\[ *\d+\.\d{6}\] W baro: pressure 101325\.0\n\[ *\d+\.\d{6}\] C imu: gone\n)");
     EXPECT_TRUE(std::regex_match(std::string(buf), expected)) << buf;
+}
+
+// A flood of one line (a vision outage logs two lines a cycle) reaches syslog
+// as the line and a count, once a second at most; the other outputs keep
+// every line.
+TEST_F(LogTest, SyslogCollapsesIdenticalConsecutiveLines)
+{
+    int pipefd[2];
+    ASSERT_EQ(pipe(pipefd), 0);
+    int saved = dup(STDERR_FILENO);
+    dup2(pipefd[1], STDERR_FILENO);
+    openlog("t", LOG_PERROR, LOG_USER); // glibc copies every syslog record to stderr
+    ASSERT_EQ(log_set_output("syslog"), 0);
+    for (int i = 0; i < 3; i++)
+        log_str(kImu, LOG_ERR, "no sample\n");
+    log_str(kImu, LOG_ERR, "other");
+    log_str(kBaro, LOG_ERR, "other");
+    log_str(kBaro, LOG_ERR, "other");
+    usleep(1050000);
+    log_str(kBaro, LOG_ERR, "other"); // a second since the count began
+    log_str(kBaro, LOG_ERR, "other");
+    EXPECT_EQ(log_set_output("stderr"), 0); // reports what is pending
+    EXPECT_EQ(log_set_output("file"), -EINVAL);
+    closelog();
+    dup2(saved, STDERR_FILENO);
+    close(saved);
+    close(pipefd[1]);
+    char buf[1024] = {};
+    ssize_t n = read(pipefd[0], buf, sizeof buf - 1);
+    close(pipefd[0]);
+    ASSERT_GT(n, 0);
+    EXPECT_EQ(std::string(buf), "t: imu: no sample\n"
+                                "t: imu: last message repeated 2 times\n"
+                                "t: imu: other\n"
+                                "t: baro: other\n"
+                                "t: baro: last message repeated 2 times\n"
+                                "t: baro: last message repeated 1 times\n");
 }
 
 } // namespace
