@@ -114,12 +114,6 @@ extern "C" magneto_ctx *magneto_new(const sensors_magneto_config *config, iio_co
 {
     if (!config || !iio || !data)
         return nullptr;
-    // 0 keeps the device's rate; a positive rate gives the telemetry period.
-    if (config->sampling_frequency < 0) {
-        log_msg(kTag, LOG_ERR, "invalid magneto sampling-frequency %d: must be positive, or 0 for the device's rate",
-                config->sampling_frequency);
-        return nullptr;
-    }
     owned<magneto_ctx, magneto_destroy> magneto{zeroed_new<magneto_ctx>()};
     if (!magneto)
         return nullptr;
@@ -142,12 +136,14 @@ extern "C" magneto_ctx *magneto_new(const sensors_magneto_config *config, iio_co
                     __LINE__, config->sampling_frequency, -r, strerror(-r));
             return nullptr;
         }
-        period = polled::period_us(config->sampling_frequency);
-        if (period == 0) {
-            log_msg(kTag, LOG_ERR, "%s: magneto sampling frequency %d Hz is above %d Hz",
+        // The device decides which rates it takes; one it took must still
+        // give a telemetry period of a whole microsecond or more.
+        if (config->sampling_frequency < 0 || config->sampling_frequency > polled::kMaxFrequencyHz) {
+            log_msg(kTag, LOG_ERR, "%s: magneto sampling frequency %d Hz is not in 1..%d Hz",
                     polled::device_name(magneto->device), config->sampling_frequency, polled::kMaxFrequencyHz);
             return nullptr;
         }
+        period = polled::period_us(config->sampling_frequency);
     }
 
     if (!bind_channels(*magneto))

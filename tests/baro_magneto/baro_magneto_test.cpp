@@ -301,8 +301,9 @@ TEST_F(BaroMagnetoTest, CreationFailures)
          "barometer_new:L: failed to register tlm baro struct err=12(Cannot allocate memory)"},
         {true, [&] { failpoint_arm("shm_producer_complete", -EACCES); },
          "barometer_new:L: producer_complete err=13(Permission denied)"},
+        // The device refuses a negative rate, and says so through the write.
         {false, [&] { magneto_config_.sampling_frequency = -1; },
-         "invalid magneto sampling-frequency -1: must be positive, or 0 for the device's rate"},
+         "magneto_new:L: can't set magneto sampling frequency to -1 err=22(Invalid argument)"},
         {false, [&] { magneto_config_.device = "missing"; }, nullptr},
         {false, [&] { magneto_config_.trigger = "missing"; }, nullptr},
         {false, [&] { magneto_config_.sampling_frequency = 2000000; },
