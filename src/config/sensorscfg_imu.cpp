@@ -50,19 +50,22 @@ int read_thread_cfg(sensors_imu_config *imu, const config_t *tree, const char *s
     const config_setting_t *names = config_lookup(tree, key);
     if (!names || !config_setting_is_aggregate(names) || config_setting_length(names) <= 0)
         return 0;
-    int count = config_setting_length(names);
-    imu->thread_cfg_count = count;
+    // The record gets the names and their count together, or neither.
+    const int count = config_setting_length(names);
     if (failpoint_check(kFailThreadCfgAlloc) != 0)
         return -ENOMEM;
-    imu->thread_cfg = static_cast<const char **>(calloc(size_t(count), sizeof(const char *)));
-    if (!imu->thread_cfg)
+    auto **array = static_cast<const char **>(calloc(size_t(count), sizeof(const char *)));
+    if (!array)
         return -ENOMEM;
     for (int i = 0; i < count; i++) {
-        const char *name = config_setting_get_string_elem(names, i);
-        if (!name)
+        array[i] = config_setting_get_string_elem(names, i);
+        if (!array[i]) {
+            free(array);
             return sensorscfg_error(key);
-        imu->thread_cfg[i] = name;
+        }
     }
+    imu->thread_cfg = array;
+    imu->thread_cfg_count = count;
     return 0;
 }
 

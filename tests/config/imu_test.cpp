@@ -78,6 +78,8 @@ TEST_F(ConfigTest, SecondImuErrorsOnlyDisableIt)
     config_ptr config = load(cfg_text::complete().set("imu_vcam", "thread_cfg", "(\"a\", 2)"));
     ASSERT_TRUE(config);
     EXPECT_EQ(config->imu_vcam.enabled, 0);
+    EXPECT_EQ(config->imu_vcam.thread_cfg_count, 0); // count and array agree
+    EXPECT_EQ(config->imu_vcam.thread_cfg, nullptr);
     EXPECT_TRUE(has(messages(), LOG_ERR, "'imu_vcam.thread_cfg' not found or incorrect type"));
 }
 

@@ -197,6 +197,8 @@ TEST_F(ConfigTest, AllocationFailuresGiveNoRecord)
     ASSERT_TRUE(config);
     EXPECT_EQ(failpoint_fired(kFailThreadCfgAlloc), 1);
     EXPECT_EQ(config->imu_vcam.enabled, 0);
+    EXPECT_EQ(config->imu_vcam.thread_cfg_count, 0); // count and array agree
+    EXPECT_EQ(config->imu_vcam.thread_cfg, nullptr);
     EXPECT_EQ(config->imu.enabled, 1);
     failpoint_disarm_all();
 }
