@@ -126,8 +126,7 @@ size_t read_vectors(const imu_ctx &imu, channel_index first, double scale, float
     size_t n = 0;
     while (n < imu.fifo_size && p[0] < end) {
         for (int axis = 0; axis < 3; axis++) {
-            int16_t raw = 0;
-            iio_channel_convert(imu.channels[first + axis], &raw, p[axis]);
+            const auto raw = int16_t(channel_convert_int(imu.channels[first + axis], p[axis]));
             out[n][axis] = float(double(raw) * scale);
             p[axis] += step;
         }
@@ -201,8 +200,9 @@ extern "C" imu_ctx *imu_new(const sensors_imu_config *config, iio_context *iio, 
     }
 
     iio_channel_binding bindings[CHANNEL_COUNT];
+    // The vectors are read as 16-bit values, the timestamp as 64 bits.
     for (int i = 0; i < CHANNEL_COUNT; i++)
-        bindings[i] = {kChannelNames[i], &imu->channels[i]};
+        bindings[i] = {kChannelNames[i], &imu->channels[i], i == TIMESTAMP ? 64u : i == TEMP ? 0u : 16u};
     imu->buffer = buffer_create(imu->device, bindings, CHANNEL_COUNT, kKernelBatches * imu->fifo_size,
                                 imu->fifo_size, 1);
     if (!imu->buffer)
@@ -301,9 +301,7 @@ extern "C" int imu_read(imu_ctx *imu, uint32_t *updated)
     size_t ts_count = 0;
     for (const char *p = static_cast<const char *>(iio_buffer_first(buffer, imu->channels[TIMESTAMP]));
          ts_count < imu->fifo_size && p < end; p += step, ts_count++) {
-        int64_t ns = 0;
-        iio_channel_convert(imu->channels[TIMESTAMP], &ns, p);
-        d.timestamps[ts_count] = ns_to_timespec(ns);
+        d.timestamps[ts_count] = ns_to_timespec(channel_convert_int(imu->channels[TIMESTAMP], p));
     }
 
     if (accel_count != gyro_count || accel_count != temp_count || accel_count != ts_count)

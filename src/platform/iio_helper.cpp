@@ -80,6 +80,30 @@ void disable_bound(const iio_channel_binding *bindings, size_t count)
     }
 }
 
+// Whether the channel's samples are what the caller can read: one value per
+// scan, in its expected storage or in one that channel_convert_int handles.
+bool storage_fits(const iio_device *device, const iio_channel *channel, unsigned expected_bits)
+{
+    const iio_data_format *f = iio_channel_get_data_format(channel);
+    const char *id = iio_channel_get_id(channel);
+    if (f->repeat > 1) {
+        log_msg(kTag, LOG_ERR, "%s: channel %s repeats its value %u times in a scan, once expected",
+                device_label(device), id, f->repeat);
+        return false;
+    }
+    if (expected_bits && f->length != expected_bits) {
+        log_msg(kTag, LOG_ERR, "%s: channel %s has %u-bit storage, %u-bit expected", device_label(device), id,
+                f->length, expected_bits);
+        return false;
+    }
+    if (f->length != 8 && f->length != 16 && f->length != 32 && f->length != 64) {
+        log_msg(kTag, LOG_ERR, "%s: channel %s has %u-bit storage, 8, 16, 32 or 64 expected", device_label(device),
+                id, f->length);
+        return false;
+    }
+    return true;
+}
+
 int write_enable(iio_device *device, const char *value)
 {
     const ssize_t n = iio_device_buffer_attr_write(device, "enable", value);
@@ -219,6 +243,10 @@ iio_buffer *buffer_create(iio_device *device, const iio_channel_binding *binding
         if (!chn || !bindings[i].channel || !iio_channel_is_scan_element(chn)) {
             log_msg(kTag, LOG_ERR, "%s: no channel %s to stream", device_label(device),
                     bindings[i].name ? bindings[i].name : "(null)");
+            disable_bound(bindings, count);
+            return nullptr;
+        }
+        if (!storage_fits(device, chn, bindings[i].storage_bits)) {
             disable_bound(bindings, count);
             return nullptr;
         }

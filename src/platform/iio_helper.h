@@ -15,9 +15,12 @@
 #include <ctime>
 
 // A channel to enable in buffer_create, and where to store its handle.
+// storage_bits: the sample size the caller reads the channel with, 0 for any
+// that channel_convert_int handles (8, 16, 32 or 64 bits).
 struct iio_channel_binding {
     const char *name;
     iio_channel **channel;
+    unsigned storage_bits = 0;
 };
 
 // An attribute to read with attr_read_doubles, by sysfs file name
@@ -50,7 +53,9 @@ inline int attr_read_matrix(iio_device *device, const char *name, float matrix[3
 // The parser behind attr_read_matrix.
 int matrix_parse(const char *text, float matrix[9]);
 
-// Enables the bound channels (storing each handle), sets the kernel buffer
+// Checks that each bound channel holds one value per scan in storage the
+// caller can read (its storage_bits, or any of 8, 16, 32 and 64 bits), then
+// enables the bound channels (storing each handle), sets the kernel buffer
 // length (in scans) and creates a buffer that each refill fills with up to
 // samples_per_refill scans. blocking selects whether a refill waits for a
 // full batch; a backend that cannot switch modes (the network one) keeps the

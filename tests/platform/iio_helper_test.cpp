@@ -338,7 +338,7 @@ TEST_F(IioHelper, PolledBarometerAnswersEagainUntilItsNextScan)
     device_deinit(baro, trigger, buffer);
 }
 
-TEST_F(IioHelper, BufferCreateRefusesUnknownChannelsAndLeavesNoneEnabled)
+TEST_F(IioHelper, BufferCreateRefusesUnknownChannelsAndStorageItCannotReadAndLeavesNoneEnabled)
 {
     iio_device *imu = device_init(ctx_.get(), "orlune-imu", 1);
     iio_channel *a = nullptr, *b = nullptr;
@@ -346,6 +346,42 @@ TEST_F(IioHelper, BufferCreateRefusesUnknownChannelsAndLeavesNoneEnabled)
     EXPECT_EQ(buffer_create(imu, bindings, 2, 8, 1, 1), nullptr);
     EXPECT_EQ(a, nullptr);
     EXPECT_FALSE(iio_channel_is_enabled(iio_device_find_channel(imu, "accel_x", false)));
+
+    // A device tree may describe a channel with other storage than the
+    // reader converts to: refused before anything is enabled.
+    const std::string xml = "<?xml version=\"1.0\" encoding=\"utf-8\"?><context name=\"xml\">"
+                            "<device id=\"iio:device0\" name=\"odd\">"
+                            "<channel id=\"c16\" type=\"input\"><scan-element index=\"0\" format=\"le:s16/16&gt;&gt;0\" /></channel>"
+                            "<channel id=\"c32\" type=\"input\"><scan-element index=\"1\" format=\"le:s16/32&gt;&gt;0\" /></channel>"
+                            "<channel id=\"c24\" type=\"input\"><scan-element index=\"2\" format=\"be:u24/24&gt;&gt;0\" /></channel>"
+                            "<channel id=\"twice\" type=\"input\"><scan-element index=\"3\" format=\"le:s16/16X2&gt;&gt;0\" /></channel>"
+                            "</device></context>";
+    iio_ptr odd{iio_create_xml_context_mem(xml.c_str(), xml.size())};
+    ASSERT_TRUE(odd);
+    iio_device *dev = iio_context_find_device(odd.get(), "odd");
+    ASSERT_TRUE(dev);
+    struct row {
+        const char *channel;
+        unsigned storage_bits;
+        const char *message; // null: the format is accepted (the XML backend then makes no buffer)
+    };
+    for (const row &r : {row{"c16", 16, nullptr}, row{"c32", 0, nullptr},
+                         row{"c32", 16, "odd: channel c32 has 32-bit storage, 16-bit expected"},
+                         row{"c24", 0, "odd: channel c24 has 24-bit storage, 8, 16, 32 or 64 expected"},
+                         row{"twice", 16, "odd: channel twice repeats its value 2 times in a scan, once expected"}}) {
+        SCOPED_TRACE(r.channel);
+        log_capture cap;
+        iio_channel *c = nullptr, *good = nullptr;
+        const iio_channel_binding two[] = {{"c16", &good, 16}, {r.channel, &c, r.storage_bits}};
+        EXPECT_EQ(buffer_create(dev, two, 2, 8, 1, 1), nullptr);
+        const std::vector<std::string> texts = cap.texts("iio_helper");
+        ASSERT_EQ(texts.size(), 1u);
+        if (r.message)
+            EXPECT_EQ(texts[0], r.message);
+        else
+            EXPECT_EQ(texts[0].rfind("odd: can't create buffer", 0), 0u) << texts[0];
+        EXPECT_FALSE(iio_channel_is_enabled(iio_device_find_channel(dev, "c16", false)));
+    }
 }
 
 TEST_F(IioHelper, SeveralDevicesStreamAtOnce)
