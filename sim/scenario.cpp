@@ -117,6 +117,23 @@ public:
         return 0;
     }
 
+    // A group of name = "value" pairs.
+    int attributes(const config_setting_t *group, std::vector<std::pair<std::string, std::string>> *out)
+    {
+        const config_setting_t *s = config_setting_get_member(group, "attributes");
+        if (!s)
+            return 0;
+        if (!config_setting_is_group(s))
+            return fail(s, "'attributes' must be a group of name = \"value\" pairs");
+        for (int i = 0; i < config_setting_length(s); i++) {
+            const config_setting_t *e = config_setting_get_elem(s, static_cast<unsigned>(i));
+            if (config_setting_type(e) != CONFIG_TYPE_STRING)
+                return fail(e, std::string("attribute '") + config_setting_name(e) + "' must be a string");
+            out->emplace_back(config_setting_name(e), config_setting_get_string(e));
+        }
+        return 0;
+    }
+
     int device(const config_setting_t *g, scenario_device *d)
     {
         std::string kind;
@@ -131,7 +148,7 @@ public:
             (rc = number(g, "noise", &d->noise_counts)) || (rc = number(g, "warm-up-rise", &d->warm.rise_k)) ||
             (rc = number(g, "warm-up-time-constant", &d->warm.time_constant_s)) ||
             (rc = number(g, "supply-voltage", &d->supply_voltage)) || (rc = integer(g, "flight-time", &d->flight_time_s)) ||
-            (rc = number(g, "delivery-delay", &d->delivery_delay_s)))
+            (rc = number(g, "delivery-delay", &d->delivery_delay_s)) || (rc = attributes(g, &d->attributes)))
             return rc;
         return 0;
     }

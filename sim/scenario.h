@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace sim {
@@ -41,6 +42,10 @@ struct scenario_device {
     // transfer, driver work), s; unset: the kind's default, see
     // delivery_delay_ns.
     std::optional<double> delivery_delay_s;
+    // Attribute values (by sysfs file name) that replace the model's own, for
+    // a device tree that reports odd ones (a zero or NaN scale). Only what the
+    // device reports changes; its samples are still made with its own values.
+    std::vector<std::pair<std::string, std::string>> attributes;
 };
 
 struct scenario_phase {

@@ -90,8 +90,8 @@ extern "C" barometer_ctx *barometer_new(const sensors_baro_config *config, iio_c
         return nullptr;
 
     const iio_attr_double attrs[] = {
-        {"in_pressure0_scale", &baro->pressure_scale},
-        {"in_temp1_scale", &baro->temp_scale},
+        {"in_pressure0_scale", &baro->pressure_scale, true},
+        {"in_temp1_scale", &baro->temp_scale, true},
     };
     if (attr_read_doubles(baro->device, attrs, std::size(attrs)) < 0)
         return nullptr;

@@ -65,10 +65,10 @@ bool bind_channels(magneto_ctx &m)
         bindings[3] = bindings[4];
     const size_t channel_count = with_temp ? 5 : 4;
     const iio_attr_double attrs[] = {
-        {"in_magn_x_scale", &m.scales[0]},
-        {"in_magn_y_scale", &m.scales[1]},
-        {"in_magn_z_scale", &m.scales[2]},
-        {"in_temp0_scale", &m.temp_scale},
+        {"in_magn_x_scale", &m.scales[0], true},
+        {"in_magn_y_scale", &m.scales[1], true},
+        {"in_magn_z_scale", &m.scales[2], true},
+        {"in_temp0_scale", &m.temp_scale}, // 0 has a message of its own below
         {"in_temp0_offset", &m.temp_offset},
     };
     const size_t attr_count = with_temp ? 5 : 3;

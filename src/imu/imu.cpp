@@ -169,9 +169,9 @@ extern "C" imu_ctx *imu_new(const sensors_imu_config *config, iio_context *iio, 
         return nullptr;
 
     const iio_attr_double attrs[] = {
-        {"in_anglvel_scale", &imu->gyro_scale},
-        {"in_accel_scale", &imu->accel_scale},
-        {"in_temp0_scale", &imu->temp_scale},
+        {"in_anglvel_scale", &imu->gyro_scale, true},
+        {"in_accel_scale", &imu->accel_scale, true},
+        {"in_temp0_scale", &imu->temp_scale, true},
         {"in_temp0_offset", &imu->temp_offset},
     };
     if (attr_read_doubles(imu->device, attrs, std::size(attrs)) < 0)

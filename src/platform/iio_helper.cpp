@@ -2,6 +2,7 @@
 #include "platform/iio_helper.h"
 
 #include <cerrno>
+#include <cmath>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -178,6 +179,13 @@ int attr_read_doubles(iio_device *device, const iio_attr_double *attrs, size_t c
         if (rc < 0) {
             log_msg(kTag, LOG_ERR, "%s: can't read %s: %s", device_label(device), attrs[i].name, std::strerror(-rc));
             return rc;
+        }
+        // A NaN or an infinity would reach every reading through it.
+        const double v = *attrs[i].value;
+        if (!std::isfinite(v) || (attrs[i].scale && v == 0.0)) {
+            log_msg(kTag, LOG_ERR, "%s: %s is %g, not a usable %s", device_label(device), attrs[i].name, v,
+                    attrs[i].scale ? "scale" : "value");
+            return -EINVAL;
         }
     }
     return 0;

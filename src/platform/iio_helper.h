@@ -25,9 +25,12 @@ struct iio_channel_binding {
 
 // An attribute to read with attr_read_doubles, by sysfs file name
 // ("in_accel_scale", "sampling_frequency"), and where to store its value.
+// A scale must also be other than 0: every reading is multiplied by it, and
+// some are divided by it.
 struct iio_attr_double {
     const char *name;
     double *value;
+    bool scale = false;
 };
 
 // The device named (device name, label or id). With buffered set, the device
@@ -40,7 +43,8 @@ iio_device *device_init(iio_context *ctx, const char *name, int buffered);
 iio_device *trigger_init(iio_context *ctx, const char *name, iio_device *device);
 
 // Reads each attribute as a double; stops at the first failure (-ENOENT for
-// an attribute the device does not have).
+// an attribute the device does not have, -EINVAL for a value that is not a
+// finite number, or a scale of 0).
 int attr_read_doubles(iio_device *device, const iio_attr_double *attrs, size_t count);
 
 // Reads a kernel mount matrix ("x1, y1, z1; x2, y2, z2; x3, y3, z3") into

@@ -166,7 +166,7 @@ motor_client *controller_open(iio_device *trigger, iio_context *ctx, const char 
         return client.release();
 
     double millivolts_per_unit = 0;
-    const iio_attr_double scale{"in_voltage_scale", &millivolts_per_unit};
+    const iio_attr_double scale{"in_voltage_scale", &millivolts_per_unit, true};
     if (attr_read_doubles(client->device, &scale, 1) < 0)
         return nullptr;
     client->volts_per_unit = millivolts_per_unit / 1000.0;

@@ -145,6 +145,38 @@ TEST_F(IioHelper, AttrReadDoublesFindsChannelAndDeviceAttributesByFileName)
     EXPECT_EQ(untouched, -1);
     EXPECT_EQ(cap.texts("iio_helper"), std::vector<std::string>{"orlune-imu: no attribute in_magn_x_scale"});
     EXPECT_EQ(attr_read_doubles(nullptr, missing, 2), -EINVAL);
+
+    // A device tree that reports a scale of 0, or a value that is no finite
+    // number: refused, so that no reading is ever divided by 0 or made NaN.
+    sim::scenario odd = sim::default_scenario();
+    odd.devices[0].attributes = {{"in_accel_scale", "0"}, {"in_anglvel_scale", "nan"}, {"in_temp0_offset", "inf"}};
+    odd.devices[1].attributes = {{"in_temp1_scale", "-0.0"}, {"in_pressure0_scale", "-inf"}};
+    ctx_.reset();
+    start(odd);
+    imu = device_init(ctx_.get(), "orlune-imu", 1);
+    baro = device_init(ctx_.get(), "orlune-lps22hb", 1);
+    struct row {
+        iio_device *device;
+        iio_attr_double attr;
+        int result;
+        const char *message;
+    };
+    double value = 0;
+    for (const row &r : {row{imu, {"in_accel_scale", &value, true}, -EINVAL, "orlune-imu: in_accel_scale is 0, not a usable scale"},
+                         row{imu, {"in_accel_scale", &value}, 0, nullptr}, // 0 is a value, not a scale
+                         row{imu, {"in_anglvel_scale", &value, true}, -EINVAL, "orlune-imu: in_anglvel_scale is nan, not a usable scale"},
+                         row{imu, {"in_temp0_offset", &value}, -EINVAL, "orlune-imu: in_temp0_offset is inf, not a usable value"},
+                         row{baro, {"in_temp1_scale", &value, true}, -EINVAL, "orlune-lps22hb: in_temp1_scale is -0, not a usable scale"},
+                         row{baro, {"in_pressure0_scale", &value, true}, -EINVAL, "orlune-lps22hb: in_pressure0_scale is -inf, not a usable scale"}}) {
+        SCOPED_TRACE(r.attr.name);
+        EXPECT_EQ(attr_read_doubles(r.device, &r.attr, 1), r.result);
+        EXPECT_EQ(cap.texts("iio_helper"), r.message ? std::vector<std::string>{r.message} : std::vector<std::string>{});
+    }
+    odd.devices[1].attributes = {{"in_no_such_scale", "1"}};
+    ctx_.reset();
+    std::string error;
+    EXPECT_FALSE(sim::iiod_server::start(odd, sim::server_options{}, &error));
+    EXPECT_EQ(error, "orlune-lps22hb: no attribute in_no_such_scale to set");
 }
 
 TEST_F(IioHelper, AttrReadMatrixReadsTheKernelMountMatrices)
