@@ -382,19 +382,18 @@ calling the real ones. Callgrind collects each of the two calls alone
 per-step clocks.
 
 **What bounds it.** Three things, and the plug-in's arithmetic is not one of
-them. First, the motor controller's read flushes the controller's samples up
-to the time of the batch's first IMU sample with a blocking refill (bounded by
-5 s): when the controller's sample for that time is not there yet, the read
-waits for it. With the controller at 200 Hz beside IMU batches at 200 Hz, that
-wait takes anything from nothing to most of the 5 ms period, depending on the
-phase of the two streams in that run; the IMU wait is then as much shorter,
-and the two waits together take most of the period. It is time blocked, not
-spent.
+them. First, the motor controller's read takes the controller's samples up to
+the time of the batch's first IMU sample. It asks the IIO server for a sample
+only while one up to that time is due, so with the controller at the batch
+rate it makes one refill per cycle that finds its sample already delivered,
+and waits only when a due sample is late (the controller's delivery delay
+beyond the batch's span): a round trip, rarely a wait.
 Second, round trips to the IIO server over libiio's network backend: one
 refill per polled IIO device per cycle (the barometer and magnetometer mostly
-answer -EAGAIN), and the two changes of the context's timeout around the
-motor flush, each a request and an answer on the socket, with system calls on
-both sides. Third, the rest (\`imu_read\`, the GPS and ultrasound sockets'
+answer -EAGAIN), each a request and an answer on the socket, with system calls
+on both sides. The motor read's timeout changes around its flush cost nothing
+any more: the flush's 5000 ms is the network backend's own timeout, and the
+platform layer makes no request for a value already in force. Third, the rest (\`imu_read\`, the GPS and ultrasound sockets'
 non-blocking reads, the vision and gimbal readers' shared-memory reads, the
 battery's attribute files once a second, the telemetry pushes): the last row
 of the first table. The thread's CPU time is mostly the kernel's work for the
