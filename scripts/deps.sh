@@ -4,7 +4,9 @@
 #   demo  what scripts/run.sh needs to build the plug-in, orlune-sim,
 #         orlune-host and orlune-tlm, fly the demo and plot it
 #   all   everything the project can use: the demo's packages, and the tests,
-#         benchmarks, fuzzers, sanitizers and the benchmark report
+#         benchmarks, fuzzers, sanitizers and the benchmark report (llvm
+#         brings llvm-symbolizer: clang's sanitizers name the frames with it,
+#         and the fuzz targets' leak suppressions match those names)
 # When every package is there (dpkg -s), nothing is run and nothing printed.
 set -euo pipefail
 
@@ -17,7 +19,7 @@ all=(
   "${demo[@]}"
   libiio-utils
   libgtest-dev libgmock-dev libbenchmark-dev
-  clang libclang-rt-14-dev
+  clang libclang-rt-14-dev llvm
   valgrind
 )
 
