@@ -173,9 +173,11 @@ if [ -n "$log" ]; then
     printf "%.3f|%s|%s|%s\n", first[k], cat[k], label[k], level[k]
     delete count[k]
   }
-  match($0, /^\[[0-9.]+\] [A-Z] [^:]+: /) {
-    t = substr($1, 2, length($1) - 2) - epoch; prio = $2; tag = $3; sub(/:$/, "", tag)
+  # "[  123.456789] W tag: text": the seconds are padded on the left.
+  match($0, /^\[ *[0-9.]+\] [A-Z] [^:]+: /) {
     msg = substr($0, RLENGTH + 1)
+    split(substr($0, 2, RLENGTH - 1), head, "]")
+    t = head[1] + 0 - epoch; split(head[2], word, " "); prio = word[1]; tag = word[2]; sub(/:$/, "", tag)
     evt = index(msg, "EVT:")
     if (!evt && prio !~ /[WECA]/ && !(prio == "I" && category(tag, "") ~ /gps|vision/)) next
     if (evt) {

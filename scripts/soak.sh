@@ -13,11 +13,9 @@ build=${BUILD_DIR:-$root/build}
 seconds=${1:-1800}
 out=${2:-$build/soak-$(date +%Y%m%d-%H%M%S)}
 
-if [ ! -f "$build/build.ninja" ]; then
-  "$root/scripts/deps.sh"
-  cmake -S "$root" -B "$build" -G Ninja
-fi
-cmake --build "$build" -j "$(nproc)" --target soak_runner
+# Installs, configures (again, after a demo-only configure) and builds everything.
+"$root/scripts/build.sh" "$build"
+
 
 mkdir -p "$out"
 echo "soak: ${seconds} s; the report follows at the end (files in $out)"
