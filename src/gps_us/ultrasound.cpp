@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // The ultrasound altimeter: polls the ultrasound ranging service once per
-// cycle and copies its latest result into the us sub-record.
+// cycle and copies its latest result into the us sub-record. The service may
+// start after the plug-in or restart during a flight: start does not wait
+// for it, each read lets the service layer reconnect, and the absence is
+// reported once per absence.
 #include <sensors/gps_us.h>
 
 #include <array>
@@ -49,6 +52,7 @@ struct us_ctx {
     uint32_t index; // new measurements seen since creation
     sensors_us_data *record;
     shm_producer *producer;
+    bool absence_reported; // "not available" logged, the service not back since
 };
 
 extern "C" void us_destroy(us_ctx *us)
@@ -98,11 +102,14 @@ extern "C" int us_start(us_ctx *us)
         return -1;
     ranging_settings settings{};
     settings.period_us = kRangingPeriodUs;
+    // Opens also while the service is absent: the handle connects when it
+    // listens, and the other sensors start meanwhile.
     us->ranging = ranging_open(&settings);
     if (!us->ranging) {
         log_msg(kTag, LOG_ERR, "ranging_open() failed");
         return -ENOMEM;
     }
+    us->absence_reported = false;
     return 0;
 }
 
@@ -121,7 +128,14 @@ extern "C" int us_read(us_ctx *us, uint32_t *updated)
         return -EINVAL;
     if (!us->ranging)
         return -1;
-    ranging_read(us->ranging, us->result);
+    const bool connected = ranging_read(us->ranging, us->result) != -ENOTCONN;
+    if (!connected && !us->absence_reported) {
+        log_msg(kTag, LOG_WARNING, "ultrasound service not available: retrying");
+        us->absence_reported = true;
+    } else if (connected && us->absence_reported) {
+        log_msg(kTag, LOG_INFO, "connected to the ultrasound service");
+        us->absence_reported = false;
+    }
     sensors_us_data &d = *us->record;
     const bool fresh = us->result->new_count != 0;
     if (fresh) {

@@ -100,11 +100,9 @@ ranging_handle *ranging_open(const ranging_settings *settings)
         errno = -r;
         return nullptr;
     }
-    if (!context_is_connected(h->context)) {
-        errno = ECONNREFUSED;
-        return nullptr;
-    }
-    // The request goes out with the connected event, at the first read.
+    // The request goes out with the connected event, at the first read after
+    // the connection came up: at once when the service listens, later when
+    // it starts after us.
     return h.release();
 }
 

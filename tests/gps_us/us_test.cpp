@@ -5,6 +5,9 @@
 
 #include <gmock/gmock.h>
 
+#include <chrono>
+#include <thread>
+
 #include "gps_us_env.h"
 #include "platform/failpoint.h"
 #include "platform/ultrasound_service.h"
@@ -28,10 +31,13 @@ protected:
         us_destroy(us_);
         server_destroy(server_);
     }
-    static void on_event(msg_server *, int event, msg_connection *conn, const msg_message *, void *user)
+    static void on_event(msg_server *, int event, msg_connection *conn, const msg_message *message, void *user)
     {
+        auto *self = static_cast<Ultrasound *>(user);
         if (event == MSG_EVENT_CONNECTED)
-            static_cast<Ultrasound *>(user)->client_ = conn;
+            self->client_ = conn;
+        else if (event == MSG_EVENT_MESSAGE && message_get_id(message) == kUsMsgRequest)
+            self->requests_++;
     }
     // Starts and lets the request reach the service.
     void start()
@@ -56,6 +62,7 @@ protected:
 
     msg_server *server_ = nullptr;
     msg_connection *client_ = nullptr;
+    unsigned requests_ = 0; // ranging requests received
     sensors_us_data data_{};
     us_ctx *us_ = nullptr;
 };
@@ -117,12 +124,42 @@ TEST_F(Ultrasound, TheIndexSurvivesStopAndStart)
     EXPECT_EQ(data_.altitude, 2.0f);
 }
 
-TEST_F(Ultrasound, AServiceThatIsNotThereRefusesTheStart)
+TEST_F(Ultrasound, AnAbsentServiceIsReportedOnceAndDeliversOnceItListens)
 {
+    // Round 1: no service when acquisition starts. Round 2: the service
+    // delivered, then went away.
     server_destroy(server_);
     server_ = nullptr;
-    EXPECT_EQ(us_start(us_), -ENOMEM);
-    EXPECT_THAT(cap_.texts("us"), ElementsAre("ranging_open() failed"));
+    EXPECT_EQ(us_start(us_), 0);
+    for (unsigned round = 1; round <= 2; round++) {
+        server_destroy(server_);
+        server_ = nullptr;
+        client_ = nullptr;
+        // Cycles over several connection retries: one report, nothing new.
+        std::vector<std::string> texts;
+        const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(3 * kMsgRetryMs);
+        while (std::chrono::steady_clock::now() < until) {
+            EXPECT_EQ(read(), 0u);
+            for (const std::string &t : cap_.texts("us"))
+                texts.push_back(t);
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        EXPECT_THAT(texts, ElementsAre("ultrasound service not available: retrying")) << "round " << round;
+        EXPECT_EQ(data_.index, round - 1);
+
+        server_ = server_create(kUltrasoundSocketName, on_event, this);
+        ASSERT_NE(server_, nullptr);
+        ASSERT_TRUE(eventually([&] {
+            read();
+            server_process(server_, 0);
+            return requests_ == round;
+        })) << "the request goes out on every connection, round " << round;
+        measure(float(round), 0.5f, 0, 0);
+        EXPECT_EQ(read(), SENSORS_UPDATED_US);
+        EXPECT_EQ(data_.index, round);
+        EXPECT_EQ(data_.altitude, float(round));
+        EXPECT_THAT(cap_.texts("us"), ElementsAre("connected to the ultrasound service")) << "round " << round;
+    }
 }
 
 class ModuleConstruction : public gps_us_env {};
