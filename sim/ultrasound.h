@@ -3,8 +3,9 @@
 // socket "ultrasound" (relocated by ORLUNE_SOCKET_PREFIX) and sends each
 // client that asked for ranging one measurement per requested period: the
 // slant range to the ground below the vehicle, in metres, with its range
-// mode. Its settings are the group "ultrasound" of the scenario's
-// "simulator" group; see docs/gps-ultrasound.md.
+// mode. The scenario can start it late, restart it or kill it. Its settings
+// are the group "ultrasound" of the scenario's "simulator" group; see
+// docs/gps-ultrasound.md.
 #pragma once
 
 #include <atomic>
@@ -12,10 +13,18 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "sim/scenario.h"
 
 namespace sim {
+
+// The service stops listening at at_s (scenario time) and drops its
+// clients; it listens again duration_s later. One at 0 starts it late.
+struct ultrasound_outage {
+    double at_s = 0.0;
+    double duration_s = -1.0; // < 0: killed, never back
+};
 
 struct ultrasound_settings {
     bool enabled = true;
@@ -23,14 +32,17 @@ struct ultrasound_settings {
     double max_range_m = 8.0;         // beyond: no echo (status 1)
     double noise_m = 0.01;            // standard deviation of each measurement
     double filter_gain = 0.3;         // of the second, filtered height
+    std::vector<ultrasound_outage> outages; // sorted by time
 };
 
 int ultrasound_settings_load(const std::string &scenario_path, ultrasound_settings *out, std::string *error);
 
 class ultrasound_service {
 public:
-    // Starts serving now on a thread of its own; the scenario's clock began
-    // at epoch_ns (monotonic). Null with *error when the socket cannot be bound.
+    // Starts serving now on a thread of its own, unless an outage has
+    // already begun: the scenario's clock began at epoch_ns (monotonic).
+    // Null with *error when the socket cannot be bound (checked also when
+    // the service starts late).
     static std::unique_ptr<ultrasound_service> start(const ultrasound_settings &settings, const scenario &s,
                                                      int64_t epoch_ns, std::string *error);
     ~ultrasound_service();
@@ -39,6 +51,7 @@ public:
 
     // Clients that asked for ranging.
     size_t ranging_clients() const { return ranging_.load(); }
+    bool serving() const { return serving_.load(); }
 
     struct impl;
 
@@ -46,6 +59,7 @@ private:
     explicit ultrasound_service(std::unique_ptr<impl> p);
     std::unique_ptr<impl> impl_;
     std::atomic<size_t> ranging_{0};
+    std::atomic<bool> serving_{false};
     std::thread thread_;
 };
 

@@ -41,7 +41,8 @@ TEST_F(SimServices, SettingsComeFromTheScenarioFile)
     write_file(path, R"(simulator = {
   gps = { loc-rate = 20; latitude = 10.5; firmware = "fw-9";
           faults = ( { at = 4.0; kind = "kill"; }, { at = 2; kind = "restart"; duration = 0.5; } ); };
-  ultrasound = { enabled = false; max-range = 5; short-range-limit = 1.5; };
+  ultrasound = { enabled = false; max-range = 5; short-range-limit = 1.5;
+                 faults = ( { at = 6; kind = "kill"; }, { at = 0; kind = "restart"; duration = 2.5; } ); };
 };
 )");
     sim::gps_settings gps;
@@ -59,14 +60,29 @@ TEST_F(SimServices, SettingsComeFromTheScenarioFile)
     EXPECT_FALSE(us.enabled);
     EXPECT_EQ(us.max_range_m, 5.0);
     EXPECT_EQ(us.short_range_limit_m, 1.5);
+    ASSERT_EQ(us.outages.size(), 2u);
+    EXPECT_EQ(us.outages[0].at_s, 0.0);
+    EXPECT_EQ(us.outages[0].duration_s, 2.5);
+    EXPECT_LT(us.outages[1].duration_s, 0.0);
 
     write_file(path, "simulator = {\n gps = {\n faults = ( { at = 1.0; kind = \"explode\"; } ); };\n};\n");
     EXPECT_EQ(sim::gps_settings_load(path, &gps, &error), -EINVAL);
     EXPECT_THAT(error, HasSubstr("unknown fault kind 'explode'"));
     EXPECT_THAT(error, HasSubstr("line 3"));
-    write_file(path, "simulator = { ultrasound = { noise = \"loud\"; }; };\n");
-    EXPECT_EQ(sim::ultrasound_settings_load(path, &us, &error), -EINVAL);
-    EXPECT_THAT(error, HasSubstr("noise must be a number"));
+    const struct {
+        const char *group;
+        const char *error;
+    } refused[] = {
+        {"noise = \"loud\";", "noise must be a number"},
+        {"faults = ( { at = 1.0; kind = \"echo\"; } );", "unknown fault kind 'echo' (restart, kill) (line 1)"},
+        {"faults = ( { at = 1.0; kind = \"restart\"; duration = -1.0; } );", "duration must not be negative"},
+        {"faults = ( { at = -1.0; kind = \"kill\"; } );", "time must not be negative"},
+    };
+    for (const auto &r : refused) {
+        write_file(path, std::string("simulator = { ultrasound = { ") + r.group + " }; };\n");
+        EXPECT_EQ(sim::ultrasound_settings_load(path, &us, &error), -EINVAL) << r.group;
+        EXPECT_THAT(error, HasSubstr(r.error)) << r.group;
+    }
     EXPECT_EQ(sim::gps_settings_load(root_.at("/missing.cfg"), &gps, &error), -ENOENT);
 }
 
