@@ -81,12 +81,25 @@ void disable_bound(const iio_channel_binding *bindings, size_t count)
     }
 }
 
+// Whether libiio can convert a sample of this format: its value bits,
+// shifted into place, lie inside its storage. libiio's conversion trusts the
+// format and reaches outside the sample when they do not.
+bool format_convertible(const iio_data_format *f)
+{
+    return f->bits != 0 && f->bits <= f->length && f->shift <= f->length - f->bits;
+}
+
 // Whether the channel's samples are what the caller can read: one value per
 // scan, in its expected storage or in one that channel_convert_int handles.
 bool storage_fits(const iio_device *device, const iio_channel *channel, unsigned expected_bits)
 {
     const iio_data_format *f = iio_channel_get_data_format(channel);
     const char *id = iio_channel_get_id(channel);
+    if (!format_convertible(f)) {
+        log_msg(kTag, LOG_ERR, "%s: channel %s has %u value bits shifted by %u in %u-bit storage",
+                device_label(device), id, f->bits, f->shift, f->length);
+        return false;
+    }
     if (f->repeat > 1) {
         log_msg(kTag, LOG_ERR, "%s: channel %s repeats its value %u times in a scan, once expected",
                 device_label(device), id, f->repeat);
@@ -207,6 +220,10 @@ int matrix_parse(const char *text, float matrix[9])
         if (end == p || errno == ERANGE)
             return -EINVAL;
         values[i] = static_cast<float>(v);
+        // "nan", "inf" or a number beyond a float would reach every rotated
+        // reading.
+        if (!std::isfinite(values[i]))
+            return -EINVAL;
         p = end;
         while (*p == ' ' || *p == '\t')
             p++;
@@ -335,7 +352,7 @@ int64_t channel_convert_int(const iio_channel *channel, const void *src)
     const unsigned bytes = f->length / 8;
     const unsigned repeat = f->repeat ? f->repeat : 1;
     alignas(8) unsigned char out[64] = {};
-    if (bytes == 0 || bytes > 8 || bytes * repeat > sizeof out)
+    if (bytes == 0 || bytes > 8 || bytes * repeat > sizeof out || !format_convertible(f))
         return 0;
     // Byte order, shift, sign extension or masking, as libiio does it.
     iio_channel_convert(channel, out, src);

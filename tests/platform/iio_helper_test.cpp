@@ -212,6 +212,10 @@ TEST(IioHelperMatrix, ParsesNineNumbersInRowsAndRejectsAnythingElse)
         {"1; 0; 0; 0; 1; 0; 0; 0; 1", -EINVAL, {}},
         {"1, 0, 0; 0, 1, 0; 0, 0, 1; 4", -EINVAL, {}},
         {"a, 0, 0; 0, 1, 0; 0, 0, 1", -EINVAL, {}},
+        // Every rotated reading would carry these.
+        {"nan, 0, 0; 0, 1, 0; 0, 0, 1", -EINVAL, {}},
+        {"1, 0, 0; 0, 1, 0; 0, 0, -inf", -EINVAL, {}},
+        {"1e39, 0, 0; 0, 1, 0; 0, 0, 1", -EINVAL, {}},
         {"", -EINVAL, {}},
     };
     for (const row &r : rows) {
@@ -387,6 +391,10 @@ TEST_F(IioHelper, BufferCreateRefusesUnknownChannelsAndStorageItCannotReadAndLea
                             "<channel id=\"c32\" type=\"input\"><scan-element index=\"1\" format=\"le:s16/32&gt;&gt;0\" /></channel>"
                             "<channel id=\"c24\" type=\"input\"><scan-element index=\"2\" format=\"be:u24/24&gt;&gt;0\" /></channel>"
                             "<channel id=\"twice\" type=\"input\"><scan-element index=\"3\" format=\"le:s16/16X2&gt;&gt;0\" /></channel>"
+                            "<channel id=\"wide\" type=\"input\"><scan-element index=\"4\" format=\"le:s32/16&gt;&gt;0\" /></channel>"
+                            "<channel id=\"far\" type=\"input\"><scan-element index=\"5\" format=\"le:u8/16&gt;&gt;12\" /></channel>"
+                            "<channel id=\"none\" type=\"input\"><scan-element index=\"6\" format=\"le:s0/16&gt;&gt;0\" /></channel>"
+                            "<channel id=\"be12\" type=\"input\"><scan-element index=\"7\" format=\"be:s12/16&gt;&gt;4\" /></channel>"
                             "</device></context>";
     iio_ptr odd{iio_create_xml_context_mem(xml.c_str(), xml.size())};
     ASSERT_TRUE(odd);
@@ -400,7 +408,12 @@ TEST_F(IioHelper, BufferCreateRefusesUnknownChannelsAndStorageItCannotReadAndLea
     for (const row &r : {row{"c16", 16, nullptr}, row{"c32", 0, nullptr},
                          row{"c32", 16, "odd: channel c32 has 32-bit storage, 16-bit expected"},
                          row{"c24", 0, "odd: channel c24 has 24-bit storage, 8, 16, 32 or 64 expected"},
-                         row{"twice", 16, "odd: channel twice repeats its value 2 times in a scan, once expected"}}) {
+                         row{"twice", 16, "odd: channel twice repeats its value 2 times in a scan, once expected"},
+                         // Value bits that, shifted into place, would not lie in the storage.
+                         row{"wide", 0, "odd: channel wide has 32 value bits shifted by 0 in 16-bit storage"},
+                         row{"far", 16, "odd: channel far has 8 value bits shifted by 12 in 16-bit storage"},
+                         row{"none", 0, "odd: channel none has 0 value bits shifted by 0 in 16-bit storage"},
+                         row{"be12", 16, nullptr}}) {
         SCOPED_TRACE(r.channel);
         log_capture cap;
         iio_channel *c = nullptr, *good = nullptr;
@@ -414,6 +427,12 @@ TEST_F(IioHelper, BufferCreateRefusesUnknownChannelsAndStorageItCannotReadAndLea
             EXPECT_EQ(texts[0].rfind("odd: can't create buffer", 0), 0u) << texts[0];
         EXPECT_FALSE(iio_channel_is_enabled(iio_device_find_channel(dev, "c16", false)));
     }
+    // Converting those gives 0 rather than reaching outside the sample; the
+    // accepted one is swapped, shifted and sign-extended.
+    const unsigned char sample[8] = {0x80, 0x10, 0x7f, 0xff, 0xff, 0xff, 0xff, 0xff};
+    for (const char *id : {"wide", "far", "none"})
+        EXPECT_EQ(channel_convert_int(iio_device_find_channel(dev, id, false), sample), 0) << id;
+    EXPECT_EQ(channel_convert_int(iio_device_find_channel(dev, "be12", false), sample), -2047);
 }
 
 TEST_F(IioHelper, SeveralDevicesStreamAtOnce)
