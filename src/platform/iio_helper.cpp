@@ -100,7 +100,7 @@ bool storage_fits(const iio_device *device, const iio_channel *channel, unsigned
                 device_label(device), id, f->bits, f->shift, f->length);
         return false;
     }
-    if (f->repeat > 1) {
+    if (f->repeat != 1) { // 0 would give the scan no room for it
         log_msg(kTag, LOG_ERR, "%s: channel %s repeats its value %u times in a scan, once expected",
                 device_label(device), id, f->repeat);
         return false;

@@ -395,6 +395,7 @@ TEST_F(IioHelper, BufferCreateRefusesUnknownChannelsAndStorageItCannotReadAndLea
                             "<channel id=\"far\" type=\"input\"><scan-element index=\"5\" format=\"le:u8/16&gt;&gt;12\" /></channel>"
                             "<channel id=\"none\" type=\"input\"><scan-element index=\"6\" format=\"le:s0/16&gt;&gt;0\" /></channel>"
                             "<channel id=\"be12\" type=\"input\"><scan-element index=\"7\" format=\"be:s12/16&gt;&gt;4\" /></channel>"
+                            "<channel id=\"never\" type=\"input\"><scan-element index=\"8\" format=\"le:s16/16X0&gt;&gt;0\" /></channel>"
                             "</device></context>";
     iio_ptr odd{iio_create_xml_context_mem(xml.c_str(), xml.size())};
     ASSERT_TRUE(odd);
@@ -409,6 +410,7 @@ TEST_F(IioHelper, BufferCreateRefusesUnknownChannelsAndStorageItCannotReadAndLea
                          row{"c32", 16, "odd: channel c32 has 32-bit storage, 16-bit expected"},
                          row{"c24", 0, "odd: channel c24 has 24-bit storage, 8, 16, 32 or 64 expected"},
                          row{"twice", 16, "odd: channel twice repeats its value 2 times in a scan, once expected"},
+                         row{"never", 0, "odd: channel never repeats its value 0 times in a scan, once expected"},
                          // Value bits that, shifted into place, would not lie in the storage.
                          row{"wide", 0, "odd: channel wide has 32 value bits shifted by 0 in 16-bit storage"},
                          row{"far", 16, "odd: channel far has 8 value bits shifted by 12 in 16-bit storage"},
