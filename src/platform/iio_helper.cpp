@@ -82,11 +82,12 @@ void disable_bound(const iio_channel_binding *bindings, size_t count)
 }
 
 // Whether libiio can convert a sample of this format: its value bits,
-// shifted into place, lie inside its storage. libiio's conversion trusts the
-// format and reaches outside the sample when they do not.
+// shifted into place, lie inside the whole bytes of its storage. libiio's
+// conversion trusts the format and reaches outside the sample when they do not.
 bool format_convertible(const iio_data_format *f)
 {
-    return f->bits != 0 && f->bits <= f->length && f->shift <= f->length - f->bits;
+    const unsigned storage = f->length / 8 * 8;
+    return f->bits != 0 && f->bits <= storage && f->shift <= storage - f->bits;
 }
 
 // Whether the channel's samples are what the caller can read: one value per
@@ -95,11 +96,6 @@ bool storage_fits(const iio_device *device, const iio_channel *channel, unsigned
 {
     const iio_data_format *f = iio_channel_get_data_format(channel);
     const char *id = iio_channel_get_id(channel);
-    if (!format_convertible(f)) {
-        log_msg(kTag, LOG_ERR, "%s: channel %s has %u value bits shifted by %u in %u-bit storage",
-                device_label(device), id, f->bits, f->shift, f->length);
-        return false;
-    }
     if (f->repeat != 1) { // 0 would give the scan no room for it
         log_msg(kTag, LOG_ERR, "%s: channel %s repeats its value %u times in a scan, once expected",
                 device_label(device), id, f->repeat);
@@ -113,6 +109,11 @@ bool storage_fits(const iio_device *device, const iio_channel *channel, unsigned
     if (f->length != 8 && f->length != 16 && f->length != 32 && f->length != 64) {
         log_msg(kTag, LOG_ERR, "%s: channel %s has %u-bit storage, 8, 16, 32 or 64 expected", device_label(device),
                 id, f->length);
+        return false;
+    }
+    if (!format_convertible(f)) {
+        log_msg(kTag, LOG_ERR, "%s: channel %s has %u value bits shifted by %u in %u-bit storage",
+                device_label(device), id, f->bits, f->shift, f->length);
         return false;
     }
     return true;
@@ -370,7 +371,7 @@ int64_t channel_convert_int(const iio_channel *channel, const void *src)
     case 4: {
         uint32_t v;
         std::memcpy(&v, out, 4);
-        return f->is_signed ? static_cast<int32_t>(v) : v;
+        return f->is_signed ? int64_t{static_cast<int32_t>(v)} : int64_t{v};
     }
     case 8: {
         uint64_t v;

@@ -396,6 +396,8 @@ TEST_F(IioHelper, BufferCreateRefusesUnknownChannelsAndStorageItCannotReadAndLea
                             "<channel id=\"none\" type=\"input\"><scan-element index=\"6\" format=\"le:s0/16&gt;&gt;0\" /></channel>"
                             "<channel id=\"be12\" type=\"input\"><scan-element index=\"7\" format=\"be:s12/16&gt;&gt;4\" /></channel>"
                             "<channel id=\"never\" type=\"input\"><scan-element index=\"8\" format=\"le:s16/16X0&gt;&gt;0\" /></channel>"
+                            "<channel id=\"s32\" type=\"input\"><scan-element index=\"9\" format=\"le:s32/32&gt;&gt;0\" /></channel>"
+                            "<channel id=\"bytes12\" type=\"input\"><scan-element index=\"10\" format=\"le:s12/14&gt;&gt;0\" /></channel>"
                             "</device></context>";
     iio_ptr odd{iio_create_xml_context_mem(xml.c_str(), xml.size())};
     ASSERT_TRUE(odd);
@@ -429,12 +431,13 @@ TEST_F(IioHelper, BufferCreateRefusesUnknownChannelsAndStorageItCannotReadAndLea
             EXPECT_EQ(texts[0].rfind("odd: can't create buffer", 0), 0u) << texts[0];
         EXPECT_FALSE(iio_channel_is_enabled(iio_device_find_channel(dev, "c16", false)));
     }
-    // Converting those gives 0 rather than reaching outside the sample; the
-    // accepted one is swapped, shifted and sign-extended.
+    // Converting bits that lie outside the storage's whole bytes gives 0
+    // rather than reaching outside the sample; the others are swapped,
+    // shifted and sign-extended.
     const unsigned char sample[8] = {0x80, 0x10, 0x7f, 0xff, 0xff, 0xff, 0xff, 0xff};
-    for (const char *id : {"wide", "far", "none"})
-        EXPECT_EQ(channel_convert_int(iio_device_find_channel(dev, id, false), sample), 0) << id;
-    EXPECT_EQ(channel_convert_int(iio_device_find_channel(dev, "be12", false), sample), -2047);
+    for (const auto &[id, value] : {std::pair<const char *, int64_t>{"wide", 0}, {"far", 0}, {"none", 0}, {"bytes12", 0},
+                                    {"be12", -2047}, {"s32", -8449920}, {"c16", 4224}})
+        EXPECT_EQ(channel_convert_int(iio_device_find_channel(dev, id, false), sample), value) << id;
 }
 
 TEST_F(IioHelper, SeveralDevicesStreamAtOnce)
