@@ -1019,14 +1019,15 @@ std::unique_ptr<iiod_server> iiod_server::start(const scenario &s, const server_
         st.id = "iio:device" + std::to_string(p->sensors.size());
         st.trigger = p->triggers.size();
         st.values = st.model->initial_values();
-        for (const auto &[file, value] : d.attributes) {
-            auto it = std::find_if(st.values.begin(), st.values.end(), [&](const auto &v) { return v.first == file; });
+        for (const auto &set : d.attributes) {
+            auto it =
+                std::find_if(st.values.begin(), st.values.end(), [&](const auto &v) { return v.first == set.first; });
             if (it == st.values.end()) {
                 if (error)
-                    *error = d.name + ": no attribute " + file + " to set";
+                    *error = d.name + ": no attribute " + set.first + " to set";
                 return nullptr;
             }
-            it->second = value;
+            it->second = set.second;
         }
         p->triggers.push_back({"trigger" + std::to_string(p->triggers.size()), d.trigger, p->sensors.size()});
         p->sensors.push_back(std::move(st));

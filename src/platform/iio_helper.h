@@ -58,7 +58,8 @@ inline int attr_read_matrix(iio_device *device, const char *name, float matrix[3
 int matrix_parse(const char *text, float matrix[9]);
 
 // Checks that each bound channel holds one value per scan in storage the
-// caller can read (its storage_bits, or any of 8, 16, 32 and 64 bits), then
+// caller can read (its storage_bits, or any of 8, 16, 32 and 64 bits), with
+// its value bits, shifted into place, inside that storage; then
 // enables the bound channels (storing each handle), sets the kernel buffer
 // length (in scans) and creates a buffer that each refill fills with up to
 // samples_per_refill scans. blocking selects whether a refill waits for a
@@ -85,7 +86,8 @@ float buffer_first_float(const iio_buffer *buffer, const iio_channel *channel);
 int buffer_first_timestamp(const iio_buffer *buffer, const iio_channel *channel, timespec *timestamp);
 // Converts one sample at src, in the channel's format, to a float.
 float channel_convert_float(const iio_channel *channel, const void *src);
-// Same, as a 64-bit integer (sign-extended or zero-extended).
+// Same, as a 64-bit integer (sign-extended or zero-extended); 0 for a format
+// that buffer_create would refuse.
 int64_t channel_convert_int(const iio_channel *channel, const void *src);
 
 // The IIO context's timeout in force, in milliseconds. libiio can set a
