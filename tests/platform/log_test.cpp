@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <functional>
 #include <regex>
 #include <string>
 
@@ -18,6 +19,24 @@ constexpr log_tag kBaro{"baro"};
 class LogTest : public ::testing::Test {
 protected:
     void TearDown() override { log_set_levels("info"); }
+
+    // What body writes to stderr.
+    static std::string stderr_of(const std::function<void()> &body)
+    {
+        int pipefd[2];
+        if (pipe(pipefd) != 0)
+            return "(no pipe)";
+        const int saved = dup(STDERR_FILENO);
+        dup2(pipefd[1], STDERR_FILENO);
+        body();
+        dup2(saved, STDERR_FILENO);
+        close(saved);
+        close(pipefd[1]);
+        char buf[1024] = {};
+        const ssize_t n = read(pipefd[0], buf, sizeof buf - 1);
+        close(pipefd[0]);
+        return n > 0 ? std::string(buf, size_t(n)) : std::string();
+    }
 };
 
 TEST_F(LogTest, PerTagLevelsDecideWhatIsEmitted)
@@ -118,21 +137,12 @@ TEST_F(LogTest, OverlongMessagesAreCutNotOverflowed)
 
 TEST_F(LogTest, StderrLinesCarryTimePriorityAndTag)
 {
-    int pipefd[2];
-    ASSERT_EQ(pipe(pipefd), 0);
-    int saved = dup(STDERR_FILENO);
-    dup2(pipefd[1], STDERR_FILENO);
-    log_msg(kBaro, LOG_WARNING, "pressure %.1f", 101325.0);
-    log_str(kImu, LOG_CRIT, "gone\n"); // one newline ends the line, whatever the text ends with
-    dup2(saved, STDERR_FILENO);
-    close(saved);
-    close(pipefd[1]);
-    char buf[512] = {};
-    ssize_t n = read(pipefd[0], buf, sizeof buf - 1);
-    close(pipefd[0]);
-    ASSERT_GT(n, 0);
+    const std::string out = stderr_of([] {
+        log_msg(kBaro, LOG_WARNING, "pressure %.1f", 101325.0);
+        log_str(kImu, LOG_CRIT, "gone\n"); // one newline ends the line, whatever the text ends with
+    });
     std::regex expected(R"(\[ *\d+\.\d{6}\] W baro: pressure 101325\.0\n\[ *\d+\.\d{6}\] C imu: gone\n)");
-    EXPECT_TRUE(std::regex_match(std::string(buf), expected)) << buf;
+    EXPECT_TRUE(std::regex_match(out, expected)) << out;
 }
 
 // A flood of one line (a vision outage logs two lines a cycle) reaches syslog
@@ -140,36 +150,27 @@ TEST_F(LogTest, StderrLinesCarryTimePriorityAndTag)
 // every line.
 TEST_F(LogTest, SyslogCollapsesIdenticalConsecutiveLines)
 {
-    int pipefd[2];
-    ASSERT_EQ(pipe(pipefd), 0);
-    int saved = dup(STDERR_FILENO);
-    dup2(pipefd[1], STDERR_FILENO);
-    openlog("t", LOG_PERROR, LOG_USER); // glibc copies every syslog record to stderr
-    ASSERT_EQ(log_set_output("syslog"), 0);
-    for (int i = 0; i < 3; i++)
-        log_str(kImu, LOG_ERR, "no sample\n");
-    log_str(kImu, LOG_ERR, "other");
-    log_str(kBaro, LOG_ERR, "other");
-    log_str(kBaro, LOG_ERR, "other");
-    usleep(1050000);
-    log_str(kBaro, LOG_ERR, "other"); // a second since the count began
-    log_str(kBaro, LOG_ERR, "other");
-    EXPECT_EQ(log_set_output("stderr"), 0); // reports what is pending
-    EXPECT_EQ(log_set_output("file"), -EINVAL);
-    closelog();
-    dup2(saved, STDERR_FILENO);
-    close(saved);
-    close(pipefd[1]);
-    char buf[1024] = {};
-    ssize_t n = read(pipefd[0], buf, sizeof buf - 1);
-    close(pipefd[0]);
-    ASSERT_GT(n, 0);
-    EXPECT_EQ(std::string(buf), "t: imu: no sample\n"
-                                "t: imu: last message repeated 2 times\n"
-                                "t: imu: other\n"
-                                "t: baro: other\n"
-                                "t: baro: last message repeated 2 times\n"
-                                "t: baro: last message repeated 1 times\n");
+    const std::string out = stderr_of([] {
+        openlog("t", LOG_PERROR, LOG_USER); // glibc copies every syslog record to stderr
+        ASSERT_EQ(log_set_output("syslog"), 0);
+        for (int i = 0; i < 3; i++)
+            log_str(kImu, LOG_ERR, "no sample\n");
+        log_str(kImu, LOG_ERR, "other");
+        log_str(kBaro, LOG_ERR, "other");
+        log_str(kBaro, LOG_ERR, "other");
+        usleep(1050000);
+        log_str(kBaro, LOG_ERR, "other"); // a second since the count began
+        log_str(kBaro, LOG_ERR, "other");
+        EXPECT_EQ(log_set_output("stderr"), 0); // reports what is pending
+        EXPECT_EQ(log_set_output("file"), -EINVAL);
+        closelog();
+    });
+    EXPECT_EQ(out, "t: imu: no sample\n"
+                   "t: imu: last message repeated 2 times\n"
+                   "t: imu: other\n"
+                   "t: baro: other\n"
+                   "t: baro: last message repeated 2 times\n"
+                   "t: baro: last message repeated 1 times\n");
 }
 
 } // namespace
