@@ -93,35 +93,7 @@ int parse_gps(const config_setting_t *g, gps_settings *out, std::string *error)
         setting_text(g, "receiver", &out->receiver, error) != 0)
         return -EINVAL;
 
-    const config_setting_t *faults = config_setting_get_member(g, "faults");
-    if (!faults)
-        return 0;
-    if (!config_setting_is_list(faults))
-        return fail(faults, "gps: faults must be a list of groups", error);
-    for (int i = 0; i < config_setting_length(faults); i++) {
-        const config_setting_t *f = config_setting_get_elem(faults, unsigned(i));
-        gps_outage o;
-        std::string kind;
-        if (!config_setting_is_group(f))
-            return fail(f, "gps: faults must be a list of groups", error);
-        if (setting_number(f, "at", &o.at_s, error) != 0 || setting_text(f, "kind", &kind, error) != 0)
-            return -EINVAL;
-        if (kind == "restart") {
-            o.duration_s = 1.0;
-            if (setting_number(f, "duration", &o.duration_s, error) != 0)
-                return -EINVAL;
-            if (o.duration_s < 0)
-                return fail(f, "gps: a restart's duration must not be negative", error);
-        } else if (kind != "kill") {
-            return fail(f, "gps: unknown fault kind '" + kind + "' (restart, kill)", error);
-        }
-        if (o.at_s < 0)
-            return fail(f, "gps: a fault's time must not be negative", error);
-        out->outages.push_back(o);
-    }
-    std::stable_sort(out->outages.begin(), out->outages.end(),
-                     [](const gps_outage &a, const gps_outage &b) { return a.at_s < b.at_s; });
-    return 0;
+    return service_outages_parse(g, &out->outages, error);
 }
 
 } // namespace
@@ -136,6 +108,42 @@ int setting_number(const config_setting_t *group, const char *key, double *out, 
     return fail(s, std::string(config_setting_name(group) ? config_setting_name(group) : "") + ": " + key +
                        " must be a number",
                 error);
+}
+
+int service_outages_parse(const config_setting_t *group, std::vector<service_outage> *out, std::string *error)
+{
+    const config_setting_t *faults = config_setting_get_member(group, "faults");
+    if (!faults)
+        return 0;
+    const std::string who = std::string(config_setting_name(group) ? config_setting_name(group) : "") + ": ";
+    if (!config_setting_is_list(faults))
+        return fail(faults, who + "faults must be a list of groups", error);
+    for (int i = 0; i < config_setting_length(faults); i++) {
+        const config_setting_t *f = config_setting_get_elem(faults, unsigned(i));
+        if (!config_setting_is_group(f))
+            return fail(f, who + "faults must be a list of groups", error);
+        service_outage o;
+        const char *kind = nullptr;
+        if (setting_number(f, "at", &o.at_s, error) != 0)
+            return -EINVAL;
+        if (!config_setting_lookup_string(f, "kind", &kind))
+            return fail(f, who + "a fault needs a kind (restart, kill)", error);
+        if (std::string(kind) == "restart") {
+            o.duration_s = 1.0;
+            if (setting_number(f, "duration", &o.duration_s, error) != 0)
+                return -EINVAL;
+            if (!(o.duration_s >= 0))
+                return fail(f, who + "a restart's duration must not be negative", error);
+        } else if (std::string(kind) != "kill") {
+            return fail(f, who + "unknown fault kind '" + kind + "' (restart, kill)", error);
+        }
+        if (!(o.at_s >= 0))
+            return fail(f, who + "a fault's time must not be negative", error);
+        out->push_back(o);
+    }
+    std::stable_sort(out->begin(), out->end(),
+                     [](const service_outage &a, const service_outage &b) { return a.at_s < b.at_s; });
+    return 0;
 }
 
 int load_service_group(const std::string &scenario_path, const char *name,
@@ -220,8 +228,7 @@ struct gps_daemon::impl {
 void gps_daemon::impl::run()
 {
     std::normal_distribution<double> noise(0.0, 1.0);
-    size_t next_outage = 0;
-    double back_at = -1.0; // while down: when the daemon comes back, < 0 never
+    outage_follower outages(settings.outages);
     double t0 = scenario_time();
     double next_loc = t0, next_com = t0, next_er = t0, next_fw = t0 + settings.fw_period_s;
     auto due = [](double *next, double t, double rate_hz) {
@@ -234,15 +241,11 @@ void gps_daemon::impl::run()
     };
     while (!stop.load()) {
         double t = scenario_time();
-        if (!server && back_at >= 0 && t >= back_at) {
-            back_at = -1.0;
-            open(nullptr);
-        }
-        if (server && next_outage < settings.outages.size() && t >= settings.outages[next_outage].at_s) {
-            const gps_outage &o = settings.outages[next_outage++];
+        const int change = outages.step(t, server != nullptr);
+        if (change > 0 && open(nullptr))
+            outages.reopened(); // a name taken meanwhile: tried again next tick
+        else if (change < 0)
             close();
-            back_at = o.duration_s < 0 ? -1.0 : o.at_s + o.duration_s;
-        }
         if (!server) {
             std::this_thread::sleep_for(std::chrono::milliseconds(kTickMs));
             continue;

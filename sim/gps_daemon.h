@@ -26,9 +26,37 @@ inline constexpr uint32_t kGpsMsgExCom = 1; // "%f%f%f%i%u%s"
 inline constexpr uint32_t kGpsMsgExEr = 2;  // "%f%f%f%f%f%f%f%i"
 inline constexpr uint32_t kGpsMsgFw = 3;    // "%s%s"
 
-struct gps_outage {
+// A service's outage: it stops listening at at_s (scenario time) and drops
+// its clients; it listens again duration_s later. One at 0 starts it late.
+struct service_outage {
     double at_s = 0.0;
     double duration_s = -1.0; // < 0: killed, never back
+};
+
+// Follows a service's outage schedule (sorted by time) from its thread: an
+// outage applies while the service is up, so one that begins during another
+// begins when the service is back.
+class outage_follower {
+public:
+    explicit outage_follower(const std::vector<service_outage> &outages) : outages_(outages) {}
+    // What the service does at scenario time t: -1 stop listening, +1 listen
+    // again (then reopened() once it does), 0 nothing.
+    int step(double t, bool up)
+    {
+        if (!up)
+            return back_at_ >= 0 && t >= back_at_ ? 1 : 0;
+        if (next_ >= outages_.size() || t < outages_[next_].at_s)
+            return 0;
+        const service_outage &o = outages_[next_++];
+        back_at_ = o.duration_s < 0 ? -1.0 : o.at_s + o.duration_s;
+        return -1;
+    }
+    void reopened() { back_at_ = -1.0; }
+
+private:
+    const std::vector<service_outage> &outages_;
+    size_t next_ = 0;
+    double back_at_ = -1.0; // while down: when the service listens again, < 0 never
 };
 
 struct gps_settings {
@@ -44,7 +72,7 @@ struct gps_settings {
     std::string constellation = "GNSS";
     std::string firmware = "orlune-gpsd 2.1.0";
     std::string receiver = "ORL-M8 rev 3";
-    std::vector<gps_outage> outages; // sorted by time
+    std::vector<service_outage> outages; // sorted by time
 };
 
 // Reads the group simulator.<name> of a scenario file and hands it to parse
@@ -55,6 +83,10 @@ int load_service_group(const std::string &scenario_path, const char *name,
                        std::string *error);
 // A number (integer or float) of a group; absent keys leave *out. 0 or -EINVAL.
 int setting_number(const config_setting_t *group, const char *key, double *out, std::string *error);
+// The group's list `faults = ( { at; kind = "restart"; duration; }, { at;
+// kind = "kill"; } )` into *out, sorted by time; messages begin with the
+// group's name. 0 or -EINVAL.
+int service_outages_parse(const config_setting_t *group, std::vector<service_outage> *out, std::string *error);
 
 int gps_settings_load(const std::string &scenario_path, gps_settings *out, std::string *error);
 

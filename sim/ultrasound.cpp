@@ -31,48 +31,6 @@ int64_t now_ns()
     return int64_t(t.tv_sec) * kNsPerSec + t.tv_nsec;
 }
 
-int fail(const config_setting_t *s, const std::string &what, std::string *error)
-{
-    *error = "ultrasound: " + what + " (line " + std::to_string(config_setting_source_line(s)) + ")";
-    return -EINVAL;
-}
-
-// faults = ( { at = 0.0; kind = "restart"; duration = 3.0; }, { at = 20.0; kind = "kill"; } );
-int parse_faults(const config_setting_t *g, ultrasound_settings *out, std::string *error)
-{
-    const config_setting_t *faults = config_setting_get_member(g, "faults");
-    if (!faults)
-        return 0;
-    if (!config_setting_is_list(faults))
-        return fail(faults, "faults must be a list of groups", error);
-    for (int i = 0; i < config_setting_length(faults); i++) {
-        const config_setting_t *f = config_setting_get_elem(faults, unsigned(i));
-        if (!config_setting_is_group(f))
-            return fail(f, "faults must be a list of groups", error);
-        ultrasound_outage o;
-        if (setting_number(f, "at", &o.at_s, error) != 0)
-            return -EINVAL;
-        const char *kind = nullptr;
-        if (!config_setting_lookup_string(f, "kind", &kind))
-            return fail(f, "a fault needs a kind (restart, kill)", error);
-        if (std::string(kind) == "restart") {
-            o.duration_s = 1.0;
-            if (setting_number(f, "duration", &o.duration_s, error) != 0)
-                return -EINVAL;
-            if (!(o.duration_s >= 0))
-                return fail(f, "a restart's duration must not be negative", error);
-        } else if (std::string(kind) != "kill") {
-            return fail(f, std::string("unknown fault kind '") + kind + "' (restart, kill)", error);
-        }
-        if (!(o.at_s >= 0))
-            return fail(f, "a fault's time must not be negative", error);
-        out->outages.push_back(o);
-    }
-    std::stable_sort(out->outages.begin(), out->outages.end(),
-                     [](const ultrasound_outage &a, const ultrasound_outage &b) { return a.at_s < b.at_s; });
-    return 0;
-}
-
 int parse_ultrasound(const config_setting_t *g, ultrasound_settings *out, std::string *error)
 {
     if (!g)
@@ -105,7 +63,7 @@ int parse_ultrasound(const config_setting_t *g, ultrasound_settings *out, std::s
             return -EINVAL;
         }
     }
-    return parse_faults(g, out, error);
+    return service_outages_parse(g, &out->outages, error);
 }
 
 } // namespace
@@ -216,22 +174,16 @@ struct ultrasound_service::impl {
         owner->serving_ = false;
     }
 
-    // Goes down when an outage begins and back up when it ends. An outage
-    // applies while the service is up: one that begins during another
-    // begins when the service is back.
-    size_t next_outage = 0;
-    double back_at = -1.0; // while down: when the service listens again, < 0 never
+    // Goes down when an outage begins and back up when it ends.
+    outage_follower outages{settings.outages};
 
     void follow_outages()
     {
-        const double t = double(now_ns() - epoch_ns) / 1e9;
-        if (!server && back_at >= 0 && t >= back_at && open(nullptr))
-            back_at = -1.0; // a name taken meanwhile: tried again next tick
-        if (server && next_outage < settings.outages.size() && t >= settings.outages[next_outage].at_s) {
-            const ultrasound_outage &o = settings.outages[next_outage++];
+        const int change = outages.step(double(now_ns() - epoch_ns) / 1e9, server != nullptr);
+        if (change > 0 && open(nullptr))
+            outages.reopened(); // a name taken meanwhile: tried again next tick
+        else if (change < 0)
             close();
-            back_at = o.duration_s < 0 ? -1.0 : o.at_s + o.duration_s;
-        }
     }
 
     void run()

@@ -15,16 +15,11 @@
 #include <thread>
 #include <vector>
 
+#include "sim/gps_daemon.h"
 #include "sim/scenario.h"
 
 namespace sim {
 
-// The service stops listening at at_s (scenario time) and drops its
-// clients; it listens again duration_s later. One at 0 starts it late.
-struct ultrasound_outage {
-    double at_s = 0.0;
-    double duration_s = -1.0; // < 0: killed, never back
-};
 
 struct ultrasound_settings {
     bool enabled = true;
@@ -32,7 +27,7 @@ struct ultrasound_settings {
     double max_range_m = 8.0;         // beyond: no echo (status 1)
     double noise_m = 0.01;            // standard deviation of each measurement
     double filter_gain = 0.3;         // of the second, filtered height
-    std::vector<ultrasound_outage> outages; // sorted by time
+    std::vector<service_outage> outages; // sorted by time
 };
 
 int ultrasound_settings_load(const std::string &scenario_path, ultrasound_settings *out, std::string *error);
