@@ -51,8 +51,7 @@ struct motor_client {
     iio_buffer *buffer;
     iio_channel *channels[CHANNEL_COUNT];
     double volts_per_unit;
-    int64_t period_ns; // sampling period; 0 until known
-    bool period_from_device;
+    int64_t period_ns; // sampling period; 0: unknown
     sample queued;     // kept by a flush for sample_read
     bool has_queued;
     sample ahead;      // taken beyond the last flush's limit
@@ -122,12 +121,6 @@ int fetch(motor_client *client, sample *out)
     out->detail = uint8_t(field(DETAIL));
     out->volts = float(double(field(VOLTAGE)) * client->volts_per_unit);
     out->timestamp_ns = field(TIMESTAMP);
-    // Without a sampling_frequency attribute, the period is the shortest
-    // interval seen between two samples.
-    const int64_t interval = out->timestamp_ns - client->newest_ns;
-    if (client->has_newest && interval > 0 && (client->period_ns == 0 || interval < client->period_ns) &&
-        !client->period_from_device)
-        client->period_ns = interval;
     client->newest_ns = out->timestamp_ns;
     client->has_newest = true;
     return 0;
@@ -191,11 +184,12 @@ int controller_enable(motor_client *client)
     if (!client || !client->buffer)
         return -EINVAL;
     client->has_queued = client->has_ahead = client->has_newest = false;
-    // The sampling period tells a flush when the next sample is due.
+    // The sampling period tells a flush when the next sample is due; a
+    // device that does not tell it gets asked at every flush.
     double hz = 0;
-    client->period_from_device = iio_device_find_attr(client->device, "sampling_frequency") &&
-                                 iio_device_attr_read_double(client->device, "sampling_frequency", &hz) == 0 && hz > 0;
-    client->period_ns = client->period_from_device ? int64_t(1e9 / hz + 0.5) : 0;
+    const bool rated = iio_device_find_attr(client->device, "sampling_frequency") &&
+                       iio_device_attr_read_double(client->device, "sampling_frequency", &hz) == 0 && hz > 0;
+    client->period_ns = rated ? int64_t(1e9 / hz + 0.5) : 0;
     return device_enable(client->device, client->trigger, client->buffer);
 }
 

@@ -69,8 +69,9 @@ int info_read(motor_client *client, motor_info *info);
 // counts again.
 //
 // The flush asks the device for a sample only while one up to limit can
-// still come: the next sample is due one sampling period after the newest
-// one taken. When that lies beyond limit, the flush returns without asking.
+// still come: the next sample is due one sampling period (the device's
+// sampling_frequency) after the newest one taken; without that attribute it
+// asks at every flush. When that lies beyond limit, the flush returns without asking.
 // A sample taken beyond limit belongs to a later flush and is held back for
 // it. When a sample is due, the flush waits for it (bounded by the context's
 // timeout): it has not been delivered yet.
