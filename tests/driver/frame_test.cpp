@@ -413,7 +413,6 @@ TEST_P(MotorPacing, BatchesGetTheNewestControllerSampleUpToThemAndNeverQueueUp)
         longest = std::max(longest, run);
     }
     EXPECT_LE(longest, 10) << "IMU batches queued up behind the reads";
-    EXPECT_GE(motor_updates_, 300 * std::min(c.controller_hz, 200) / 200 - 5);
 
     // The host is held up for 10 ms: two batches wait in the kernel buffer,
     // and are read back to back without a sample lost.
