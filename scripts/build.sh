@@ -9,6 +9,9 @@
 # The build directory is build/ by default. Both ways share it: a directory
 # configured by --demo before the tests' packages were installed is
 # configured again by the default way, which then builds everything.
+# The default way builds for tests: with fail points (ORLUNE_FAILPOINTS=ON),
+# which the tests arm; --demo leaves a directory's choice as it is, and a
+# new one without them, as a build for a vehicle.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 demo=0
@@ -37,9 +40,13 @@ configure() {
     exit 1
   fi
 }
-if [ ! -f "$build/build.ninja" ]; then
-  configure "$@"
-elif [ $demo = 0 ] && [ -n "$(left_out)" ]; then
+failpoints() { grep -q '^ORLUNE_FAILPOINTS:BOOL=ON$' "$build/CMakeCache.txt" 2>/dev/null; }
+
+if [ $demo = 0 ]; then
+  if [ ! -f "$build/build.ninja" ] || [ -n "$(left_out)" ] || ! failpoints; then
+    configure -DORLUNE_FAILPOINTS=ON "$@"
+  fi
+elif [ ! -f "$build/build.ninja" ]; then
   configure "$@"
 fi
 

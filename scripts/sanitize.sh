@@ -7,7 +7,7 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
 
 scripts/deps.sh
-if [ ! -f build-asan/build.ninja ]; then
+if [ ! -f build-asan/build.ninja ] || ! grep -q '^ORLUNE_FAILPOINTS:BOOL=ON$' build-asan/CMakeCache.txt; then
   cmake --preset asan
 fi
 cmake --build --preset asan -j "$(nproc)"

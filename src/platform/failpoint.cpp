@@ -8,6 +8,8 @@
 #include <cstring>
 #include <mutex>
 
+#if ORLUNE_FAILPOINTS
+
 namespace {
 
 constexpr size_t kMaxPoints = 16;
@@ -91,7 +93,7 @@ registry &reg()
 {
     static registry r;
     static const bool armed_from_env = [] {
-        if (const char *spec = getenv(kFailpointsEnv))
+        if (const char *spec = secure_getenv(kFailpointsEnv))
             arm_from_env(r, spec);
         return true;
     }();
@@ -154,3 +156,21 @@ int failpoint_fired(const char *name)
     point *p = name ? find(r, name) : nullptr;
     return p ? p->fired : 0;
 }
+
+#else // a build without fail points
+
+int failpoint_arm(const char *, int, int)
+{
+    return -ENOSYS;
+}
+
+void failpoint_disarm(const char *) {}
+
+void failpoint_disarm_all() {}
+
+int failpoint_fired(const char *)
+{
+    return 0;
+}
+
+#endif
