@@ -114,10 +114,10 @@ log_state &state()
 {
     static log_state s;
     static const bool configured = [] {
-        const char *levels = getenv("SENSORS_LOG_LEVEL");
+        const char *levels = secure_getenv("SENSORS_LOG_LEVEL");
         if (levels && !parse_levels(levels, &s.levels))
             fprintf(stderr, "sensors log: ignoring malformed SENSORS_LOG_LEVEL '%s'\n", levels);
-        const char *output = getenv("SENSORS_LOG_OUTPUT");
+        const char *output = secure_getenv("SENSORS_LOG_OUTPUT");
         if (output)
             parse_output(output, &s.output);
         return true;

@@ -10,7 +10,7 @@ int platform_path(const char *fixed, char *out, size_t size)
 {
     if (!fixed || fixed[0] != '/' || !out || size == 0)
         return -EINVAL;
-    const char *root = getenv(kRootEnv);
+    const char *root = secure_getenv(kRootEnv);
     if (!root)
         root = "";
     size_t root_len = strlen(root);

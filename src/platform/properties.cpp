@@ -26,7 +26,7 @@ bool is_blank(char c)
 
 FILE *open_properties()
 {
-    const char *path = getenv(kPropertiesEnv);
+    const char *path = secure_getenv(kPropertiesEnv);
     char relocated[PATH_MAX];
     if (!path || !*path) {
         if (platform_path(kPropertiesFile, relocated, sizeof relocated) != 0)

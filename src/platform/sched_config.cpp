@@ -268,7 +268,7 @@ int sched_config_open_default(sched_config **config)
     if (!config)
         return -EINVAL;
     *config = nullptr;
-    const char *path = getenv(kSchedConfigEnv);
+    const char *path = secure_getenv(kSchedConfigEnv);
     char relocated[PATH_MAX];
     if (!path || !*path) {
         if (platform_path(kSchedConfigFile, relocated, sizeof relocated) != 0)
