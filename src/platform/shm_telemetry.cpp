@@ -18,6 +18,7 @@
 #include "common/owned.h"
 #include "platform/failpoint.h"
 #include "platform/log.h"
+#include "platform/trust.h"
 
 namespace {
 
@@ -206,7 +207,7 @@ int tlm_dir(char *out, size_t size)
 {
     if (!out || size == 0)
         return -EINVAL;
-    const char *dir = getenv(kTlmDirEnv);
+    const char *dir = secure_getenv(kTlmDirEnv);
     if (!dir || !*dir)
         dir = kTlmDefaultDir;
     int n = snprintf(out, size, "%s", dir);
@@ -240,15 +241,73 @@ void tlm_view_close(tlm_section_view *view)
     *view = tlm_section_view{};
 }
 
-int tlm_view_open_path(const char *path, tlm_section_view *view)
+namespace {
+
+// Splits path into its directory ("." when it names none) and its last
+// component. 0 or -ENAMETOOLONG / -EINVAL.
+int split_path(const char *path, char *dir, size_t size, const char **file)
 {
-    if (!path || !view)
+    const char *slash = strrchr(path, '/');
+    *file = slash ? slash + 1 : path;
+    if (!**file)
         return -EINVAL;
-    tlm_view_close(view);
+    int n = !slash ? snprintf(dir, size, ".")
+            : slash == path ? snprintf(dir, size, "/")
+                            : snprintf(dir, size, "%.*s", static_cast<int>(slash - path), path);
+    return n < 0 || size_t(n) >= size ? -ENAMETOOLONG : 0;
+}
+
+// Opens the directory of path, checks it, then opens the file inside it
+// through that descriptor and checks the file: what is checked is what is
+// mapped, whatever happens to the names meanwhile. The file's descriptor, or
+// a negative errno; -EPERM with the reason in refusal.
+int open_trusted(const char *path, const trust_policy *policy, char *refusal, size_t size)
+{
+    char dir[512];
+    const char *file = nullptr;
+    int r = split_path(path, dir, sizeof dir, &file);
+    if (r < 0)
+        return r;
+    int dir_fd = open(dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (dir_fd < 0)
+        return -errno;
+    scope_guard close_dir{[dir_fd] { close(dir_fd); }};
+    char what[sizeof dir + 16];
+    snprintf(what, sizeof what, "directory %s", dir);
+    if ((r = trust_check_fd(policy, dir_fd, true, what, refusal, size)) < 0)
+        return r;
     // Non-blocking: a FIFO planted under a section's name must not hang the reader.
-    int fd = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    int fd = openat(dir_fd, file, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW);
+    if (fd < 0 && errno == ELOOP) {
+        snprintf(refusal, size, "%s is a symbolic link", path);
+        return -EPERM;
+    }
     if (fd < 0)
         return -errno;
+    if ((r = trust_check_fd(policy, fd, false, path, refusal, size)) < 0) {
+        close(fd);
+        return r;
+    }
+    return fd;
+}
+
+} // namespace
+
+int tlm_view_open_path(const char *path, tlm_section_view *view)
+{
+    trust_policy policy;
+    trust_policy_load(&policy);
+    return tlm_view_open_trusted(path, &policy, view);
+}
+
+int tlm_view_open_trusted(const char *path, const trust_policy *policy, tlm_section_view *view)
+{
+    if (!path || !policy || !view)
+        return -EINVAL;
+    tlm_view_close(view);
+    int fd = open_trusted(path, policy, view->refusal, sizeof view->refusal);
+    if (fd < 0)
+        return fd;
     scope_guard close_fd{[fd] { close(fd); }};
     struct stat st;
     if (fstat(fd, &st) < 0)
@@ -400,7 +459,7 @@ bool append(T **items, size_t *count, const T &item)
 void mark_closed(int fd)
 {
     struct stat st;
-    if (fstat(fd, &st) < 0 || st.st_size < off_t(sizeof(file_header)))
+    if (fstat(fd, &st) < 0 || !S_ISREG(st.st_mode) || st.st_size < off_t(sizeof(file_header)))
         return;
     void *map = mmap(nullptr, sizeof(file_header), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
     if (map == MAP_FAILED)
@@ -533,13 +592,30 @@ int producer_complete(shm_producer *producer)
 
     char dir[256];
     char path[512];
-    char tmp[544];
     if ((err = tlm_dir(dir, sizeof dir)) < 0 || (err = tlm_section_path(producer->section, path, sizeof path)) < 0)
         return err;
-    snprintf(tmp, sizeof tmp, "%s.%d.tmp", path, int(getpid()));
     if (mkdir(dir, 0755) < 0 && errno != EEXIST) {
         err = -errno;
         log_msg(kTag, LOG_ERR, "cannot create telemetry directory %s: %s", dir, strerror(-err));
+        return err;
+    }
+    // Published only where consumers will read: a directory that a trusted
+    // user owns and others cannot write to (unless sticky).
+    int dir_fd = open(dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (dir_fd < 0) {
+        err = -errno;
+        log_msg(kTag, LOG_ERR, "cannot open telemetry directory %s: %s", dir, strerror(-err));
+        return err;
+    }
+    scope_guard close_dir{[dir_fd] { close(dir_fd); }};
+    trust_policy policy;
+    trust_policy_load(&policy);
+    char what[sizeof dir + 16];
+    char reason[kTrustReasonMax];
+    snprintf(what, sizeof what, "directory %s", dir);
+    if ((err = trust_check_fd(&policy, dir_fd, true, what, reason, sizeof reason)) < 0) {
+        log_msg(kTag, LOG_ERR, "cannot publish section \"%s\": %s", producer->section,
+                err == -EPERM ? reason : strerror(-err));
         return err;
     }
 
@@ -549,14 +625,19 @@ int producer_complete(shm_producer *producer)
     if (size > kTlmMaxFileSize)
         return -EFBIG;
 
-    int fd = open(tmp, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    char file[kTlmNameMax + 8];
+    char tmp[kTlmNameMax + 32];
+    snprintf(file, sizeof file, "%s%s", producer->section, kTlmFileSuffix);
+    snprintf(tmp, sizeof tmp, "%s.%d.tmp", file, int(getpid()));
+    unlinkat(dir_fd, tmp, 0); // left by a process of this pid that died
+    int fd = openat(dir_fd, tmp, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
     if (fd < 0) {
         err = -errno;
-        log_msg(kTag, LOG_ERR, "cannot create %s: %s", tmp, strerror(-err));
+        log_msg(kTag, LOG_ERR, "cannot create %s/%s: %s", dir, tmp, strerror(-err));
         return err;
     }
     scope_guard close_fd{[fd] { close(fd); }};
-    scope_guard remove_tmp{[&tmp] { unlink(tmp); }};
+    scope_guard remove_tmp{[dir_fd, &tmp] { unlinkat(dir_fd, tmp, 0); }};
     struct stat st;
     if (ftruncate(fd, off_t(size)) < 0 || fstat(fd, &st) < 0)
         return -errno;
@@ -585,8 +666,8 @@ int producer_complete(shm_producer *producer)
 
     // The previous file of this name, if any, is closed once the new one is in
     // place, so that its consumers find the new file when they look again.
-    int old_fd = open(path, O_RDWR | O_CLOEXEC);
-    if (rename(tmp, path) < 0) {
+    int old_fd = openat(dir_fd, file, O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+    if (renameat(dir_fd, tmp, dir_fd, file) < 0) {
         err = -errno;
         if (old_fd >= 0)
             close(old_fd);
@@ -691,11 +772,15 @@ struct consumer_section {
     dev_t refused_dev;
     ino_t refused_ino;
     uint64_t refused_generation;
+    // The reason the section was last refused by the trust check, empty
+    // while its producer is trusted: each reason is reported once.
+    char distrust[kTrustReasonMax];
 };
 
 } // namespace
 
 struct shm_consumer {
+    trust_policy policy;
     consumer_field *fields;
     size_t field_count;
     consumer_section *sections;
@@ -754,7 +839,18 @@ int attach(shm_consumer *c, uint32_t index)
         tlm_view_close(&s.view);
     }
     s.reads_since_check = 0;
-    int r = tlm_view_open_path(s.path, &s.view);
+    int r = tlm_view_open_trusted(s.path, &c->policy, &s.view);
+    if (r == -EPERM) {
+        if (strcmp(s.distrust, s.view.refusal) != 0) {
+            memcpy(s.distrust, s.view.refusal, sizeof s.distrust);
+            log_msg(kTag, LOG_ERR, "section \"%s\" refused: %s", s.name, s.distrust);
+        }
+        return r;
+    }
+    if (r == 0 && s.distrust[0]) {
+        s.distrust[0] = '\0';
+        log_msg(kTag, LOG_INFO, "section \"%s\" read again: its producer is trusted", s.name);
+    }
     if (r == 0 && strcmp(s.view.name, s.name) != 0) {
         tlm_view_close(&s.view);
         r = -EBADMSG;
@@ -877,7 +973,10 @@ shm_consumer *consumer_create()
 {
     if (failpoint_check("shm_consumer_create") < 0)
         return nullptr;
-    return zeroed_new<shm_consumer>();
+    shm_consumer *c = zeroed_new<shm_consumer>();
+    if (c)
+        trust_policy_load(&c->policy);
+    return c;
 }
 
 int consumer_register_struct(shm_consumer *consumer, void *destination, const char *section,

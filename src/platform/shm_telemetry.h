@@ -19,14 +19,26 @@
 // file removed or replaced without the mark is followed as well. The
 // directory is looked up when a section is registered.
 //
+// Trust: a section is read only from a trusted producer (platform/trust.h).
+// Its directory and then its file are opened and checked through their
+// descriptors before the file is mapped: the directory owned by a trusted
+// user and not writable by others unless sticky, the file a regular file (not
+// a symbolic link) owned by a trusted user and not writable by others. A
+// producer publishes only into such a directory and makes such files.
+//
 // Read results: 0 with the sample copied; -EAGAIN when the section exists
 // but no sample was ever written (destinations untouched); -ENOENT when the
 // section does not exist (or its producer has gone); -EBADMSG for a file that
 // is not a valid section; -EPROTO when the section lacks a registered field or
-// its type, size or count differ (logged once per section file).
+// its type, size or count differ (logged once per section file); -EPERM when
+// the section or its directory fails the trust check (logged with the reason
+// once per reason, and again, at info level, when a trusted producer is read
+// again).
 #pragma once
 
 #include <sensors/sensor_tlm.h>
+
+#include "platform/trust.h"
 
 #include <sys/types.h>
 
@@ -151,12 +163,18 @@ struct tlm_section_view {
     uint32_t producer_pid = 0;
     uint32_t slot_size = 0;
     uint32_t slots_offset = 0;
+    // Why the last open was refused with -EPERM; empty otherwise.
+    char refusal[kTrustReasonMax] = {};
 };
 
-// Maps the file of section and validates it. 0, -ENOENT, -EBADMSG, -errno.
+// Checks the file of section and its directory against the trust policy,
+// maps the file and validates it. 0, -ENOENT, -EBADMSG, -EPERM (the reason
+// in view->refusal), -errno.
 int tlm_view_open(const char *section, tlm_section_view *view);
 // Same, for a file given by its path (the section name is taken from the file).
 int tlm_view_open_path(const char *path, tlm_section_view *view);
+// Same, judged by policy.
+int tlm_view_open_trusted(const char *path, const trust_policy *policy, tlm_section_view *view);
 void tlm_view_close(tlm_section_view *view);
 
 // Field i, copied out of the mapping and checked. 0 or -EBADMSG / -EINVAL.

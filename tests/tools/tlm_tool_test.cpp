@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 
 #include <atomic>
@@ -119,10 +120,12 @@ TEST(TlmTool, ListShowsEverySectionWithItsFigures)
     for (int i = 0; i < 5; i++)
         a.put(i);
     write_file(root.file("broken"), "not a section");
+    published c("gamma"); // a file that anyone could have rewritten is refused, with the reason
+    ASSERT_EQ(chmod(root.file("gamma").c_str(), 0666), 0);
     run_result r = run_tool("list");
     ASSERT_EQ(r.status, 0) << r.output;
     std::vector<std::string> lines = lines_of(r.output);
-    ASSERT_EQ(lines.size(), 4u) << r.output;
+    ASSERT_EQ(lines.size(), 5u) << r.output;
     EXPECT_EQ(lines[0].rfind("SECTION", 0), 0u);
     std::istringstream alpha(lines[1]);
     std::string name, size, period, written, rate, age;
@@ -136,6 +139,11 @@ TEST(TlmTool, ListShowsEverySectionWithItsFigures)
     EXPECT_EQ(lines[2].rfind("beta", 0), 0u);
     EXPECT_NE(lines[2].find(" 0 "), std::string::npos) << lines[2];
     EXPECT_EQ(lines[3], "broken                           invalid section file (Bad message)");
+    const std::string refusal = "refused: " + root.file("gamma") + " is writable by others (mode 0666)";
+    EXPECT_EQ(lines[4], "gamma                            " + refusal);
+    r = run_tool("show gamma");
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.output, "orlune-tlm: section \"gamma\" " + refusal + "\n");
 }
 
 TEST(TlmTool, FollowWritesALinePerNewSampleAsCsv)

@@ -50,6 +50,8 @@ public:
     int open_path(const char *path) { return load(tlm_view_open_path(path, &view_)); }
 
     const tlm_section_view &view() const { return view_; }
+    // Why the last open was refused (-EPERM): a producer that is not trusted.
+    const char *refusal() const { return view_.refusal; }
     const std::vector<tlm_field_info> &fields() const { return fields_; }
 
     // Sample number index into buf; 0 or -EAGAIN.
@@ -221,9 +223,11 @@ std::string format_field(const tlm_field_info &f, const uint8_t *sample)
     return out + "]";
 }
 
-int no_section(const char *name, int err)
+int no_section(const char *name, int err, const section &s)
 {
-    if (err == -ENOENT)
+    if (err == -EPERM)
+        fprintf(stderr, "orlune-tlm: section \"%s\" refused: %s\n", name, s.refusal());
+    else if (err == -ENOENT)
         fprintf(stderr, "orlune-tlm: no section \"%s\" in %s\n", name, directory().c_str());
     else if (err == -EINVAL)
         fprintf(stderr, "orlune-tlm: \"%s\" is not a section name\n", name);
@@ -256,6 +260,10 @@ int cmd_list()
         section s;
         int r = s.open_path((dir + "/" + file).c_str());
         std::string shown = file.substr(0, file.size() - strlen(kTlmFileSuffix));
+        if (r == -EPERM) {
+            printf("%-32s refused: %s\n", shown.c_str(), s.refusal());
+            continue;
+        }
         if (r < 0) {
             printf("%-32s invalid section file (%s)\n", shown.c_str(), strerror(-r));
             continue;
@@ -279,7 +287,7 @@ int cmd_show(const char *name)
     section s;
     int r = s.open_name(name);
     if (r < 0)
-        return no_section(name, r);
+        return no_section(name, r, s);
     std::vector<uint8_t> buf;
     timespec ts{};
     int64_t index = s.latest(buf, &ts);
@@ -337,7 +345,7 @@ int cmd_follow(const char *name, bool csv, long count, double duration)
     section s;
     int r = s.open_name(name);
     if (r < 0)
-        return no_section(name, r);
+        return no_section(name, r, s);
     if (csv)
         printf("%s\n", csv_header(s).c_str());
     fflush(stdout);
