@@ -13,6 +13,7 @@
 #include "common/owned.h"
 #include "platform/log.h"
 #include "platform/time_helpers.h"
+#include "platform/trust.h"
 
 namespace {
 
@@ -172,7 +173,7 @@ int socket_relocate(const sockaddr_un *in, socklen_t in_len, sockaddr_un *out, s
     if (!in || !out || !out_len || in_len <= socklen_t(offsetof(sockaddr_un, sun_path)) ||
         in_len > socklen_t(sizeof(sockaddr_un)) || in->sun_family != AF_UNIX)
         return -EINVAL;
-    const char *prefix = getenv(kSocketPrefixEnv);
+    const char *prefix = secure_getenv(kSocketPrefixEnv);
     memcpy(out, in, in_len);
     *out_len = in_len;
     if (in->sun_path[0] != '\0' || !prefix || !*prefix)
@@ -413,6 +414,11 @@ struct msg_context {
     bool reported_up;      // the callback was told "connected"
     sockaddr_un address;
     socklen_t address_len;
+    trust_policy policy;
+    // The untrusted server last refused (its user id), reported once until
+    // a trusted server is found or another user squats the name.
+    bool refusing;
+    uid_t refused_uid;
     int64_t next_attempt_ms;
     size_t rx_len;
     uint8_t rx[kMsgMaxFrame];
@@ -431,6 +437,30 @@ void close_connection(msg_context *c)
     c->report_connected = false;
 }
 
+// Whether the server at the other end of fd runs as a trusted user: anyone
+// can bind an abstract name, so the name alone proves nothing.
+bool peer_trusted(msg_context *c, int fd)
+{
+    ucred peer{};
+    socklen_t len = sizeof peer;
+    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &len) != 0)
+        peer.uid = uid_t(-1);
+    if (trust_allows(&c->policy, peer.uid)) {
+        c->refusing = false;
+        return true;
+    }
+    if (!c->refusing || c->refused_uid != peer.uid) {
+        const char *name = c->address.sun_path[0] ? c->address.sun_path : c->address.sun_path + 1;
+        size_t room = c->address_len - offsetof(sockaddr_un, sun_path) - (c->address.sun_path[0] ? 0 : 1);
+        log_msg(kTag, LOG_ERR, "refusing the server on %s%.*s: process %d runs as uid %u, not a trusted user",
+                c->address.sun_path[0] ? "" : "@", static_cast<int>(strnlen(name, room)), name, int(peer.pid),
+                unsigned(peer.uid));
+    }
+    c->refusing = true;
+    c->refused_uid = peer.uid;
+    return false;
+}
+
 // One attempt. 0 when connected or worth retrying later, -errno otherwise.
 int try_connect(msg_context *c)
 {
@@ -445,6 +475,11 @@ int try_connect(msg_context *c)
         if (err == ECONNREFUSED || err == ENOENT || err == EAGAIN)
             return 0;
         return -err;
+    }
+    if (!peer_trusted(c, fd)) {
+        close(fd);
+        c->next_attempt_ms = now_ms() + kMsgRetryMs;
+        return 0;
     }
     epoll_event ev{};
     ev.events = EPOLLIN;
@@ -468,6 +503,7 @@ msg_context *context_create(msg_client_cb callback, void *user_data)
     c->loop.epoll_fd = -1;
     c->callback = callback;
     c->user_data = user_data;
+    trust_policy_load(&c->policy);
     c->loop.epoll_fd = epoll_create1(EPOLL_CLOEXEC);
     if (c->loop.epoll_fd < 0)
         return nullptr;

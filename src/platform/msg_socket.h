@@ -17,6 +17,12 @@
 // again without the client asking. Nothing blocks and nothing runs on
 // another thread: callbacks are called from context_process_fd.
 //
+// Trust: anyone can bind an abstract name, so a client checks the server's
+// credentials (SO_PEERCRED) on every connection and hangs up on a server
+// that does not run as a trusted user (platform/trust.h), reporting it once
+// per user; it keeps trying as for an absent server, so a trusted server
+// that takes the name back is found again.
+//
 // Relocation: the abstract names of the services can be moved by
 // ORLUNE_SOCKET_PREFIX, prepended to every abstract name a client connects to
 // or a server listens on, so tests and the virtual vehicle run in parallel
