@@ -46,7 +46,7 @@ motor_model::motor_model(const scenario_device &setup, uint64_t seed) : device_m
     for (int m = 0; m < kMotors; m++)
         channels_.push_back({"error" + std::to_string(m), kU8, {}});
     channels_.push_back({"status", kU8, {}});
-    channels_.push_back({"status_detail", kU8, {}});
+    channels_.push_back({"detail", kU8, {}});
     channels_.push_back({"voltage", kU16, {{"scale", "in_voltage_scale"}}});
     channels_.push_back({"timestamp", kS64, {}});
     device_attrs_ = {"sampling_frequency", "spin", "stop", "speeds", "single_stall", "spin_dir", "fw_major",

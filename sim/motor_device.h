@@ -28,7 +28,7 @@ enum motor_status : int {
     MOTOR_STATUS_FAULT = 6,    // a motor error stopped the controller; see the detail
 };
 
-// Detail values of the "status_detail" channel while the status is FAULT.
+// Detail values of the "detail" channel while the status is FAULT.
 enum motor_detail : int {
     MOTOR_DETAIL_NONE = 0,
     MOTOR_DETAIL_FAULT_BRAKING = 4, // motors still coasting down after the fault

@@ -25,8 +25,8 @@ enum channel_index {
 };
 
 constexpr const char *kChannelNames[CHANNEL_COUNT] = {
-    "speed0", "speed1", "speed2", "speed3", "pwm0",   "pwm1",          "pwm2",    "pwm3",
-    "error0", "error1", "error2", "error3", "status", "status_detail", "voltage", "timestamp",
+    "speed0", "speed1", "speed2", "speed3", "pwm0",   "pwm1",   "pwm2",    "pwm3",
+    "error0", "error1", "error2", "error3", "status", "detail", "voltage", "timestamp",
 };
 
 // The kernel buffer keeps this many samples (a third of a second at 200 Hz)

@@ -7,7 +7,7 @@
 //   pwm0..3     u8   motor PWM duty, 0..255
 //   error0..3   u8   motor error code (0 none)
 //   status      u8   controller status
-//   status_detail u8 detail of the status
+//   detail      u8   detail of the status
 //   voltage     u16  supply voltage, in_voltage_scale millivolts per unit
 //   timestamp   s64  ns, monotonic clock (the clock of the IMU timestamps)
 // Commands and information are device attributes: "spin" (write 1),

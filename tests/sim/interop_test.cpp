@@ -13,6 +13,8 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <regex>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -141,6 +143,21 @@ TEST_F(Interop, IioInfoListsTheDevicesWithTheirAttributes)
                                  "attr  2: mount_matrix value: -1, 0, 0; 0, 1, 0; 0, 0, -1",
                                  "trigger2: orlune-magneto-trig"})
         EXPECT_NE(out.find(expected), std::string::npos) << expected;
+    // A board's libiio takes a channel's id from its sysfs file names, up to
+    // the first '_' after "in_" unless a modifier follows: an id of another
+    // shape cannot be served by a kernel driver.
+    const std::regex channel_line(R"(^\s+(\S+):\s+\((input|output)[,)])");
+    const std::regex kernel_id("[a-z]+[0-9]*(_(x|y|z))?");
+    size_t channels = 0;
+    std::istringstream lines(out);
+    for (std::string line; std::getline(lines, line);) {
+        std::smatch m;
+        if (!std::regex_search(line, m, channel_line))
+            continue;
+        channels++;
+        EXPECT_TRUE(std::regex_match(m[1].str(), kernel_id)) << line;
+    }
+    EXPECT_GT(channels, 30u);
     EXPECT_EQ(sim_.finish(SIGTERM, std::chrono::seconds(5)), 0) << "orlune-sim stops cleanly";
 }
 
