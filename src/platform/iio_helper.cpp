@@ -287,6 +287,19 @@ iio_buffer *buffer_create(iio_device *device, const iio_channel_binding *binding
             disable_bound(bindings, count);
             return nullptr;
         }
+    } else if (kernel_length) {
+        // On a board, libiio hides buffer/length and writes it itself when it
+        // creates the buffer: the samples of a refill times its count of
+        // kernel buffers (4 unless told otherwise). A backend without kernel
+        // buffers (-ENOSYS) has nothing to size.
+        const unsigned buffers = unsigned((kernel_length + samples_per_refill - 1) / samples_per_refill);
+        const int rc = iio_device_set_kernel_buffers_count(device, buffers);
+        if (rc < 0 && rc != -ENOSYS) {
+            log_msg(kTag, LOG_ERR, "%s: can't set buffer length %zu: %s", device_label(device), kernel_length,
+                    std::strerror(-rc));
+            disable_bound(bindings, count);
+            return nullptr;
+        }
     }
     iio_buffer *buffer = iio_device_create_buffer(device, samples_per_refill, false);
     if (!buffer) {
