@@ -14,6 +14,7 @@
 #include "sim/iiod_server.h"
 #include "sim/thermal.h"
 #include "sim/scenario.h"
+#include "sim/sysfs_bridge.h"
 #include "sim/truth_recorder.h"
 #include "sim/ultrasound.h"
 #include "sim/vision.h"
@@ -23,7 +24,7 @@ namespace {
 void usage(FILE *out)
 {
     std::fputs("usage: orlune-sim [--scenario FILE] [--port N] [--address A] [--battery-dir DIR] [--truth FILE]\n"
-               "                  [--print-xml]\n"
+               "                  [--sysfs ROOT] [--print-xml]\n"
                "  --scenario FILE  libconfig scenario (default: the built-in one, see examples/scenarios)\n"
                "  --port N         TCP port of the iiod service (default 0: an ephemeral port)\n"
                "  --address A      IPv4 address to listen on (default 127.0.0.1)\n"
@@ -31,6 +32,9 @@ void usage(FILE *out)
                "                   <ORLUNE_ROOT or a new temporary directory>/sys/class/power_supply/smartbattery)\n"
                "  --truth FILE     write the vehicle's truth to FILE as CSV, 100 rows a second\n"
                "                   (docs/recording.md)\n"
+               "  --sysfs ROOT     also present the IIO devices as a kernel does: a sysfs tree under\n"
+               "                   ROOT/sys/bus/iio/devices and a FIFO per device as ROOT/dev/iio:deviceN,\n"
+               "                   for libiio's local backend (ROOT is / in scripts/board.sh's namespace)\n"
                "  --print-xml      print the context description and exit\n"
                "prints IIOD_REMOTE=, SMARTBATTERY_DIR= and SIM_EPOCH= (monotonic seconds of scenario time 0)\n",
                out);
@@ -46,6 +50,7 @@ int main(int argc, char **argv)
     std::string scenario_path;
     std::string battery_dir;
     std::string truth_path;
+    std::string sysfs_root;
     for (int i = 1; i < argc; i++) {
         const std::string arg = argv[i];
         const bool has_value = i + 1 < argc;
@@ -70,6 +75,8 @@ int main(int argc, char **argv)
             battery_dir = argv[++i];
         } else if (arg == "--truth" && has_value) {
             truth_path = argv[++i];
+        } else if (arg == "--sysfs" && has_value) {
+            sysfs_root = argv[++i];
         } else if (arg == "--print-xml") {
             print_xml = true;
         } else if (arg == "--help" || arg == "-h") {
@@ -123,6 +130,12 @@ int main(int argc, char **argv)
         std::fprintf(stderr, "orlune-sim: %s\n", error.c_str());
         return 1;
     }
+    // The board's view of the devices exists before anyone learns of it.
+    std::unique_ptr<sim::sysfs_bridge> sysfs;
+    if (!sysfs_root.empty() && !(sysfs = sim::sysfs_bridge::start(server->uri(), sysfs_root, &error))) {
+        std::fprintf(stderr, "orlune-sim: %s\n", error.c_str());
+        return 1;
+    }
     // The pack's files exist before anyone learns where they are.
     if (battery_dir.empty()) {
         const char *root = std::getenv("ORLUNE_ROOT");
@@ -166,6 +179,8 @@ int main(int argc, char **argv)
         return 2;
     }
     std::printf("IIOD_REMOTE=%s\n", server->uri().c_str());
+    if (sysfs)
+        std::printf("SYSFS_ROOT=%s\n", sysfs_root.c_str());
     // Scenario time 0 on the monotonic clock of every sensor timestamp.
     const int64_t epoch = server->epoch_ns();
     std::printf("SIM_EPOCH=%lld.%06lld\n", static_cast<long long>(epoch / 1000000000),
@@ -180,6 +195,8 @@ int main(int argc, char **argv)
     int sig = 0;
     sigwait(&stop_signals, &sig);
     producers->stop();
+    if (sysfs)
+        sysfs->stop();
     truth.reset();
     ultrasound.reset();
     gps.reset();

@@ -1,0 +1,587 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "sim/sysfs_bridge.h"
+
+#include <fcntl.h>
+#include <iio.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/inotify.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <map>
+#include <set>
+#include <thread>
+#include <vector>
+
+namespace sim {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char *kDevicesDir = "/sys/bus/iio/devices";
+// How often the attributes that the models change by themselves (the
+// controller's flight time and last error) are read again from the server.
+constexpr int kRefreshMs = 50;
+// The largest FIFO asked for: a kernel buffer of this many bytes at most.
+constexpr int kMaxPipeBytes = 1 << 20;
+
+bool write_text(const std::string &path, const std::string &text) {
+  FILE *f = std::fopen(path.c_str(), "we");
+  if (!f)
+    return false;
+  const bool ok = std::fwrite(text.data(), 1, text.size(), f) == text.size();
+  return std::fclose(f) == 0 && ok;
+}
+
+// A new value at once: a reader sees the old file or the new one, whole.
+bool replace_text(const std::string &path, const std::string &text) {
+  const fs::path p(path);
+  const std::string tmp =
+      (p.parent_path() / ("." + p.filename().string() + ".new")).string();
+  return write_text(tmp, text) && std::rename(tmp.c_str(), path.c_str()) == 0;
+}
+
+// A value as a client wrote it ("200\0") or as a kernel shows it ("200\n").
+std::string read_value(const std::string &path) {
+  std::string text;
+  if (FILE *f = std::fopen(path.c_str(), "re")) {
+    char buf[4096];
+    size_t n;
+    while ((n = std::fread(buf, 1, sizeof buf, f)) > 0)
+      text.append(buf, n);
+    std::fclose(f);
+  }
+  while (!text.empty() && (text.back() == '\0' || text.back() == '\n'))
+    text.pop_back();
+  return text;
+}
+
+std::string scan_type(const iio_data_format &f) {
+  char text[64];
+  int n = std::snprintf(text, sizeof text, "%ce:%c%u/%u", f.is_be ? 'b' : 'l',
+                        f.is_signed ? 's' : 'u', f.bits, f.length);
+  if (f.repeat > 1)
+    n += std::snprintf(text + n, sizeof text - size_t(n), "X%u", f.repeat);
+  std::snprintf(text + n, sizeof text - size_t(n), ">>%u\n", f.shift);
+  return text;
+}
+
+bool remote_attr(iio_device *dev, const char *attr, std::string *out) {
+  char value[1024];
+  const ssize_t r = iio_device_attr_read(dev, attr, value, sizeof value);
+  if (r < 0)
+    return false;
+  *out = value;
+  return true;
+}
+
+// libiio's network backend cuts the text it is given at the port's colon:
+// each context gets a copy of its own.
+iio_context *create_context(const std::string &uri) {
+  std::vector<char> text(uri.begin(), uri.end());
+  text.push_back('\0');
+  return iio_create_context_from_uri(text.data());
+}
+
+// One stream of scans from the server into a device's FIFO.
+struct stream {
+  std::thread worker;
+  std::atomic<bool> running{false};
+};
+
+struct bridged_device {
+  std::string id;
+  std::string dir;
+  iio_device *remote = nullptr; // in the control context
+  bool trigger = false;
+  std::vector<iio_channel *> scan_channels; // with an index, in index order
+  int fifo = -1;                     // both ends, as a kernel keeps its buffer
+  iio_context *stream_ctx = nullptr; // the streams' own connection, made once
+  std::set<std::string> client_written;     // files the client has written
+  std::map<std::string, std::string> shown; // device attributes as last shown
+  std::unique_ptr<stream> active;
+};
+
+enum class watch_kind { device, buffer, trigger_link };
+
+struct watch {
+  size_t device;
+  watch_kind kind;
+};
+
+void log_line(const char *fmt, const std::string &a,
+              const std::string &b = {}) {
+  std::fprintf(stderr, "orlune-sim: sysfs: ");
+  std::fprintf(stderr, fmt, a.c_str(), b.c_str());
+  std::fputc('\n', stderr);
+}
+
+} // namespace
+
+struct sysfs_bridge::impl {
+  std::string uri;
+  std::string root;
+  iio_context *ctx = nullptr; // the watcher thread's
+  std::vector<bridged_device> devices;
+  std::map<int, watch> watches;
+  int inotify_fd = -1;
+  int stop_fd = -1;
+  std::thread watcher;
+  bool stopped = false;
+
+  ~impl() {
+    if (inotify_fd >= 0)
+      close(inotify_fd);
+    if (stop_fd >= 0)
+      close(stop_fd);
+    for (bridged_device &d : devices) {
+      if (d.fifo >= 0)
+        close(d.fifo);
+      if (d.stream_ctx)
+        iio_context_destroy(d.stream_ctx);
+    }
+    if (ctx)
+      iio_context_destroy(ctx);
+  }
+
+  // ---- the tree ----------------------------------------------------------
+  bool build(std::string *error) {
+    const std::string devices_dir = root + kDevicesDir;
+    std::error_code ec;
+    // What an earlier bridge under this root left: a kernel's tree holds
+    // only the devices there are.
+    for (const auto &old : fs::directory_iterator(devices_dir, ec))
+      fs::remove_all(old.path(), ec);
+    for (const auto &old : fs::directory_iterator(root + "/dev", ec))
+      if (old.path().filename().string().rfind("iio:device", 0) == 0)
+        fs::remove(old.path(), ec);
+    ec.clear();
+    fs::create_directories(devices_dir, ec);
+    fs::create_directories(root + "/dev", ec);
+    if (ec) {
+      *error = "cannot create " + devices_dir + ": " + ec.message();
+      return false;
+    }
+    const unsigned count = iio_context_get_devices_count(ctx);
+    devices.resize(count);
+    for (unsigned i = 0; i < count; i++) {
+      bridged_device &d = devices[i];
+      d.remote = iio_context_get_device(ctx, i);
+      d.id = iio_device_get_id(d.remote);
+      d.dir = devices_dir + "/" + d.id;
+      d.trigger = iio_device_is_trigger(d.remote);
+      fs::create_directories(d.dir, ec);
+      if (const char *name = iio_device_get_name(d.remote))
+        write_text(d.dir + "/name", std::string(name) + "\n");
+      for (unsigned a = 0; a < iio_device_get_attrs_count(d.remote); a++) {
+        const char *attr = iio_device_get_attr(d.remote, a);
+        remote_attr(d.remote, attr, &d.shown[attr]);
+        write_text(d.dir + "/" + attr, d.shown[attr] + "\n");
+      }
+      if (!d.trigger && !build_channels(d, error))
+        return false;
+    }
+    return true;
+  }
+
+  bool build_channels(bridged_device &d, std::string *error) {
+    std::error_code ec;
+    for (unsigned c = 0; c < iio_device_get_channels_count(d.remote); c++) {
+      iio_channel *ch = iio_device_get_channel(d.remote, c);
+      for (unsigned a = 0; a < iio_channel_get_attrs_count(ch); a++) {
+        const char *attr = iio_channel_get_attr(ch, a);
+        char value[1024];
+        if (iio_channel_attr_read(ch, attr, value, sizeof value) < 0)
+          value[0] = '\0';
+        write_text(d.dir + "/" + iio_channel_attr_get_filename(ch, attr),
+                   std::string(value) + "\n");
+      }
+      if (iio_channel_is_scan_element(ch))
+        d.scan_channels.push_back(ch);
+    }
+    if (d.scan_channels.empty())
+      return true;
+    std::sort(d.scan_channels.begin(), d.scan_channels.end(),
+              [](iio_channel *a, iio_channel *b) {
+                return iio_channel_get_index(a) < iio_channel_get_index(b);
+              });
+    fs::create_directories(d.dir + "/scan_elements", ec);
+    fs::create_directories(d.dir + "/buffer", ec);
+    fs::create_directories(d.dir + "/trigger", ec);
+    for (iio_channel *ch : d.scan_channels) {
+      const std::string base = d.dir + "/scan_elements/" +
+                               (iio_channel_is_output(ch) ? "out_" : "in_") +
+                               iio_channel_get_id(ch);
+      write_text(base + "_en", "0\n");
+      write_text(base + "_index",
+                 std::to_string(iio_channel_get_index(ch)) + "\n");
+      write_text(base + "_type", scan_type(*iio_channel_get_data_format(ch)));
+    }
+    write_text(d.dir + "/buffer/enable", "0\n");
+    write_text(d.dir + "/buffer/length", "64\n");
+    write_text(d.dir + "/buffer/watermark", "1\n");
+    write_text(d.dir + "/trigger/current_trigger", "\n");
+    // A connection of its own for the device's streams, made now: a
+    // stream then starts as soon as the client enables the buffer.
+    if (!(d.stream_ctx = create_context(uri))) {
+      *error = "cannot reach " + uri + " for the streams of " + d.id + ": " +
+               std::strerror(errno);
+      return false;
+    }
+    iio_context_set_timeout(d.stream_ctx, 1000);
+    const std::string node = root + "/dev/" + d.id;
+    unlink(node.c_str());
+    if (mkfifo(node.c_str(), 0600) != 0 ||
+        (d.fifo = open(node.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC)) < 0) {
+      *error = "cannot make " + node + ": " + std::strerror(errno);
+      return false;
+    }
+    return !ec ||
+           (*error = "cannot create the tree of " + d.id + ": " + ec.message(),
+            false);
+  }
+
+  bool watch_tree(std::string *error) {
+    inotify_fd = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
+    stop_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (inotify_fd < 0 || stop_fd < 0) {
+      *error = std::string("inotify: ") + std::strerror(errno);
+      return false;
+    }
+    for (size_t i = 0; i < devices.size(); i++) {
+      const bridged_device &d = devices[i];
+      const std::pair<std::string, watch_kind> dirs[] = {
+          {d.dir, watch_kind::device},
+          {d.dir + "/buffer", watch_kind::buffer},
+          {d.dir + "/trigger", watch_kind::trigger_link},
+      };
+      for (const auto &[dir, kind] : dirs) {
+        if (!fs::is_directory(dir))
+          continue;
+        const int wd =
+            inotify_add_watch(inotify_fd, dir.c_str(), IN_CLOSE_WRITE);
+        if (wd < 0) {
+          *error = "cannot watch " + dir + ": " + std::strerror(errno);
+          return false;
+        }
+        watches[wd] = {i, kind};
+      }
+    }
+    return true;
+  }
+
+  // ---- what the client writes -------------------------------------------
+  // A write the client made; toggled: the enable file was written more than
+  // once since the last look (only its last value can be read now).
+  void on_write(const watch &w, const std::string &file, bool toggled) {
+    bridged_device &d = devices[w.device];
+    switch (w.kind) {
+    case watch_kind::device:
+      forward_attr(d, file);
+      break;
+    case watch_kind::buffer:
+      // length and watermark are read when the buffer is enabled; a 1
+      // written over a 1 changes nothing, as in a kernel.
+      if (file == "enable" && read_value(d.dir + "/buffer/enable") != "1")
+        stop_stream(d);
+      else if (file == "enable" && (toggled || !d.active))
+        start_stream(d);
+      break;
+    case watch_kind::trigger_link:
+      if (file == "current_trigger")
+        set_trigger(d, read_value(d.dir + "/trigger/current_trigger"));
+      break;
+    }
+  }
+
+  void forward_attr(bridged_device &d, const std::string &file) {
+    if (file == "name")
+      return;
+    const std::string value = read_value(d.dir + "/" + file);
+    d.client_written.insert(file);
+    int r = -ENOENT;
+    bool channel_attr = false;
+    for (unsigned c = 0;
+         c < iio_device_get_channels_count(d.remote) && !channel_attr; c++) {
+      iio_channel *ch = iio_device_get_channel(d.remote, c);
+      for (unsigned a = 0; a < iio_channel_get_attrs_count(ch); a++) {
+        const char *attr = iio_channel_get_attr(ch, a);
+        if (file == iio_channel_attr_get_filename(ch, attr)) {
+          r = int(iio_channel_attr_write(ch, attr, value.c_str()));
+          channel_attr = true;
+          break;
+        }
+      }
+    }
+    if (!channel_attr)
+      r = int(iio_device_attr_write(d.remote, file.c_str(), value.c_str()));
+    if (r < 0)
+      log_line("%s refused by the device: %s", d.id + "/" + file + "=" + value,
+               std::strerror(-r));
+    refresh(d);
+  }
+
+  void set_trigger(bridged_device &d, const std::string &name) {
+    iio_device *trigger = nullptr;
+    for (const bridged_device &t : devices)
+      if (t.trigger && !name.empty() &&
+          name == (iio_device_get_name(t.remote) ? iio_device_get_name(t.remote)
+                                                 : ""))
+        trigger = t.remote;
+    if (!name.empty() && !trigger) {
+      log_line("%s: no trigger named %s", d.id, name);
+      return;
+    }
+    if (int r = iio_device_set_trigger(d.remote, trigger); r < 0)
+      log_line("%s: the trigger cannot be set: %s", d.id, std::strerror(-r));
+  }
+
+  // Shows the device attributes that the server changes by itself, as a
+  // kernel would at the next read; never a file the client writes.
+  void refresh(bridged_device &d) {
+    for (auto &[attr, shown] : d.shown) {
+      if (d.client_written.count(attr))
+        continue;
+      std::string now;
+      if (!remote_attr(d.remote, attr.c_str(), &now))
+        return; // the server is gone or going: nothing new to show
+      if (now != shown && replace_text(d.dir + "/" + attr, now + "\n"))
+        shown = now;
+    }
+  }
+
+  // ---- streams -------------------------------------------------------------
+  void drain(bridged_device &d) {
+    char scratch[4096];
+    while (read(d.fifo, scratch, sizeof scratch) > 0) {
+    }
+  }
+
+  void start_stream(bridged_device &d) {
+    stop_stream(d);
+    drain(d); // a kernel buffer starts empty
+    std::vector<std::string> enabled;
+    for (iio_channel *ch : d.scan_channels) {
+      const std::string en = d.dir + "/scan_elements/" +
+                             (iio_channel_is_output(ch) ? "out_" : "in_") +
+                             iio_channel_get_id(ch) + "_en";
+      if (read_value(en) == "1")
+        enabled.push_back(iio_channel_get_id(ch));
+    }
+    const long length =
+        std::max(1L, std::atol(read_value(d.dir + "/buffer/length").c_str()));
+    // Batches as the trigger makes them: a blocking device releases a
+    // whole batch at once.
+    long batch = 1;
+    const iio_device *trigger = nullptr;
+    if (iio_device_get_trigger(d.remote, &trigger) == 0 && trigger) {
+      long long divider = 0;
+      if (iio_device_attr_read_longlong(trigger, "rate_divider", &divider) ==
+              0 &&
+          divider > 0)
+        batch = long(divider);
+    }
+    if (enabled.empty()) {
+      log_line("%s: no stream: %s", d.id, "no channel enabled");
+      return;
+    }
+    d.active = std::make_unique<stream>();
+    d.active->running = true;
+    d.active->worker =
+        std::thread([this, &d, s = d.active.get(), enabled, length, batch] {
+          run_stream(d, *s, enabled, length, batch);
+        });
+  }
+
+  // Waits for the refill under way (a period of the device, at most half
+  // the stream's timeout when nothing comes): cancelling it would close
+  // the stream's connection.
+  void stop_stream(bridged_device &d) {
+    if (!d.active)
+      return;
+    d.active->running = false;
+    d.active->worker.join();
+    d.active.reset();
+    drain(d);
+  }
+
+  void run_stream(bridged_device &d, stream &s,
+                  const std::vector<std::string> &enabled, long length,
+                  long batch) {
+    iio_device *dev = iio_context_find_device(d.stream_ctx, d.id.c_str());
+    iio_buffer *buf = nullptr;
+    if (dev) {
+      for (unsigned c = 0; c < iio_device_get_channels_count(dev); c++) {
+        iio_channel *ch = iio_device_get_channel(dev, c);
+        const bool on = std::find(enabled.begin(), enabled.end(),
+                                  iio_channel_get_id(ch)) != enabled.end();
+        on ? iio_channel_enable(ch) : iio_channel_disable(ch);
+      }
+      // The server frees a buffer when the connection that had it
+      // closes: the previous stream's may still be on its way out.
+      for (int attempt = 0; attempt < 100 && s.running; attempt++) {
+        buf = iio_device_create_buffer(dev, size_t(batch), false);
+        if (buf || errno != EBUSY)
+          break;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+      }
+    }
+    if (!buf) {
+      if (s.running)
+        log_line("%s: the server refused the stream: %s", d.id,
+                 std::strerror(errno));
+      return;
+    }
+    const size_t scan =
+        size_t(std::max<ssize_t>(1, iio_device_get_sample_size(dev)));
+    const size_t capacity = size_t(std::max(length, batch)) * scan;
+    fcntl(d.fifo, F_SETPIPE_SZ,
+          int(std::min<size_t>(std::max<size_t>(capacity, 65536),
+                               kMaxPipeBytes)));
+    // A kernel goes on sampling whatever one transfer did: an error of
+    // the server's ends the stream only when it lasts.
+    int failures = 0;
+    while (s.running) {
+      const ssize_t r = iio_buffer_refill(buf);
+      if (r == -EAGAIN) { // a polled device with nothing new
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        continue;
+      }
+      if (r == -ETIMEDOUT)
+        continue;
+      if (r < 0) {
+        if (++failures < 100 && s.running) {
+          std::this_thread::sleep_for(std::chrono::milliseconds(1));
+          continue;
+        }
+        if (s.running)
+          log_line("%s: the stream stopped: %s", d.id, std::strerror(int(-r)));
+        break;
+      }
+      failures = 0;
+      feed(d, static_cast<const char *>(iio_buffer_start(buf)), size_t(r), scan,
+           capacity);
+    }
+    iio_buffer_destroy(buf);
+  }
+
+  // Appends scans to the FIFO; when the reader has fallen behind by more
+  // than the buffer's length, the oldest scans make room, as in a kernel
+  // buffer.
+  void feed(bridged_device &d, const char *data, size_t bytes, size_t scan,
+            size_t capacity) {
+    int queued = 0;
+    if (ioctl(d.fifo, FIONREAD, &queued) == 0 &&
+        size_t(queued) + bytes > capacity) {
+      size_t excess =
+          (size_t(queued) + bytes - capacity + scan - 1) / scan * scan;
+      excess = std::min(excess, size_t(queued) / scan * scan);
+      char scratch[4096];
+      while (excess > 0) {
+        const ssize_t n =
+            read(d.fifo, scratch, std::min(excess, sizeof scratch));
+        if (n <= 0)
+          break;
+        excess -= size_t(n);
+      }
+    }
+    while (bytes > 0) {
+      const ssize_t n = write(d.fifo, data, bytes);
+      if (n <= 0)
+        return; // full: the scans are dropped, as a kernel drops what finds no
+                // room
+      data += n;
+      bytes -= size_t(n);
+    }
+  }
+
+  // ---- the watcher ----------------------------------------------------------
+  void run() {
+    auto next_refresh = std::chrono::steady_clock::now();
+    alignas(inotify_event) char events[8192];
+    for (;;) {
+      pollfd fds[2] = {{inotify_fd, POLLIN, 0}, {stop_fd, POLLIN, 0}};
+      poll(fds, 2, kRefreshMs);
+      if (fds[1].revents)
+        break;
+      std::vector<std::pair<watch, std::string>> writes;
+      for (;;) {
+        const ssize_t n = read(inotify_fd, events, sizeof events);
+        if (n <= 0)
+          break;
+        for (ssize_t off = 0; off < n;) {
+          const auto *ev =
+              reinterpret_cast<const inotify_event *>(events + off);
+          off += ssize_t(sizeof(inotify_event) + ev->len);
+          auto w = watches.find(ev->wd);
+          if (w == watches.end() || ev->len == 0 || ev->name[0] == '.')
+            continue; // our own replacements are made under a dot name
+          writes.emplace_back(w->second, ev->name);
+        }
+      }
+      for (size_t i = 0; i < writes.size(); i++) {
+        const auto &[w, file] = writes[i];
+        size_t times = 0;
+        for (const auto &[other, name] : writes)
+          times +=
+              other.device == w.device && other.kind == w.kind && name == file;
+        on_write(w, file, times > 1);
+      }
+      if (std::chrono::steady_clock::now() >= next_refresh) {
+        for (bridged_device &d : devices)
+          refresh(d);
+        next_refresh = std::chrono::steady_clock::now() +
+                       std::chrono::milliseconds(kRefreshMs);
+      }
+    }
+    for (bridged_device &d : devices)
+      stop_stream(d);
+  }
+};
+
+sysfs_bridge::sysfs_bridge(std::unique_ptr<impl> p) : impl_(std::move(p)) {}
+
+std::unique_ptr<sysfs_bridge> sysfs_bridge::start(const std::string &uri,
+                                                  const std::string &root,
+                                                  std::string *error) {
+  // A server that goes away closes the sockets under the bridge's writes:
+  // that must end a stream, not the process.
+  std::signal(SIGPIPE, SIG_IGN);
+  auto p = std::make_unique<impl>();
+  p->uri = uri;
+  p->root = root == "/" ? "" : root;
+  p->ctx = create_context(uri);
+  if (!p->ctx) {
+    *error = "sysfs: cannot reach " + uri + ": " + std::strerror(errno);
+    return nullptr;
+  }
+  if (!p->build(error) || !p->watch_tree(error))
+    return nullptr;
+  impl *raw = p.get();
+  p->watcher = std::thread([raw] { raw->run(); });
+  return std::unique_ptr<sysfs_bridge>(new sysfs_bridge(std::move(p)));
+}
+
+void sysfs_bridge::stop() {
+  if (impl_->stopped)
+    return;
+  impl_->stopped = true;
+  const uint64_t one = 1;
+  (void)!write(impl_->stop_fd, &one, sizeof one);
+  impl_->watcher.join();
+}
+
+sysfs_bridge::~sysfs_bridge() { stop(); }
+
+} // namespace sim
