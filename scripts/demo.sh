@@ -4,15 +4,23 @@
 # configuration, shows the live view and a summary, and records the flight;
 # the recording, the simulator's truth and the logs are then plotted.
 #
-# Usage: scripts/demo.sh [seconds] [--scenario FILE] [--out DIR] [orlune-host options...]
+# Usage: scripts/demo.sh [seconds] [--scenario FILE] [--out DIR] [--board] [orlune-host options...]
 #   seconds     how long the host acquires (default 45: the whole demo flight)
 #   --scenario  the scenario (default examples/scenarios/flight.cfg)
 #   --out DIR   where the recording, logs and plots go (default demo-output/<date-time>)
+#   --board     the IIO devices through the board's transport (libiio's local
+#               backend on the simulator's sysfs stand-in, scripts/board.sh;
+#               needs root) instead of the network
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=${BUILD_DIR:-$root/build}
 
+if [ "${ORLUNE_BOARD_NS:-}" != 1 ] && [[ " $* " == *" --board "* ]]; then
+  exec "$root/scripts/board.sh" "$0" "$@"
+fi
+
 duration=45
+board=0
 if [ $# -gt 0 ] && [[ $1 =~ ^[0-9]+([.][0-9]+)?$ ]]; then
   duration=$1
   shift
@@ -24,6 +32,7 @@ while [ $# -gt 0 ]; do
   case $1 in
     --scenario) scenario=$(realpath "${2:?--scenario needs a file}"); shift 2 ;;
     --out) out=${2:?--out needs a directory}; shift 2 ;;
+    --board) board=1; shift ;;
     *) host_args+=("$1"); shift ;;
   esac
 done
@@ -37,9 +46,16 @@ vehicle=$(mktemp -d "${TMPDIR:-/tmp}/orlune-vehicle-XXXXXX")
 vehicle_root "$vehicle" "orlune-demo-$$-"
 sim_pid=""
 trap '[ -z "$sim_pid" ] || { kill $sim_pid 2>/dev/null || true; wait $sim_pid 2>/dev/null || true; }; rm -rf "$vehicle"' EXIT
+sysfs=()
+[ $board = 0 ] || sysfs=(--sysfs /)
 vehicle_start "$build/sim/orlune-sim" "$vehicle/sim.out" "$out/sim.log" \
-  --scenario "$scenario" --truth "$out/truth.csv" || exit 1
-echo "virtual vehicle: $(basename "$scenario" .cfg) on $IIOD_REMOTE, output in $out"
+  --scenario "$scenario" --truth "$out/truth.csv" "${sysfs[@]}" || exit 1
+if [ $board = 1 ]; then
+  unset IIOD_REMOTE # libiio's local backend: the board's own devices
+  echo "virtual vehicle: $(basename "$scenario" .cfg) on the board's transport (local IIO devices), output in $out"
+else
+  echo "virtual vehicle: $(basename "$scenario" .cfg) on $IIOD_REMOTE, output in $out"
+fi
 
 # The demo flight's motor commands follow its phases (see the scenario's
 # header); another scenario gets a start, a spin and a stop.
