@@ -18,7 +18,7 @@
 #include "platform/failpoint.h"
 #include "platform/sched_config.h"
 #include "platform/shm_telemetry.h"
-#include "sim/iiod_server.h"
+#include "support/sim_iio.h"
 #include "support/test_env.h"
 
 using ::testing::ElementsAre;
@@ -51,30 +51,24 @@ protected:
     void SetUp() override
     {
         setenv("ORLUNE_TLM_DIR", (root_.path() + "/tlm").c_str(), 1);
-        std::string error;
-        server_ = sim::iiod_server::start(still_scenario(), sim::server_options{}, &error);
-        ASSERT_TRUE(server_) << error;
-        setenv("IIOD_REMOTE", server_->uri().c_str(), 1);
-        iio_ = iio_create_default_context();
-        ASSERT_TRUE(iio_);
+        ASSERT_EQ(connect_sim(still_scenario(), &server_, &iio_), "");
     }
     void TearDown() override
     {
         failpoint_disarm_all();
         log_set_levels("info");
-        if (iio_)
-            iio_context_destroy(iio_);
+        iio_.reset();
         server_.reset();
         unsetenv("IIOD_REMOTE");
     }
 
     baro_ptr make_baro(sched_config *sched = nullptr)
     {
-        return {barometer_new(&baro_config_, iio_, sched, &baro_), barometer_destroy};
+        return {barometer_new(&baro_config_, iio_.get(), sched, &baro_), barometer_destroy};
     }
     magneto_ptr make_magneto(sched_config *sched = nullptr)
     {
-        return {magneto_new(&magneto_config_, iio_, sched, &magneto_), magneto_destroy};
+        return {magneto_new(&magneto_config_, iio_.get(), sched, &magneto_), magneto_destroy};
     }
 
     // Messages of tag, with the source line of "<function>:<line>:" replaced by "L".
@@ -105,7 +99,7 @@ protected:
     test_root root_;
     log_capture cap_;
     std::unique_ptr<sim::iiod_server> server_;
-    iio_context *iio_ = nullptr;
+    iio_ptr iio_;
     sensors_baro_config baro_config_{1, 0, "orlune-lps22hb", "orlune-baro-trig", 75};
     sensors_magneto_config magneto_config_{1, 0, "orlune-magneto", "orlune-magneto-trig", 0, {}, {1, 0, 0, 0, 1, 0, 0, 0, 1},
                                            50, 1};
@@ -190,7 +184,7 @@ TEST_F(BaroMagnetoTest, SectionsHoldTwoSecondsAtTheConfiguredRate)
         magneto_ptr magneto = r.baro ? magneto_ptr(nullptr, magneto_destroy) : make_magneto();
         ASSERT_TRUE(baro || magneto);
         long long hz = 0;
-        iio_device *device = iio_context_find_device(iio_, r.baro ? "orlune-lps22hb" : "orlune-magneto");
+        iio_device *device = iio_context_find_device(iio_.get(), r.baro ? "orlune-lps22hb" : "orlune-magneto");
         ASSERT_EQ(iio_device_attr_read_longlong(device, "sampling_frequency", &hz), 0);
         EXPECT_EQ(hz, r.device_hz);
         tlm_section_view view{};
@@ -251,12 +245,12 @@ TEST_F(BaroMagnetoTest, FieldIsScaledRotatedThenCorrectedAtTheGivenTemperature)
 
 TEST_F(BaroMagnetoTest, NullArgumentsAndHandles)
 {
-    EXPECT_FALSE(barometer_new(nullptr, iio_, nullptr, &baro_));
+    EXPECT_FALSE(barometer_new(nullptr, iio_.get(), nullptr, &baro_));
     EXPECT_FALSE(barometer_new(&baro_config_, nullptr, nullptr, &baro_));
-    EXPECT_FALSE(barometer_new(&baro_config_, iio_, nullptr, nullptr));
-    EXPECT_FALSE(magneto_new(nullptr, iio_, nullptr, &magneto_));
+    EXPECT_FALSE(barometer_new(&baro_config_, iio_.get(), nullptr, nullptr));
+    EXPECT_FALSE(magneto_new(nullptr, iio_.get(), nullptr, &magneto_));
     EXPECT_FALSE(magneto_new(&magneto_config_, nullptr, nullptr, &magneto_));
-    EXPECT_FALSE(magneto_new(&magneto_config_, iio_, nullptr, nullptr));
+    EXPECT_FALSE(magneto_new(&magneto_config_, iio_.get(), nullptr, nullptr));
     uint32_t mask = 0;
     for (int r : {barometer_start(nullptr), barometer_stop(nullptr), barometer_read(nullptr, &mask),
                   barometer_tlm_push(nullptr), magneto_start(nullptr), magneto_stop(nullptr),

@@ -120,7 +120,16 @@ bool process::wait_for_output(const std::string &needle, std::chrono::millisecon
 std::unique_ptr<process> start_sim(const std::vector<std::string> &argv, const std::string &dir,
                                    std::map<std::string, std::string> *env, std::string *error)
 {
-    auto sim = std::make_unique<process>(argv, *env, dir + "/sim.out", dir + "/sim.err");
+    // On the board's transport (under scripts/board.sh) the simulator also
+    // presents its devices as a kernel does, and the host reads them there.
+    const char *transport = getenv("ORLUNE_TEST_TRANSPORT");
+    const bool board = transport && std::string(transport) == "board";
+    std::vector<std::string> args = argv;
+    if (board) {
+        args.push_back("--sysfs");
+        args.push_back("/");
+    }
+    auto sim = std::make_unique<process>(args, *env, dir + "/sim.out", dir + "/sim.err");
     std::smatch m;
     const bool printed = sim->wait_for_output("\n", std::chrono::seconds(5));
     const std::string out = sim->out();
@@ -128,6 +137,9 @@ std::unique_ptr<process> start_sim(const std::vector<std::string> &argv, const s
         *error = "orlune-sim did not print IIOD_REMOTE=ip:ADDRESS:PORT:\n" + out + sim->err();
         return nullptr;
     }
-    (*env)["IIOD_REMOTE"] = m[1];
+    if (board)
+        env->erase("IIOD_REMOTE");
+    else
+        (*env)["IIOD_REMOTE"] = m[1];
     return sim;
 }

@@ -1,16 +1,26 @@
 // SPDX-License-Identifier: Apache-2.0
 // The virtual vehicle's iiod server in the test process, and a libiio
-// context connected to it through IIOD_REMOTE, as the plug-in's modules find
-// theirs.
+// context connected to it as the plug-in's modules find theirs: through
+// IIOD_REMOTE, or, when the tests run on the board's transport
+// (ORLUNE_TEST_TRANSPORT=board, under scripts/board.sh), through libiio's
+// local backend reading the server's devices as a kernel's sysfs tree.
 #pragma once
 
 #include <iio.h>
 #include <stdlib.h>
 
+#include <cstring>
 #include <memory>
 #include <string>
 
 #include "sim/iiod_server.h"
+#include "sim/sysfs_bridge.h"
+
+inline bool board_transport()
+{
+    const char *transport = getenv("ORLUNE_TEST_TRANSPORT");
+    return transport && strcmp(transport, "board") == 0;
+}
 
 struct iio_ctx_deleter {
     void operator()(iio_context *c) const { iio_context_destroy(c); }
@@ -21,10 +31,19 @@ using iio_ptr = std::unique_ptr<iio_context, iio_ctx_deleter>;
 // Returns what went wrong, or an empty text.
 inline std::string connect_sim(const sim::scenario &s, std::unique_ptr<sim::iiod_server> *server, iio_ptr *iio)
 {
+    static std::unique_ptr<sim::sysfs_bridge> board; // the board's view of the latest server
+    board.reset();
     std::string error;
     *server = sim::iiod_server::start(s, sim::server_options{}, &error);
     if (!*server)
         return "the iiod server did not start: " + error;
+    if (board_transport()) {
+        unsetenv("IIOD_REMOTE");
+        if (!(board = sim::sysfs_bridge::start((*server)->uri(), "/", &error)))
+            return "the sysfs stand-in did not start: " + error;
+        iio->reset(iio_create_local_context());
+        return *iio ? std::string() : "no local libiio context";
+    }
     setenv("IIOD_REMOTE", (*server)->uri().c_str(), 1);
     iio->reset(iio_create_default_context());
     if (!*iio)
