@@ -9,6 +9,10 @@
 #                 or the variable BENCH_REPORT_OUT)
 #   --build-dir   build directory (default: build-bench; or BUILD_DIR)
 #   --no-build    use the binaries already in the build directory
+# The per-cycle figures are measured on both transports: the network one
+# (libiio's network backend to orlune-sim) and the board's (libiio's local
+# backend on orlune-sim's sysfs stand-in, in scripts/board.sh's namespace;
+# left out, with a note, where no namespace can be made).
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 source "$root/scripts/vehicle.sh"
@@ -16,8 +20,10 @@ build=${BUILD_DIR:-$root/build-bench}
 out=${BENCH_REPORT_OUT:-$root/docs/performance.md}
 quick=0
 do_build=1
+board_dir=""
 while [ $# -gt 0 ]; do
   case "$1" in
+    --board-run) board_dir=$2; shift ;; # inside scripts/board.sh: the board's figures into DIR
     --quick) quick=1 ;;
     --output) out=$2; shift ;;
     --build-dir) build=$2; shift ;;
@@ -119,26 +125,63 @@ callgrind_syscalls() {
       END { if (!found) print 0 }'
 }
 
+# measure_cycles DIR: the cycle meter and the two callgrind runs against the
+# running vehicle, into DIR (cycles.txt, cg-*.txt, cg-*.sum).
+measure_cycles() {
+  local dir=$1 part n
+  "$meter" cycles "$cycles" 50 --modules > "$dir/cycles.txt"
+  for part in own_step imu_wait; do
+    valgrind --tool=callgrind --collect-systime=nsec --toggle-collect="orlune_meter_$part" \
+      --callgrind-out-file="$dir/callgrind.$part" "$meter" cycles "$cg_cycles" 20 \
+      > "$dir/cg-$part.txt" 2> "$dir/cg-$part.log"
+    n=$(value cycles "$dir/cg-$part.txt")
+    callgrind_objects "$dir/callgrind.$part" > "$dir/cg-$part.objects"
+    echo "$(callgrind_groups "$dir/cg-$part.objects" "$n") $(callgrind_syscalls "$dir/callgrind.$part" "orlune_meter_$part" "$n")" \
+      > "$dir/cg-$part.sum"
+  done
+}
+
+# The board's transport: the same per-cycle figures and an IMU age run,
+# with the devices read through libiio's local backend.
+if [ -n "$board_dir" ]; then
+  mkdir -p "$board_dir"
+  start_vehicle board --sysfs /
+  unset IIOD_REMOTE
+  measure_cycles "$board_dir"
+  "$host_bin" --plugin "$plugin" --view none --duration "$age_s" --record "$board_dir/rec.csv" \
+    > "$board_dir/host.txt" 2> "$board_dir/host.log"
+  stop_sim
+  awk -F, 'NR == 1 { for (i = 1; i <= NF; i++) col[$i] = i; next }
+           $col["imu_n"] > 0 { printf "%.6f %.3f\n", $col["t"], ($col["t"] - $col["imu_t1"]) * 1e3 }' \
+    "$board_dir/rec.csv" > "$board_dir/ages.txt"
+  exit 0
+fi
+
 echo "bench-report: measuring (load average at start: $load_start)" >&2
 
 # --- The plug-in on the virtual vehicle, every sensor enabled ---------------
 start_vehicle vehicle
-"$meter" cycles "$cycles" 50 --modules > "$work/cycles.txt"
-for part in own_step imu_wait; do
-  valgrind --tool=callgrind --collect-systime=nsec --toggle-collect="orlune_meter_$part" \
-    --callgrind-out-file="$work/callgrind.$part" "$meter" cycles "$cg_cycles" 20 \
-    > "$work/cg-$part.txt" 2> "$work/cg-$part.log"
-  n=$(value cycles "$work/cg-$part.txt")
-  callgrind_objects "$work/callgrind.$part" > "$work/cg-$part.objects"
-  echo "$(callgrind_groups "$work/cg-$part.objects" "$n") $(callgrind_syscalls "$work/callgrind.$part" "orlune_meter_$part" "$n")" \
-    > "$work/cg-$part.sum"
-done
+measure_cycles "$work"
 read -r own_plugin own_iio own_libc own_other own_sys < "$work/cg-own_step.sum"
 read -r wait_plugin wait_iio wait_libc wait_other wait_sys < "$work/cg-imu_wait.sum"
 for i in $(seq "$first_runs"); do
   "$meter" first-sample > "$work/first-$i.txt"
 done
 stop_sim
+
+# --- The same on the board's transport ------------------------------------------
+board_note=""
+board_args=(--board-run "$work/board-run" --no-build --build-dir "$build")
+[ $quick = 1 ] && board_args+=(--quick)
+board_status=0
+"$root/scripts/board.sh" "$0" "${board_args[@]}" > "$work/board-run.log" 2>&1 || board_status=$?
+if [ $board_status = 77 ]; then
+  board_note="not measured: $(tail -1 "$work/board-run.log")"
+elif [ $board_status != 0 ] || [ ! -s "$work/board-run/cycles.txt" ]; then
+  echo "bench-report: the board's transport run failed:" >&2
+  cat "$work/board-run.log" >&2
+  exit 1
+fi
 
 # --- IMU batch rate: orlune-host beside iio_readdev ------------------------
 start_vehicle throughput --scenario "$root/examples/scenarios/bench.cfg"
@@ -301,6 +344,29 @@ readdev_rate=$(awk '{ print $2 }' "$work/tput.txt" | median)
 tput_ratio=$(awk '{ print $1 / $2 }' "$work/tput.txt" | median)
 host_lost=$(awk '{ s += $3 } END { print s }' "$work/tput.txt")
 
+# transport_row LABEL NET BOARD: a row of the side-by-side table.
+transport_row() { printf '| %s | %s | %s |\n' "$1" "$2" "${3:--}"; }
+# cycle_figures DIR: "own_wall own_cpu wait_wall wait_cpu allocs_per_cycle
+# own_instructions own_syscalls wait_instructions wait_syscalls"
+cycle_figures() {
+  local d=$1 own_sum wait_sum
+  read -r -a own_sum < "$d/cg-own_step.sum"
+  read -r -a wait_sum < "$d/cg-imu_wait.sum"
+  echo "$(value own_wall_us_mean "$d/cycles.txt") $(value own_cpu_us_mean "$d/cycles.txt")" \
+    "$(value wait_wall_us_mean "$d/cycles.txt") $(value wait_cpu_us_mean "$d/cycles.txt")" \
+    "$(value own_allocs_per_cycle "$d/cycles.txt")" \
+    "$((own_sum[0] + own_sum[1] + own_sum[2] + own_sum[3])) ${own_sum[4]}" \
+    "$((wait_sum[0] + wait_sum[1] + wait_sum[2] + wait_sum[3])) ${wait_sum[4]}"
+}
+read -r -a net_fig < <(cycle_figures "$work")
+read -r net_age_reads net_age_med net_age_p99 net_age_max net_age_over < <(age_stats age-all)
+board_fig=()
+board_age_med=""
+if [ -z "$board_note" ]; then
+  read -r -a board_fig < <(cycle_figures "$work/board-run")
+  read -r board_age_reads board_age_med board_age_p99 board_age_max board_age_over < <(age_stats board-run)
+fi
+
 mkdir -p "$(dirname "$out")"
 {
 cat <<EOF
@@ -321,6 +387,38 @@ from that run. Re-run it to refresh this page (\`--quick\` for a short check).
 
 The machine is shared with other builds: the load average says how busy it
 was. Wall times suffer most from it; instruction and allocation counts do not.
+
+## The two transports
+
+The same cycle measured both ways a host can reach the IIO devices: over
+libiio's network backend to \`orlune-sim\` (the demo's way, and a workstation's
+way to a board's iiod), and through libiio's local backend (the way a board
+reads its own devices), here on the simulator's sysfs stand-in in a private
+mount namespace (\`scripts/board.sh\`). Every sensor enabled, the default
+flight; the sections after this one detail the network figures. A board sees
+the local backend's column${board_note:+ (here $board_note)}.
+
+| per cycle (mean unless said) | network backend | local backend |
+|---|---|---|
+EOF
+transport_row "read + tlm_write without the IMU wait, wall µs" "${net_fig[0]}" "${board_fig[0]:-}"
+transport_row "the same, CPU µs" "${net_fig[1]}" "${board_fig[1]:-}"
+transport_row "IMU wait, wall µs" "${net_fig[2]}" "${board_fig[2]:-}"
+transport_row "IMU wait, CPU µs" "${net_fig[3]}" "${board_fig[3]:-}"
+transport_row "system calls without the IMU wait (callgrind)" "${net_fig[6]}" "${board_fig[6]:-}"
+transport_row "system calls in the IMU wait (callgrind)" "${net_fig[8]}" "${board_fig[8]:-}"
+transport_row "instructions without the IMU wait (user space, callgrind)" "${net_fig[5]}" "${board_fig[5]:-}"
+transport_row "instructions in the IMU wait (user space, callgrind)" "${net_fig[7]}" "${board_fig[7]:-}"
+transport_row "plug-in's own heap allocations" "${net_fig[4]}" "${board_fig[4]:-}"
+transport_row "IMU age at read return, median / p99 / max ms (orlune-host, ${age_s} s)" \
+  "$net_age_med / $net_age_p99 / $net_age_max" \
+  "${board_age_med:+$board_age_med / $board_age_p99 / $board_age_max}"
+cat <<EOF
+
+On the local backend the simulator's stand-in forwards each batch from its
+own server to the FIFO the plug-in reads: the IMU age includes that hop,
+which a kernel's buffer does not make; the plug-in's system calls are its
+own, as on a board (a FIFO's read stands for the character device's).
 
 ## Plug-in cost per cycle
 

@@ -39,6 +39,13 @@ positive() {
 
 expect "header" "^\| commit \| [^|]+ \|$"
 expect "load" "^\| load average \(1, 5, 15 min\) \| $num $num $num at the start"
+# Both transports side by side; the board's is measured wherever a mount
+# namespace can be made (root, as in CI).
+board="($num|-)"
+[ "$(id -u)" = 0 ] && board=$num
+positive "transports, cycle" "^\| read \+ tlm_write without the IMU wait, wall µs \| $num \| $board \|$"
+expect "transports, system calls" "^\| system calls without the IMU wait \(callgrind\) \| $num \| $board \|$"
+expect "transports, IMU age" "^\| IMU age at read return, median / p99 / max ms [^|]*\| $num / $num / $num \| ($board / $board / $board|-) \|$"
 # Cost per cycle: times, the step table, instructions split by object.
 positive "own wall time" "^\| read \+ tlm_write without the IMU wait \| $num \| $num \|$"
 positive "IMU wait" "^\| IMU wait \| $num \| $num \|$"
