@@ -1,19 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
-// Arbitrary bytes as a scenario file of the virtual vehicle: the device,
-// phase and fault lists, then the battery, GPS, ultrasound and vision groups
-// read from the same text, as orlune-sim reads them at start-up. Whatever
-// parses must also validate or be refused with a message.
+// Arbitrary bytes as a scenario file of the virtual vehicle, parsed once as
+// orlune-sim parses it, then read by every reader of it: the device, phase and
+// fault lists, and the battery, vision, GPS and ultrasound groups. Whatever a
+// reader takes must also validate or be refused with a message; a text that
+// does not parse is refused with one too.
 #include <stdlib.h>
-#include <unistd.h>
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
-#include <filesystem>
 #include <string>
 
-#include "private_dir.h"
 #include "sim/battery.h"
+#include "sim/config_file.h"
 #include "sim/gps_daemon.h"
 #include "sim/scenario.h"
 #include "sim/ultrasound.h"
@@ -21,7 +19,37 @@
 
 namespace {
 
-std::string g_path;
+// A reader's refusal always says why.
+void check(int rc, const std::string &error)
+{
+    if (rc != 0 && error.empty())
+        abort();
+}
+
+int read_all(config_t *cfg)
+{
+    std::string error;
+    sim::scenario scn;
+    const int rc = sim::scenario_from_config(cfg, &scn, &error);
+    check(rc, error);
+    if (rc == 0) {
+        std::string why;
+        check(sim::scenario_validate(scn, &why) == 0 ? 0 : -1, why);
+    }
+    sim::battery_settings battery;
+    error.clear();
+    check(sim::battery_settings_from(cfg, &battery, &error), error);
+    sim::vision_settings vision;
+    error.clear();
+    check(sim::vision_settings_from(cfg, &vision, &error), error);
+    sim::gps_settings gps;
+    error.clear();
+    check(sim::gps_settings_from(cfg, &gps, &error), error);
+    sim::ultrasound_settings ultrasound;
+    error.clear();
+    check(sim::ultrasound_settings_from(cfg, &ultrasound, &error), error);
+    return 0;
+}
 
 } // namespace
 
@@ -32,49 +60,12 @@ extern "C" const char *__lsan_default_suppressions()
     return "leak:strbuf_append\nleak:libconfig_yylex\n";
 }
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***)
-{
-    g_path = fuzz_private_dir("scenario-fuzz") + "/scenario.cfg";
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     const std::string text(reinterpret_cast<const char *>(data), size);
     std::string error;
-
-    sim::scenario scn;
-    if (sim::scenario_parse(text.c_str(), &scn, &error) == 0) {
-        std::string why;
-        if (sim::scenario_validate(scn, &why) != 0 && why.empty())
-            abort(); // a refusal always says why
-    } else if (error.empty()) {
-        abort();
-    }
-
-    sim::battery_settings battery;
-    error.clear();
-    if (sim::battery_settings_parse(text.c_str(), &battery, &error) != 0 && error.empty())
-        abort();
-    sim::vision_settings vision;
-    error.clear();
-    if (sim::vision_settings_parse(text.c_str(), &vision, &error) != 0 && error.empty())
-        abort();
-
-    // The GPS and ultrasound groups are read from the file itself.
-    FILE *f = fopen(g_path.c_str(), "wb");
-    if (!f)
-        abort();
-    if (size && fwrite(data, 1, size, f) != size)
-        abort();
-    fclose(f);
-    sim::gps_settings gps;
-    error.clear();
-    if (sim::gps_settings_load(g_path, &gps, &error) != 0 && error.empty())
-        abort();
-    sim::ultrasound_settings ultrasound;
-    error.clear();
-    if (sim::ultrasound_settings_load(g_path, &ultrasound, &error) != 0 && error.empty())
+    if (sim::config_load_text(text.c_str(), [](config_t *cfg, std::string *) { return read_all(cfg); }, &error) != 0 &&
+        error.empty())
         abort();
     return 0;
 }

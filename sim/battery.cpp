@@ -205,6 +205,11 @@ int settings_from(config_t *cfg, battery_settings *out, std::string *error)
 
 } // namespace
 
+int battery_settings_from(config_t *cfg, battery_settings *out, std::string *error)
+{
+    return settings_from(cfg, out, error);
+}
+
 int battery_settings_parse(const char *scenario_text, battery_settings *out, std::string *error)
 {
     return config_load_text(

@@ -58,6 +58,7 @@ struct battery_settings {
 // with a message in *error.
 int battery_settings_load(const char *scenario_path, battery_settings *out, std::string *error);
 int battery_settings_parse(const char *scenario_text, battery_settings *out, std::string *error);
+int battery_settings_from(config_t *cfg, battery_settings *out, std::string *error);
 
 // Pack current drawn at scenario time t, in amperes (positive: discharge).
 using battery_load = std::function<double(double t_s)>;

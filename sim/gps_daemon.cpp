@@ -146,32 +146,31 @@ int service_outages_parse(const config_setting_t *group, std::vector<service_out
     return 0;
 }
 
-int load_service_group(const std::string &scenario_path, const char *name,
-                       const std::function<int(const config_setting_t *, std::string *)> &parse, std::string *error)
+int service_group_from(config_t *cfg, const char *name, const service_group_parser &parse, std::string *error)
 {
-    if (scenario_path.empty())
-        return parse(nullptr, error);
-    return config_load_file(
-        scenario_path.c_str(),
-        [&](config_t *cfg, std::string *e) {
-            const config_setting_t *simulator = config_lookup(cfg, "simulator");
-            const config_setting_t *group = simulator ? config_setting_get_member(simulator, name) : nullptr;
-            if (group && !config_setting_is_group(group))
-                return fail(group, std::string("simulator.") + name + " must be a group", e);
-            return parse(group, e);
-        },
-        error);
+    const config_setting_t *simulator = cfg ? config_lookup(cfg, "simulator") : nullptr;
+    const config_setting_t *group = simulator ? config_setting_get_member(simulator, name) : nullptr;
+    if (group && !config_setting_is_group(group))
+        return fail(group, std::string("simulator.") + name + " must be a group", error);
+    return parse(group, error);
+}
+
+int gps_settings_from(config_t *cfg, gps_settings *out, std::string *error)
+{
+    gps_settings s;
+    int r = service_group_from(
+        cfg, "gps", [&s](const config_setting_t *g, std::string *e) { return parse_gps(g, &s, e); }, error);
+    if (r == 0)
+        *out = s;
+    return r;
 }
 
 int gps_settings_load(const std::string &scenario_path, gps_settings *out, std::string *error)
 {
-    gps_settings s;
-    int r = load_service_group(
-        scenario_path, "gps", [&s](const config_setting_t *g, std::string *e) { return parse_gps(g, &s, e); },
-        error);
-    if (r == 0)
-        *out = s;
-    return r;
+    if (scenario_path.empty())
+        return gps_settings_from(nullptr, out, error);
+    return config_load_file(
+        scenario_path.c_str(), [&](config_t *cfg, std::string *e) { return gps_settings_from(cfg, out, e); }, error);
 }
 
 struct gps_daemon::impl {

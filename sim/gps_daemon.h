@@ -75,12 +75,11 @@ struct gps_settings {
     std::vector<service_outage> outages; // sorted by time
 };
 
-// Reads the group simulator.<name> of a scenario file and hands it to parse
-// (null when the file has no such group). An empty path is the built-in
-// scenario, which has none. 0, or -EINVAL / -ENOENT with *error set.
-int load_service_group(const std::string &scenario_path, const char *name,
-                       const std::function<int(const config_setting_t *, std::string *)> &parse,
-                       std::string *error);
+using service_group_parser = std::function<int(const config_setting_t *, std::string *)>;
+// Hands the group simulator.<name> of a parsed scenario to parse (null when
+// the scenario has no such group; a null tree is the built-in scenario, which
+// has none). 0, or -EINVAL with *error set.
+int service_group_from(config_t *cfg, const char *name, const service_group_parser &parse, std::string *error);
 // A number (integer or float) of a group; absent keys leave *out. 0 or -EINVAL.
 int setting_number(const config_setting_t *group, const char *key, double *out, std::string *error);
 // The group's list `faults = ( { at; kind = "restart"; duration; }, { at;
@@ -89,6 +88,7 @@ int setting_number(const config_setting_t *group, const char *key, double *out, 
 int service_outages_parse(const config_setting_t *group, std::vector<service_outage> *out, std::string *error);
 
 int gps_settings_load(const std::string &scenario_path, gps_settings *out, std::string *error);
+int gps_settings_from(config_t *cfg, gps_settings *out, std::string *error);
 
 class gps_daemon {
 public:

@@ -360,6 +360,11 @@ int scenario_validate(const scenario &s, std::string *error)
     return 0;
 }
 
+int scenario_from_config(config_t *cfg, scenario *out, std::string *error)
+{
+    return parse_config(cfg, out, error);
+}
+
 int scenario_parse(const char *text, scenario *out, std::string *error)
 {
     return config_load_text(

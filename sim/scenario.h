@@ -3,6 +3,8 @@
 // phases that drive the truth, and the faults scripted in time.
 #pragma once
 
+#include <libconfig.h>
+
 #include <array>
 #include <cstdint>
 #include <optional>
@@ -90,6 +92,8 @@ scenario default_scenario();
 // *error (line number and what is wrong), -ENOENT when the file is missing.
 int scenario_load(const char *path, scenario *out, std::string *error);
 int scenario_parse(const char *text, scenario *out, std::string *error);
+// The same for a tree already parsed.
+int scenario_from_config(config_t *cfg, scenario *out, std::string *error);
 
 // Checks names (no white space, unique, trigger names not prefixes of one
 // another, since the client matches a trigger by name prefix) and ranges.

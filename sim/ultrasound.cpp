@@ -13,6 +13,7 @@
 #include "platform/msg_socket.h"
 #include "platform/time_helpers.h"
 #include "platform/ultrasound_service.h"
+#include "sim/config_file.h"
 #include "sim/gps_daemon.h"
 #include "sim/vehicle.h"
 
@@ -68,15 +69,24 @@ int parse_ultrasound(const config_setting_t *g, ultrasound_settings *out, std::s
 
 } // namespace
 
-int ultrasound_settings_load(const std::string &scenario_path, ultrasound_settings *out, std::string *error)
+int ultrasound_settings_from(config_t *cfg, ultrasound_settings *out, std::string *error)
 {
     ultrasound_settings s;
-    int r = load_service_group(
-        scenario_path, "ultrasound",
-        [&s](const config_setting_t *g, std::string *e) { return parse_ultrasound(g, &s, e); }, error);
+    int r = service_group_from(
+        cfg, "ultrasound", [&s](const config_setting_t *g, std::string *e) { return parse_ultrasound(g, &s, e); },
+        error);
     if (r == 0)
         *out = s;
     return r;
+}
+
+int ultrasound_settings_load(const std::string &scenario_path, ultrasound_settings *out, std::string *error)
+{
+    if (scenario_path.empty())
+        return ultrasound_settings_from(nullptr, out, error);
+    return config_load_file(
+        scenario_path.c_str(), [&](config_t *cfg, std::string *e) { return ultrasound_settings_from(cfg, out, e); },
+        error);
 }
 
 struct ultrasound_service::impl {

@@ -31,6 +31,7 @@ struct ultrasound_settings {
 };
 
 int ultrasound_settings_load(const std::string &scenario_path, ultrasound_settings *out, std::string *error);
+int ultrasound_settings_from(config_t *cfg, ultrasound_settings *out, std::string *error);
 
 class ultrasound_service {
 public:

@@ -410,6 +410,11 @@ struct vision_producers::impl {
     }
 };
 
+int vision_settings_from(config_t *cfg, vision_settings *out, std::string *error)
+{
+    return parse_config(cfg, out, error);
+}
+
 int vision_settings_parse(const char *text_in, vision_settings *out, std::string *error)
 {
     return config_load_text(

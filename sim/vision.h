@@ -10,6 +10,8 @@
 // "simulator" group; a scenario without one runs every producer without faults.
 #pragma once
 
+#include <libconfig.h>
+
 #include <array>
 #include <atomic>
 #include <cstdint>
@@ -54,6 +56,7 @@ struct vision_settings {
 // saying what and where.
 int vision_settings_load(const char *path, vision_settings *out, std::string *error);
 int vision_settings_parse(const char *text, vision_settings *out, std::string *error);
+int vision_settings_from(config_t *cfg, vision_settings *out, std::string *error);
 
 const char *vision_producer_name(vision_producer_id id);
 const char *vision_fault_kind_name(vision_fault_kind kind);
