@@ -214,6 +214,9 @@ public:
             (rc = list(root, "phases", &s->phases, &reader::phase)) ||
             (rc = list(root, "faults", &s->faults, &reader::fault)))
             return rc;
+        // 2^64: the first value a seed cannot hold.
+        if (!(seed >= 0 && seed < 18446744073709551616.0))
+            return fail(config_setting_get_member(root, "seed"), "'seed' must be from 0 to 2^64 - 1");
         s->seed = static_cast<uint64_t>(seed);
         return 0;
     }

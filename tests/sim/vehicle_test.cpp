@@ -77,6 +77,7 @@ TEST(Scenario, RejectsWhatTheServerCouldNotServe)
     const row rows[] = {
         {"nothing = 1;", "missing group 'simulator'"},
         {"simulator = { seed = ; };", "syntax error (line 1)"},
+        {"simulator = { seed = 1e400; };", "'seed' must be from 0 to 2^64 - 1 (line 1)"},
         {"simulator = { devices = ( { kind = \"gps\"; name = \"g\"; trigger = \"t\"; } ); };",
          "unknown device kind 'gps' (line 1)"},
         {"simulator = { devices = ( { kind = \"imu\"; trigger = \"t\"; } ); };", "missing 'name' (line 1)"},
