@@ -440,7 +440,8 @@ extern "C" int get_cell_voltage(int fd, uint16_t voltages[2], int *count)
     int converted = -1;
     if (*count == kCells)
         converted = sscanf(text, "%d %hu %hu", count, &voltages[0], &voltages[1]);
-    return converted == *count + 1 ? 0 : -EINVAL;
+    // Widened: a count of INT_MAX has no successor in an int.
+    return converted == int64_t{*count} + 1 ? 0 : -EINVAL;
 }
 
 extern "C" void battery_destroy(battery_ctx *battery)

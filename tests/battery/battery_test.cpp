@@ -362,7 +362,9 @@ TEST(BatteryAttributes, IntegersAndCellVoltagesParseAsTheDriverWritesThem)
     for (const cell_row &r : std::initializer_list<cell_row>{{"2 3900 3895\n", 0, 2, {3900, 3895}},
                                                              {"2 3900\n", -EINVAL, 2, {3900, 0}},
                                                              {"3 3900 3895 3890\n", -EINVAL, 3, {0, 0}},
-                                                             {"x\n", -EINVAL, -1, {0, 0}}}) {
+                                                             {"x\n", -EINVAL, -1, {0, 0}},
+                                                             {"2147483647\n", -EINVAL, 2147483647, {0, 0}},
+                                                             {"-2\n", 0, -2, {0, 0}}}) {
         SCOPED_TRACE(r.text);
         write_file(path, r.text);
         int fd = open(path.c_str(), O_RDONLY);
