@@ -11,18 +11,16 @@
 #include <stdlib.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
 #include <filesystem>
 #include <string>
 #include <string_view>
-#include <thread>
 
 #include "platform/log.h"
 #include "platform/paths.h"
 #include "platform/shm_telemetry.h"
+#include "platform/time_helpers.h"
 #include "private_dir.h"
 
 namespace {
@@ -42,21 +40,44 @@ constexpr attribute kFiles[] = {
 };
 // A full read at most every 10 us for the long-lived module.
 constexpr int kFastFrequency = 100000;
+constexpr uint64_t kFastPeriodUs = 1000000 / kFastFrequency;
 
 std::string g_root;
 std::string g_dir;
+// What each file of kFiles holds now: a file is rewritten only when its
+// content changes.
+std::string g_content[std::size(kFiles)];
 sensors_battery_data g_record;
 battery_ctx *g_long_lived;
 
 void write(const char *name, std::string_view content)
 {
-    std::string path = g_dir + "/" + name;
-    FILE *f = fopen(path.c_str(), "wb");
-    if (!f)
-        abort();
-    if (!content.empty() && fwrite(content.data(), 1, content.size(), f) != content.size())
-        abort();
-    fclose(f);
+    fuzz_write_file(g_dir + "/" + name, content);
+}
+
+void set(size_t n, std::string_view content)
+{
+    if (g_content[n] == content)
+        return;
+    write(kFiles[n].name, content);
+    g_content[n] = content;
+}
+
+// Until the long-lived module's period has passed since its last full read
+// (a few microseconds at most: the execution takes most of them): its next
+// read is full too.
+void wait_for_period()
+{
+    uint64_t last_us = 0;
+    duration_in_us(&g_record.timestamp, &last_us);
+    for (;;) {
+        timespec now;
+        uint64_t now_us = 0;
+        monotonic_now(&now);
+        duration_in_us(&now, &now_us);
+        if (now_us - last_us >= kFastPeriodUs)
+            return;
+    }
 }
 
 void cleanup()
@@ -75,8 +96,10 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***)
     std::filesystem::create_directories(g_dir);
     for (const char *extra : {"manufacturer_name", "model_name"})
         write(extra, "x\n");
-    for (const attribute &a : kFiles)
-        write(a.name, a.valid);
+    for (size_t n = 0; n < std::size(kFiles); n++) {
+        write(kFiles[n].name, kFiles[n].valid);
+        g_content[n] = kFiles[n].valid;
+    }
     atexit(cleanup);
     // Messages are formatted (their arguments are fuzzed too) but kept out of the output.
     log_capture_start();
@@ -93,7 +116,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     size_t n = 0;
     for (; n < std::size(kFiles); n++) {
         size_t cut = input.find(kSeparator);
-        write(kFiles[n].name, input.substr(0, cut));
+        set(n, input.substr(0, cut));
         if (cut == std::string_view::npos) {
             n++;
             break;
@@ -101,7 +124,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         input.remove_prefix(cut + kSeparator.size());
     }
     for (; n < std::size(kFiles); n++)
-        write(kFiles[n].name, kFiles[n].valid);
+        set(n, kFiles[n].valid);
 
     sensors_battery_data record{};
     static const sensors_battery_config slow{1, 0, kDir, 1, 0};
@@ -114,7 +137,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     }
     // The long-lived module keeps "present" open from the start: it reads
     // the current content of the same file.
-    std::this_thread::sleep_for(std::chrono::microseconds(11));
+    wait_for_period();
     uint32_t mask = 0;
     int r = battery_read(g_long_lived, &mask);
     if (r != 0 && r != -ENODEV)

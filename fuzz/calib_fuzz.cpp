@@ -10,7 +10,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <string>
@@ -30,22 +29,28 @@ constexpr std::string_view kSeparator = "%%\n";
 constexpr float kTemperatures[] = {-40.0f, 0.0f, 293.15f, 303.15f, 318.4f, 333.15f, 400.0f};
 
 std::string g_root;
+// The file's path under the private root, and what it holds now (absent
+// when not present): a file is rewritten only when its content changes.
+struct file_state {
+    std::string path;
+    bool present = false;
+    std::string content;
+};
+file_state g_files[std::size(kFiles)];
 
-void write_or_remove(const char *fixed, const std::string_view *content)
+void write_or_remove(file_state &file, const std::string_view *content)
 {
-    char path[4096];
-    if (platform_path(fixed, path, sizeof path) != 0)
-        abort();
     if (!content) {
-        unlink(path);
+        if (file.present)
+            unlink(file.path.c_str());
+        file.present = false;
         return;
     }
-    FILE *f = fopen(path, "wb");
-    if (!f)
-        abort();
-    if (!content->empty() && fwrite(content->data(), 1, content->size(), f) != content->size())
-        abort();
-    fclose(f);
+    if (file.present && file.content == *content)
+        return;
+    fuzz_write_file(file.path, *content);
+    file.present = true;
+    file.content = *content;
 }
 
 } // namespace
@@ -58,6 +63,12 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***)
     setenv(kRootEnv, g_root.c_str(), 1);
     std::filesystem::create_directories(g_root + "/data");
     std::filesystem::create_directories(g_root + "/factory");
+    for (size_t i = 0; i < std::size(kFiles); i++) {
+        char path[4096];
+        if (platform_path(kFiles[i], path, sizeof path) != 0)
+            abort();
+        g_files[i].path = path;
+    }
     // Messages are formatted (their arguments are fuzzed too) but kept out of the output.
     log_capture_start();
     return 0;
@@ -76,7 +87,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         input.remove_prefix(cut + kSeparator.size());
     }
     for (size_t i = 0; i < 6; i++)
-        write_or_remove(kFiles[i], i < n ? &parts[i] : nullptr);
+        write_or_remove(g_files[i], i < n ? &parts[i] : nullptr);
 
     if (imu_calib *imu = imu_calib_new()) {
         for (float t : kTemperatures) {

@@ -8,33 +8,21 @@
 #include <unistd.h>
 
 #include <cstdint>
-#include <cstdio>
 #include <string>
+#include <string_view>
 
 #include "platform/log.h"
+#include "private_dir.h"
 
 namespace {
 
-char g_dir[] = "/tmp/config_fuzz-XXXXXX";
-char g_file[sizeof g_dir + 16];
-
-void cleanup()
-{
-    unlink(g_file);
-    rmdir(g_dir);
-}
-
 std::string prepare()
 {
-    char *dir = mkdtemp(g_dir);
-    if (!dir)
-        abort();
-    snprintf(g_file, sizeof g_file, "%s/sensors.cfg", dir);
-    atexit(cleanup);
-    setenv("ORLUNE_ROOT", dir, 1);
-    setenv("LIBVIGIL_CFG_PATH", g_file, 1);
+    const std::string &dir = fuzz_private_dir("config-fuzz");
+    setenv("ORLUNE_ROOT", dir.c_str(), 1);
+    setenv("LIBVIGIL_CFG_PATH", (dir + "/sensors.cfg").c_str(), 1);
     log_set_levels("none");
-    return g_file;
+    return dir + "/sensors.cfg";
 }
 
 } // namespace
@@ -53,12 +41,7 @@ extern "C" const char *__lsan_default_suppressions()
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     static const std::string path = prepare();
-    FILE *file = fopen(path.c_str(), "wb");
-    if (!file)
-        abort();
-    if (size && fwrite(data, 1, size, file) != size)
-        abort();
-    fclose(file);
+    fuzz_write_file(path, std::string_view(reinterpret_cast<const char *>(data), size));
 
     // Every kind accepted on odd inputs, none on even ones: both filter paths run.
     const uint32_t mask = size % 2 ? SENSORS_KIND_ALL : 0;

@@ -12,7 +12,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <string>
@@ -29,16 +28,6 @@ constexpr std::string_view kSeparator = "%%\n";
 constexpr const char *kKeys[] = {"ro.hardware", "ro.revision", "ro.boot.sensors", "", "=", "#", "ro.hardware "};
 
 std::string g_dir;
-
-void write_file(const std::string &path, std::string_view content)
-{
-    FILE *f = fopen(path.c_str(), "wb");
-    if (!f)
-        abort();
-    if (!content.empty() && fwrite(content.data(), 1, content.size(), f) != content.size())
-        abort();
-    fclose(f);
-}
 
 } // namespace
 
@@ -57,7 +46,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const std::string_view props = input.substr(0, cut);
     const std::string_view table = cut == std::string_view::npos ? std::string_view() : input.substr(cut + 3);
 
-    write_file(g_dir + "/system.prop", props);
+    fuzz_write_file(g_dir + "/system.prop", props);
     for (const char *key : kKeys) {
         char value[PROPERTY_VALUE_MAX];
         memset(value, 0x5a, sizeof value);
@@ -67,7 +56,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     }
 
     const std::string table_path = g_dir + "/sched.conf";
-    write_file(table_path, table);
+    fuzz_write_file(table_path, table);
     if (sched_config *config = sched_config_load(table_path.c_str())) {
         if (sched_config_count(config) > table.size())
             abort();

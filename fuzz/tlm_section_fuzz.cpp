@@ -7,11 +7,13 @@
 #include <unistd.h>
 
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
+#include <string>
+#include <string_view>
 
 #include "platform/log.h"
 #include "platform/shm_telemetry.h"
+#include "private_dir.h"
 
 namespace {
 
@@ -28,40 +30,23 @@ const tlm_field_desc kFields[] = {
 };
 const tlm_struct_desc kDesc{0, 3, kFields};
 
-char g_dir[] = "/tmp/tlm-fuzz-XXXXXX";
-char g_file[sizeof g_dir + 16];
-
-void remove_dir()
+// The section file in a private directory for the run, removed at exit.
+const std::string &section_file()
 {
-    unlink(g_file);
-    rmdir(g_dir);
-}
-
-// A private section directory for the run, removed at exit.
-const char *section_file()
-{
-    static const bool made = [] {
-        if (!mkdtemp(g_dir))
-            abort();
-        snprintf(g_file, sizeof g_file, "%s/fuzz%s", g_dir, kTlmFileSuffix);
-        setenv(kTlmDirEnv, g_dir, 1);
+    static const std::string file = [] {
+        const std::string &dir = fuzz_private_dir("tlm-fuzz");
+        setenv(kTlmDirEnv, dir.c_str(), 1);
         log_set_levels("none");
-        atexit(remove_dir);
-        return true;
+        return dir + "/fuzz" + kTlmFileSuffix;
     }();
-    (void)made;
-    return g_file;
+    return file;
 }
 
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    FILE *f = fopen(section_file(), "wb");
-    if (!f)
-        return 0;
-    fwrite(data, 1, size, f);
-    fclose(f);
+    fuzz_write_file(section_file(), std::string_view(reinterpret_cast<const char *>(data), size));
 
     wanted w{};
     timespec ts{};
