@@ -8,6 +8,6 @@ build=${BUILD_DIR:-$root/build}
 
 "$root/scripts/build.sh" "$build"
 status=0
-"$root/scripts/fuzz.sh" "${FUZZ_SECONDS:-10}" || status=1
+"$root/scripts/fuzz.sh" --seconds "${FUZZ_SECONDS:-10}" --jobs "$(nproc)" || status=1
 (cd "$build" && ctest -j "$(nproc)" --output-on-failure --timeout 300) || status=$?
 exit $status
