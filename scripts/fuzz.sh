@@ -14,7 +14,9 @@
 #
 # Each target prints its executions and executions per second; the figures
 # are also in build-fuzz/findings/summary.txt. A finding fails the run with
-# the input saved in build-fuzz/findings/ and the log's end printed.
+# the input saved in build-fuzz/findings/ and the log's end printed. A target
+# interrupted (kill -INT on its process) ends its run early as if its budget
+# were spent.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=$(realpath -m "${FUZZ_BUILD_DIR:-$root/build-fuzz}")
@@ -29,7 +31,7 @@ while [ $# -gt 0 ]; do
     --runs) runs=$2; shift 2 ;;
     --jobs) jobs=$2; shift 2 ;;
     --keep) keep=1; shift ;;
-    -h|--help) sed -n '2,17p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
+    -h|--help) sed -n '2,19p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
     -*) echo "fuzz: unknown option $1" >&2; exit 2 ;;
     *[!0-9]*) targets+=("${1%_fuzz}_fuzz"); shift ;;
     *) seconds=$1; shift ;;
@@ -84,6 +86,13 @@ run_one() {
   (cd "$findings" && ORLUNE_ROOT=$corpus/.root SENSORS_LOG_OUTPUT=none \
     "$build/fuzz/$name" "${flags[@]}" "$limit" -timeout=10 -rss_limit_mb=2048 -print_final_stats=1 \
     "$corpus" >"$log" 2>&1) || status=$?
+  # libFuzzer's exit status when interrupted (SIGINT to the target): the run
+  # ends early but found nothing, and what it grew is kept like a full run's.
+  local interrupted=0
+  if [ "$status" -eq 72 ]; then
+    interrupted=1
+    status=0
+  fi
   local executed rate added
   executed=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log" | tail -n 1)
   rate=$(sed -n 's/^stat::average_exec_per_sec: *//p' "$log" | tail -n 1)
@@ -102,6 +111,7 @@ run_one() {
     echo "$line FAILED" >>"$findings/summary.txt"
     return 1
   fi
+  [ "$interrupted" -eq 1 ] && line="$line  (interrupted)"
   echo "fuzz: $line"
   echo "$line" >>"$findings/summary.txt"
 }
