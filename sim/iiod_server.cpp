@@ -100,26 +100,35 @@ constexpr std::array<writable_attr, 2> kWritable{{
     {"rate_divider", 1, 64},
 }};
 
+// A buffer that one connection opened on a device: its own channels, refill
+// size and cursor in the device's stream, as each client of a board's iiod
+// gets every scan the device makes.
+struct reader_state {
+    uint64_t serial = 0;         // the connection's
+    bool enabled = false;
+    uint64_t mask = 0;
+    std::vector<size_t> offsets; // byte offset of each channel for the mask
+    size_t scan_size = 0;
+    size_t samples = 0;          // scans per refill
+    uint64_t consumed = 0;       // scans of the stream read or dropped
+};
+
 struct sensor_state {
     std::unique_ptr<device_model> model;
     std::string id;                   // "iio:deviceN"
     size_t trigger = 0;               // its own trigger's index
     std::vector<std::pair<std::string, std::string>> values; // by file name
-    std::vector<size_t> offsets;      // byte offset of each channel for the open mask
-    // Buffer, opened by one connection at a time.
-    uint64_t owner = 0; // connection serial, 0 = not open
-    bool enabled = false;
-    uint64_t mask = 0;
-    size_t samples = 0;
-    size_t scan_size = 0;
     size_t kernel_length = kDefaultKernelLength;
     long attached = -1; // trigger index, -1 = none
     // Scans are numbered from origin: scan j is sampled and stamped at
     // origin + (j+1) periods, and becomes readable the device's delivery
     // delay after the last scan of its trigger batch was sampled.
     int64_t origin_ns = 0;
-    uint64_t consumed = 0;
-    // Armed faults.
+    // At most one per connection. Nodes stay put while a refill waits with
+    // the lock released: only the reader's own connection removes it.
+    std::list<reader_state> readers;
+    // Armed faults belong to the device, not to a reader: the next refill
+    // of whichever reader comes first consumes them.
     int error_left = 0;
     int error_errno = EIO;
     int short_left = 0;
@@ -241,11 +250,47 @@ struct iiod_server::impl {
         return s.model->blocking() ? static_cast<uint64_t>(std::max(1L, attr_long(s, "rate_divider", 1))) : 1;
     }
     int64_t delay_ns(const sensor_state &s) const { return delivery_delay_ns(s.model->setup(), period_ns(s)); }
-    bool producing(const sensor_state &s) const { return s.owner && s.enabled && s.attached >= 0; }
+    reader_state *reader_of(sensor_state &s, uint64_t serial)
+    {
+        for (reader_state &r : s.readers)
+            if (r.serial == serial)
+                return &r;
+        return nullptr;
+    }
+    // Buffer enable as a connection reads it: its own buffer's, or whether
+    // the device streams to anyone.
+    bool enabled(const sensor_state &s, const reader_state *own) const
+    {
+        if (own)
+            return own->enabled;
+        return std::any_of(s.readers.begin(), s.readers.end(), [](const reader_state &r) { return r.enabled; });
+    }
+    // The device samples while a trigger drives it and a reader has its
+    // buffer enabled.
+    bool producing(const sensor_state &s) const { return s.attached >= 0 && enabled(s, nullptr); }
+    // The device's settings changed: every reader starts over with it.
     void restart_stream(sensor_state &s, int64_t at)
     {
         s.origin_ns = at;
-        s.consumed = 0;
+        for (reader_state &r : s.readers)
+            r.consumed = 0;
+        cv.notify_all();
+    }
+    // Buffer enable as a connection writes it: its own buffer's, or, from a
+    // connection without one on the device, every buffer's (the network
+    // client opens a buffer on a connection of its own and writes the
+    // attributes on another). Enabling a disabled buffer restarts the
+    // device, and so every reader's stream.
+    void set_enabled(sensor_state &s, reader_state *own, bool enable)
+    {
+        bool restart = false;
+        for (reader_state &r : s.readers)
+            if (!own || &r == own) {
+                restart |= enable && !r.enabled;
+                r.enabled = enable;
+            }
+        if (restart)
+            restart_stream(s, now_ns());
         cv.notify_all();
     }
     // Scans that have reached the kernel buffer by now: those sampled at
@@ -258,59 +303,65 @@ struct iiod_server::impl {
         const uint64_t sampled = static_cast<uint64_t>((sampled_by - s.origin_ns) / period_ns(s));
         return sampled / divider(s) * divider(s);
     }
-    int64_t ready_at(const sensor_state &s, uint64_t scan) const
+    int64_t ready_at(const sensor_state &s, const reader_state &r, uint64_t scan) const
     {
-        if (!producing(s))
+        if (!r.enabled || s.attached < 0)
             return kNever;
         const uint64_t d = divider(s);
         return s.origin_ns + static_cast<int64_t>((scan / d + 1) * d) * period_ns(s) + delay_ns(s);
     }
-    // Scans waiting; a full kernel buffer keeps the newest, and a scan still
-    // on its way is not in it yet.
-    uint64_t waiting(sensor_state &s, int64_t now)
+    // Scans waiting for a reader; its full kernel buffer keeps the newest,
+    // and a scan still on its way is not in it yet.
+    uint64_t waiting(const sensor_state &s, reader_state &r, int64_t now)
     {
+        if (!r.enabled)
+            return 0;
         // The kernel buffer holds at least one refill's worth.
-        const uint64_t capacity = std::max(s.kernel_length, s.samples);
+        const uint64_t capacity = std::max(s.kernel_length, r.samples);
         const uint64_t p = delivered(s, now);
-        if (p > s.consumed + capacity)
-            s.consumed = p - capacity;
-        return p > s.consumed ? p - s.consumed : 0;
+        if (p > r.consumed + capacity)
+            r.consumed = p - capacity;
+        return p > r.consumed ? p - r.consumed : 0;
     }
-    void layout(sensor_state &s)
+    void layout(reader_state &r, const device_model &m)
     {
         // The client's rule: each element aligned to its own size, no
         // padding after the last one.
-        const auto &ch = s.model->channels();
-        s.offsets.assign(ch.size(), 0);
+        const auto &ch = m.channels();
+        r.offsets.assign(ch.size(), 0);
         size_t size = 0;
         for (size_t i = 0; i < ch.size(); i++) {
-            if (!(s.mask & (uint64_t{1} << i)))
+            if (!(r.mask & (uint64_t{1} << i)))
                 continue;
             const size_t len = ch[i].format.storage_bytes;
             if (size % len)
                 size += len - size % len;
-            s.offsets[i] = size;
+            r.offsets[i] = size;
             size += len;
         }
-        s.scan_size = size;
+        r.scan_size = size;
     }
-    void write_scans(sensor_state &s, uint64_t first, size_t count, char *out)
+    // Scan j is a function of the stream's origin and j (the sensors' noise
+    // is keyed by the scan), so every reader gets the same scan j whenever
+    // it reads it. The motor controller's state only moves forward: a reader
+    // that lags reads its scans with the state the controller has by then.
+    void write_scans(const sensor_state &s, const reader_state &r, uint64_t first, size_t count, char *out)
     {
         const auto &ch = s.model->channels();
         const int64_t period = period_ns(s);
         int64_t raw[kMaxChannels];
-        std::memset(out, 0, count * s.scan_size);
+        std::memset(out, 0, count * r.scan_size);
         for (size_t k = 0; k < count; k++) {
             const int64_t stamp = s.origin_ns + static_cast<int64_t>(first + k + 1) * period;
             s.model->sample(truth, static_cast<double>(stamp - epoch) / 1e9, static_cast<uint64_t>(stamp), raw);
             raw[ch.size() - 1] = stamp;
-            char *scan = out + k * s.scan_size;
+            char *scan = out + k * r.scan_size;
             for (size_t i = 0; i < ch.size(); i++) {
-                if (!(s.mask & (uint64_t{1} << i)))
+                if (!(r.mask & (uint64_t{1} << i)))
                     continue;
                 const uint64_t v = static_cast<uint64_t>(raw[i]);
                 for (unsigned b = 0; b < ch[i].format.storage_bytes; b++)
-                    scan[s.offsets[i] + b] = static_cast<char>((v >> (8 * b)) & 0xff);
+                    scan[r.offsets[i] + b] = static_cast<char>((v >> (8 * b)) & 0xff);
             }
         }
     }
@@ -749,7 +800,7 @@ struct iiod_server::impl {
         int value_of(sensor_state &s, const iiod_command &cmd, const std::string &file, std::string *value)
         {
             if (cmd.scope == attr_scope::buffer) {
-                *value = file == "enable" ? std::to_string(s.owner && s.enabled ? 1 : 0)
+                *value = file == "enable" ? std::to_string(server.enabled(s, server.reader_of(s, conn.serial)) ? 1 : 0)
                                           : std::to_string(s.kernel_length);
                 return 0;
             }
@@ -801,19 +852,16 @@ struct iiod_server::impl {
                 if (!number)
                     return reply(-EINVAL);
                 if (file == "length") {
-                    if (s->owner)
+                    if (!s->readers.empty())
                         return reply(-EBUSY);
                     if (v < 1 || v > 65536)
                         return reply(-EINVAL);
                     s->kernel_length = static_cast<size_t>(v);
                 } else {
                     const bool enable = v != 0;
-                    if (enable && !s->owner)
+                    if (enable && s->readers.empty())
                         return reply(-EINVAL);
-                    if (enable && !s->enabled)
-                        server.restart_stream(*s, now_ns());
-                    s->enabled = enable;
-                    server.cv.notify_all();
+                    server.set_enabled(*s, server.reader_of(*s, conn.serial), enable);
                 }
                 return reply(static_cast<long>(cmd.number));
             }
@@ -879,18 +927,26 @@ struct iiod_server::impl {
             uint64_t mask;
             if (cmd.cyclic || cmd.number == 0 || parse_iiod_mask(cmd.mask, s->model->channels().size(), &mask) || !mask)
                 return -EINVAL;
-            if (s->owner)
-                return -EBUSY;
-            s->mask = mask;
-            server.layout(*s);
-            if (cmd.number > kMaxBufferBytes / s->scan_size)
+            if (server.reader_of(*s, conn.serial))
+                return -EBUSY; // one buffer per device and connection
+            reader_state r;
+            r.serial = conn.serial;
+            r.mask = mask;
+            server.layout(r, *s->model);
+            if (cmd.number > kMaxBufferBytes / r.scan_size)
                 return -ENOMEM;
-            s->samples = static_cast<size_t>(cmd.number);
-            if (out.size() < 64 + s->samples * s->scan_size)
-                out.resize(64 + s->samples * s->scan_size);
-            s->owner = conn.serial;
-            s->enabled = true;
-            server.restart_stream(*s, now_ns());
+            r.samples = static_cast<size_t>(cmd.number);
+            if (out.size() < 64 + r.samples * r.scan_size)
+                out.resize(64 + r.samples * r.scan_size);
+            r.enabled = true;
+            // The first reader starts the device; a later one joins its
+            // stream at the newest scan, leaving the others undisturbed.
+            const int64_t now = now_ns();
+            const bool running = server.producing(*s);
+            r.consumed = running ? server.delivered(*s, now) : 0;
+            s->readers.push_back(std::move(r));
+            if (!running)
+                server.restart_stream(*s, now);
             return 0;
         }
 
@@ -898,26 +954,22 @@ struct iiod_server::impl {
         {
             std::lock_guard<std::mutex> lock(server.mu);
             sensor_state *s = server.sensor_by_id(id);
-            if (!s || s->owner != conn.serial)
+            reader_state *r = s ? server.reader_of(*s, conn.serial) : nullptr;
+            if (!r)
                 return -ENXIO;
-            release(*s);
-            return 0;
-        }
-
-        void release(sensor_state &s)
-        {
-            s.owner = 0;
-            s.enabled = false;
+            s->readers.remove_if([&](const reader_state &x) { return &x == r; });
             server.cv.notify_all();
+            return 0;
         }
 
         bool read_buffer(const iiod_command &cmd)
         {
             std::unique_lock<std::mutex> lock(server.mu);
             sensor_state *s = server.sensor_by_id(cmd.device);
-            if (!s || s->owner != conn.serial)
+            reader_state *r = s ? server.reader_of(*s, conn.serial) : nullptr;
+            if (!r)
                 return lock.unlock(), reply(s || server.trigger_by_id(cmd.device) ? -EBADF : -ENODEV);
-            size_t want = std::min<uint64_t>(s->samples, cmd.number / s->scan_size);
+            size_t want = std::min<uint64_t>(r->samples, cmd.number / r->scan_size);
             if (want == 0)
                 return lock.unlock(), reply(-EINVAL);
             if (s->error_left > 0) {
@@ -934,10 +986,10 @@ struct iiod_server::impl {
             const int64_t deadline =
                 server.timeout_ms ? now_ns() + static_cast<int64_t>(server.timeout_ms) * kNsPerMs : kNever;
             for (;;) {
-                if (server.stopping || conn.generation != server.generation || s->owner != conn.serial)
+                if (server.stopping || conn.generation != server.generation)
                     return false;
                 const int64_t now = now_ns();
-                const uint64_t ready = server.waiting(*s, now);
+                const uint64_t ready = server.waiting(*s, *r, now);
                 if (ready >= want)
                     break;
                 if (!s->model->blocking()) {
@@ -947,7 +999,7 @@ struct iiod_server::impl {
                     break;
                 }
                 // Answer -ETIMEDOUT before the client gives up on its side.
-                const int64_t wake = std::min(server.ready_at(*s, s->consumed + want - 1), deadline);
+                const int64_t wake = std::min(server.ready_at(*s, *r, r->consumed + want - 1), deadline);
                 if (now >= deadline)
                     return lock.unlock(), reply(-ETIMEDOUT);
                 if (wake == kNever)
@@ -955,14 +1007,14 @@ struct iiod_server::impl {
                 else
                     server.cv.wait_until(lock, to_steady(wake));
             }
-            const size_t bytes = want * s->scan_size;
+            const size_t bytes = want * r->scan_size;
             const size_t words = (s->model->channels().size() + 31) / 32;
             int n = std::snprintf(out.data(), 64, "%zu\n", bytes);
             for (size_t w = words; w-- > 0;)
-                n += std::snprintf(out.data() + n, 16, "%08x", static_cast<unsigned>(s->mask >> (32 * w)));
+                n += std::snprintf(out.data() + n, 16, "%08x", static_cast<unsigned>(r->mask >> (32 * w)));
             out[static_cast<size_t>(n++)] = '\n';
-            server.write_scans(*s, s->consumed, want, out.data() + n);
-            s->consumed += want;
+            server.write_scans(*s, *r, r->consumed, want, out.data() + n);
+            r->consumed += want;
             size_t total = static_cast<size_t>(n) + bytes;
             // A batch shorter than asked ends with a zero length.
             if (bytes < cmd.number) {
@@ -984,10 +1036,7 @@ struct iiod_server::impl {
         // A connection that goes away closes what it opened, as a cancelled
         // client buffer sends no CLOSE.
         for (sensor_state &s : sensors)
-            if (s.owner == conn.serial) {
-                s.owner = 0;
-                s.enabled = false;
-            }
+            s.readers.remove_if([&](const reader_state &r) { return r.serial == conn.serial; });
         cv.notify_all();
         close(conn.fd);
         conn.fd = -1;

@@ -233,33 +233,100 @@ TEST_F(IiodServer, ReadbufSendsLengthMaskAndDataAndEndsAShortBatchWithZero)
     EXPECT_EQ(buffer.ask("OPEN iio:device1 1 0000000700000000\r\n"), "-22\n") << "one word for 3 channels";
 }
 
-TEST_F(IiodServer, OneBufferPerDeviceAndAVanishedClientReleasesIt)
+TEST_F(IiodServer, ClientsShareADeviceEachWithItsOwnMaskRefillAndCursor)
 {
     wire control(server_->port());
     EXPECT_EQ(control.ask("SETTRIG iio:device0 trigger0\r\n"), "0\n");
-    auto first = std::make_unique<wire>(server_->port());
-    EXPECT_EQ(first->ask("OPEN iio:device0 5 000000ff\r\n"), "0\n");
-    wire second(server_->port());
-    EXPECT_EQ(second.ask("OPEN iio:device0 5 000000ff\r\n"), "-16\n");
-    EXPECT_EQ(control.ask(bytes("WRITE iio:device0 BUFFER length 3\r\n25\0")), "-16\n") << "length is fixed while open";
-    // The first client goes away in the middle of a refill, as a cancelled
-    // buffer does (no CLOSE, no EXIT).
-    first->send_text("READBUF iio:device0 120000\r\n");
-    first->hang_up();
-    first.reset();
-    std::string reply = "-16\n";
-    for (int i = 0; i < 200 && reply == "-16\n"; i++) {
-        reply = second.ask("OPEN iio:device0 5 000000ff\r\n");
-        if (reply == "-16\n")
-            usleep(10000);
+    // A kernel buffer of 4 s at 1 kHz: a busy machine drops no scan here.
+    EXPECT_EQ(control.ask(bytes("WRITE iio:device0 BUFFER length 5\r\n4096\0")), "5\n");
+    // Every channel, 5 scans a refill (24-byte scans, the stamp at 16); and
+    // accel_x with the stamp, 2 a refill (16-byte scans, the stamp at 8).
+    struct reader {
+        std::unique_ptr<wire> w;
+        const char *mask;
+        size_t scan, stamp_at, samples;
+        int64_t last = 0;
+        std::string refill()
+        {
+            const size_t n = scan * samples;
+            EXPECT_EQ(w->ask("READBUF iio:device0 " + std::to_string(n) + "\r\n"), std::to_string(n) + "\n");
+            EXPECT_EQ(w->line(), std::string(mask) + "\n");
+            std::string data = w->read_exact(n);
+            last = stamp(data, n / scan - 1);
+            return data;
+        }
+        int64_t stamp(const std::string &data, size_t k) const
+        {
+            int64_t v;
+            std::memcpy(&v, data.data() + k * scan + stamp_at, 8);
+            return v;
+        }
+    };
+    reader all{std::make_unique<wire>(server_->port()), "000000ff", 24, 16, 5};
+    reader one{std::make_unique<wire>(server_->port()), "00000081", 16, 8, 2};
+    EXPECT_EQ(all.w->ask("OPEN iio:device0 5 000000ff\r\n"), "0\n");
+    EXPECT_EQ(all.w->ask("OPEN iio:device0 5 000000ff\r\n"), "-16\n") << "one buffer per device and connection";
+    all.refill();
+    // The second client joins the running stream: the first one's scans go on
+    // on the same 1 ms grid (a restart would move it).
+    int64_t before = all.last;
+    EXPECT_EQ(one.w->ask("OPEN iio:device0 2 00000081\r\n"), "0\n");
+    EXPECT_EQ((all.stamp(all.refill(), 0) - before) % 1000000, 0);
+    one.refill();
+    EXPECT_EQ(control.ask(bytes("WRITE iio:device0 BUFFER length 3\r\n64\0")), "-16\n") << "fixed while open";
+    // A connection's enable is its own buffer's: the other one streams on.
+    EXPECT_EQ(one.w->ask(bytes("WRITE iio:device0 BUFFER enable 2\r\n0\0")), "2\n");
+    before = all.last;
+    EXPECT_EQ((all.stamp(all.refill(), 0) - before) % 1000000, 0);
+    for (const auto &[w, value] : {std::pair{one.w.get(), bytes("0\0\n")}, std::pair{all.w.get(), bytes("1\0\n")}}) {
+        EXPECT_EQ(w->ask("READ iio:device0 BUFFER enable\r\n"), "2\n");
+        EXPECT_EQ(w->read_exact(3), value);
     }
-    EXPECT_EQ(reply, "0\n");
-    // A client that leaves halfway through a WRITE payload harms no one.
+    // Enabled again, it restarts the device: both readers start at scan 0.
+    EXPECT_EQ(one.w->ask(bytes("WRITE iio:device0 BUFFER enable 2\r\n1\0")), "2\n");
+    EXPECT_EQ(one.stamp(one.refill(), 0), all.stamp(all.refill(), 0));
+    // The rate written again restarts the device too (the readers were at
+    // scans 5 and 2): both start over, and scan j is the same scan for both,
+    // stamp and counts.
+    EXPECT_EQ(control.ask(bytes("WRITE iio:device0 sampling_frequency 5\r\n1000\0")), "5\n");
+    std::string wide, narrow;
+    for (int i = 0; i < 2; i++)
+        wide += all.refill();
+    for (int i = 0; i < 5; i++)
+        narrow += one.refill();
+    for (size_t k = 0; k < 10; k++) {
+        SCOPED_TRACE(k);
+        EXPECT_EQ(one.stamp(narrow, k), all.stamp(wide, k));
+        EXPECT_EQ(narrow.substr(k * 16, 2), wide.substr(k * 24, 2)) << "accel_x";
+        if (k) {
+            EXPECT_EQ(all.stamp(wide, k) - all.stamp(wide, k - 1), 1000000);
+        }
+    }
+    // One client vanishes in the middle of a refill (no CLOSE, no EXIT), another
+    // leaves halfway through a WRITE payload: the other reader goes on.
+    all.w->send_text("READBUF iio:device0 120000\r\n");
+    all.w->hang_up();
+    all.w.reset();
     {
         wire half(server_->port());
         half.send_text("WRITE iio:device0 sampling_frequency 100\r\n12");
     }
-    EXPECT_EQ(second.ask("READBUF iio:device0 120\r\n"), "120\n");
+    for (int i = 0; i < 3; i++) {
+        before = one.last;
+        const int64_t first = one.stamp(one.refill(), 0);
+        EXPECT_GT(first, before);
+        EXPECT_EQ((first - before) % 1000000, 0);
+    }
+    EXPECT_EQ(one.w->ask("CLOSE iio:device0\r\n"), "0\n");
+    EXPECT_EQ(one.w->ask("READBUF iio:device0 32\r\n"), "-9\n");
+    // Once the vanished client's reader is gone too, the length is free.
+    std::string reply = "-16\n";
+    for (int i = 0; i < 200 && reply == "-16\n"; i++) {
+        reply = control.ask(bytes("WRITE iio:device0 BUFFER length 3\r\n64\0"));
+        if (reply == "-16\n")
+            usleep(10000);
+    }
+    EXPECT_EQ(reply, "3\n");
 }
 
 TEST_F(IiodServer, SurvivesRandomLinesAndAnswersEachWithOneError)
