@@ -37,9 +37,9 @@ done
 # Sizes of the run. The full run takes about two minutes after the build;
 # the quick one about twenty seconds.
 if [ $quick = 1 ]; then
-  cycles=200 cg_cycles=20 first_runs=3 tput_runs=1 tput_s=1 tlm_reps=2 tlm_min_time=0.01 age_s=1.5 stalls_s=3
+  cycles=200 cg_cycles=20 first_runs=3 tput_runs=1 tput_s=1 tlm_reps=2 tlm_min_time=0.01 age_s=1.5 stalls_s=3 replay_s=4
 else
-  cycles=4000 cg_cycles=400 first_runs=9 tput_runs=5 tput_s=3 tlm_reps=5 tlm_min_time=0.2 age_s=10 stalls_s=8
+  cycles=4000 cg_cycles=400 first_runs=9 tput_runs=5 tput_s=3 tlm_reps=5 tlm_min_time=0.2 age_s=10 stalls_s=8 replay_s=45
 fi
 
 load_start=$(cut -d' ' -f1-3 /proc/loadavg)
@@ -54,14 +54,15 @@ if [ $do_build = 1 ]; then
     cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo "${launcher[@]}" >/dev/null
   fi
   cmake --build "$build" -j "${BENCH_JOBS:-2}" \
-    --target sensors_orlune orlune-sim orlune-host cycle_meter shm_telemetry_bench
+    --target sensors_orlune orlune-sim orlune-host orlune-capture cycle_meter shm_telemetry_bench
 fi
 sim_bin=$build/sim/orlune-sim
 host_bin=$build/tools/host/orlune-host
+capture_bin=$build/tools/capture/orlune-capture
 plugin=$(ls "$build"/libsensors_orlune.so 2>/dev/null || true)
 meter=$build/bench/cycle_meter
 tlm_bench=$build/bench/shm_telemetry_bench
-for f in "$sim_bin" "$host_bin" "$plugin" "$meter" "$tlm_bench"; do
+for f in "$sim_bin" "$host_bin" "$capture_bin" "$plugin" "$meter" "$tlm_bench"; do
   [ -n "$f" ] && [ -x "$f" ] || { echo "bench-report: missing '$f': build first" >&2; exit 1; }
 done
 for tool in valgrind iio_readdev; do
@@ -299,6 +300,37 @@ fault_ages() {
   --benchmark_min_time="$tlm_min_time" --benchmark_format=csv > "$work/tlm.csv" 2> "$work/tlm.log"
 # tlm_ns NAME ARG: median CPU time in ns.
 tlm_ns() { awk -F, -v n="\"$1/$2_median\"" '$1 == n { print $4 }' "$work/tlm.csv"; }
+
+# --- Capture and replay --------------------------------------------------------
+# The demo flight with orlune-capture beside the host from its second second,
+# then the capture replayed as fast as the plug-in reads, timed from the
+# host's start to the end of the capture.
+start_vehicle capture --scenario "$root/examples/scenarios/flight.cfg"
+"$host_bin" --plugin "$plugin" --view none --duration "$((replay_s + 2))" \
+  > "$work/capture/host.txt" 2> "$work/capture/host.log" &
+host_pid=$!
+sleep 1
+TIMEFORMAT='%R %U %S'
+{ time "$capture_bin" --quiet --duration "$replay_s" -o "$work/capture/flight.cap" 2> "$work/capture/capture.log"; } \
+  2> "$work/capture/capture.time" || { echo "bench-report: orlune-capture failed:" >&2; cat "$work/capture/capture.log" >&2; exit 1; }
+wait $host_pid || true
+stop_sim
+read -r cap_real cap_user cap_sys < "$work/capture/capture.time"
+cap_bytes=$(stat -c %s "$work/capture/flight.cap")
+cap_lost=$(sed -nE 's/^imu samples .*lost ([0-9]+).*/\1/p' "$work/capture/host.txt")
+start_vehicle replay --replay "$work/capture/flight.cap" --fast
+t0=$(date +%s.%N)
+"$host_bin" --plugin "$plugin" --view none --duration 100000 > "$work/replay/host.txt" 2> "$work/replay/host.log" &
+host_pid=$!
+until grep -q '^# replay over' "$work/replay/sim.out"; do
+  kill -0 $host_pid 2>/dev/null || { echo "bench-report: the host stopped during the replay:" >&2; cat "$work/replay/host.log" >&2; exit 1; }
+  sleep 0.05
+done
+t1=$(date +%s.%N)
+kill -INT $host_pid; wait $host_pid || true
+stop_sim
+replay_wall=$(calc "\"%.2f\", $t1 - $t0")
+replay_cycles=$(sed -nE 's/^cycles +([0-9]+).*/\1/p' "$work/replay/host.txt")
 
 elapsed=$(($(date +%s) - t_start))
 load_end=$(cut -d' ' -f1-3 /proc/loadavg)
@@ -654,6 +686,27 @@ consumer's own layout: two copies plus the checks, the price of reading by
 field name from a producer built with another layout, and of noticing a
 producer that restarted. Both stay far below a microsecond, against a cycle
 of 5 ms.
+
+## Capture and replay
+
+\`orlune-capture --duration $replay_s\` beside \`orlune-host\` (every sensor) on
+the demo flight (\`examples/scenarios/flight.cfg\`), started a second after
+the host; then \`orlune-sim --replay --fast\` of that capture under a fresh
+host, timed from the host's start to the replay's \`# replay over\`
+([replay](replay.md)).
+
+| | |
+|---|---|
+| capture size | $cap_bytes bytes for $replay_s s: $(calc "\"%.2f\", $cap_bytes / 1e6 * 60 / $replay_s") MB per flight minute |
+| capture CPU | $cap_user s user, $cap_sys s system over $cap_real s ($(calc "\"%.1f\", ($cap_user + $cap_sys) * 100 / $cap_real") % of a core) |
+| IMU samples the host lost meanwhile | $cap_lost |
+| replay of the $replay_s s, as fast as the plug-in reads | $replay_wall s ($(calc "\"%.0f\", $replay_wall * 100 / $replay_s") % of the flight's time), $replay_cycles reads ($(calc "\"%.0f\", $replay_cycles / $replay_wall") a second) |
+
+**What bounds the replay.** Each read is a refill of the IMU that the replay
+answers at once, after the other streams have been served up to the batch's
+time; the host's cycle (the plug-in's own work and its other refills) is the
+rest. The host's summary of a fast replay shows IMU ages of seconds and
+more: the recorded timestamps are kept while the host's clock runs on.
 
 ## Probe to first sample
 

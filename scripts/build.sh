@@ -52,7 +52,7 @@ fi
 
 if [ $demo = 1 ]; then
   echo "building the plug-in, the simulator, the host and the telemetry tool"
-  cmake --build "$build" -j "$(nproc)" --target sensors_orlune orlune-sim orlune-host orlune-tlm
+  cmake --build "$build" -j "$(nproc)" --target sensors_orlune orlune-sim orlune-host orlune-tlm orlune-capture
 else
   if [ -n "$(left_out)" ]; then
     echo "build: the $(left_out | sed 's/;/ and the /') are still left out for want of packages (log: $build/configure.log)" >&2

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
@@ -21,6 +22,7 @@
 #include <vector>
 
 #include "sim/iiod_command.h"
+#include "sim/replay.h"
 
 namespace sim {
 namespace {
@@ -133,6 +135,10 @@ struct sensor_state {
     int error_errno = EIO;
     int short_left = 0;
     int short_scans = 0;
+    // A replayed device: its recorded scans, and the first of them that the
+    // stream (scan 0 of every reader) starts at.
+    const replay_device *recorded = nullptr;
+    size_t replay_first = 0;
 };
 
 struct trigger_state {
@@ -182,6 +188,13 @@ struct iiod_server::impl {
     std::thread controller;
     size_t next_fault = 0;
     std::vector<scenario_fault> schedule;
+    // Replay: the capture's devices, the clock that the blocking devices'
+    // refills move on, and how capture time maps to this machine's clock.
+    std::vector<replay_device> recorded;
+    replay_clock *replay = nullptr;
+    replay_pace pace = replay_pace::original;
+    int64_t pace_offset = 0; // monotonic time minus capture time, at the original pace
+    mutable std::atomic<bool> replay_over{false}; // a blocking device was asked for more than was recorded
 
     explicit impl(const scenario &s) : scn(s), truth(s) {}
 
@@ -272,6 +285,15 @@ struct iiod_server::impl {
     void restart_stream(sensor_state &s, int64_t at)
     {
         s.origin_ns = at;
+        if (s.recorded) {
+            // A replayed stream starts at the first scan not taken yet: at
+            // the original pace, one a vehicle would not have made yet.
+            int64_t from = replay->now();
+            if (pace == replay_pace::original && s.model->blocking())
+                from = std::max(from, now_ns() - pace_offset);
+            const auto &st = s.recorded->stamps;
+            s.replay_first = static_cast<size_t>(std::upper_bound(st.begin(), st.end(), from) - st.begin());
+        }
         for (reader_state &r : s.readers)
             r.consumed = 0;
         cv.notify_all();
@@ -297,6 +319,16 @@ struct iiod_server::impl {
     // least one delivery delay ago, in whole trigger batches.
     uint64_t delivered(const sensor_state &s, int64_t now) const
     {
+        if (s.recorded) {
+            if (!producing(s))
+                return 0;
+            const auto &st = s.recorded->stamps;
+            const auto first = st.begin() + static_cast<ptrdiff_t>(s.replay_first);
+            if (s.model->blocking() && pace == replay_pace::fast)
+                return static_cast<uint64_t>(st.end() - first);
+            const int64_t limit = s.model->blocking() ? now - pace_offset : replay->now();
+            return static_cast<uint64_t>(std::upper_bound(first, st.end(), limit) - first);
+        }
         const int64_t sampled_by = now - delay_ns(s);
         if (!producing(s) || sampled_by < s.origin_ns)
             return 0;
@@ -307,6 +339,14 @@ struct iiod_server::impl {
     {
         if (!r.enabled || s.attached < 0)
             return kNever;
+        if (s.recorded) {
+            const size_t i = s.replay_first + scan;
+            if (i >= s.recorded->stamps.size()) {
+                replay_over = true;
+                return kNever;
+            }
+            return pace == replay_pace::fast ? 0 : s.recorded->stamps[i] + pace_offset;
+        }
         const uint64_t d = divider(s);
         return s.origin_ns + static_cast<int64_t>((scan / d + 1) * d) * period_ns(s) + delay_ns(s);
     }
@@ -316,8 +356,11 @@ struct iiod_server::impl {
     {
         if (!r.enabled)
             return 0;
-        // The kernel buffer holds at least one refill's worth.
-        const uint64_t capacity = std::max(s.kernel_length, r.samples);
+        // The kernel buffer holds at least one refill's worth. A fast replay
+        // hands over every recorded scan: it has no rate to fall behind.
+        const uint64_t capacity = s.recorded && pace == replay_pace::fast && s.model->blocking()
+                                      ? UINT64_MAX / 2
+                                      : std::max(s.kernel_length, r.samples);
         const uint64_t p = delivered(s, now);
         if (p > r.consumed + capacity)
             r.consumed = p - capacity;
@@ -348,6 +391,16 @@ struct iiod_server::impl {
     void write_scans(const sensor_state &s, const reader_state &r, uint64_t first, size_t count, char *out)
     {
         const auto &ch = s.model->channels();
+        if (s.recorded) {
+            for (size_t k = 0; k < count; k++) {
+                const uint8_t *src = s.recorded->scans[s.replay_first + first + k];
+                char *scan = out + k * r.scan_size;
+                for (size_t i = 0; i < ch.size(); i++)
+                    if (r.mask & (uint64_t{1} << i))
+                        std::memcpy(scan + r.offsets[i], src + s.recorded->offsets[i], ch[i].format.storage_bytes);
+            }
+            return;
+        }
         const int64_t period = period_ns(s);
         int64_t raw[kMaxChannels];
         std::memset(out, 0, count * r.scan_size);
@@ -804,7 +857,7 @@ struct iiod_server::impl {
                                           : std::to_string(s.kernel_length);
                 return 0;
             }
-            if (cmd.attr == "raw") {
+            if (cmd.attr == "raw" && !s.recorded) {
                 // A direct reading: the channel's value now.
                 const auto &ch = s.model->channels();
                 int64_t raw[kMaxChannels];
@@ -1014,6 +1067,11 @@ struct iiod_server::impl {
                 n += std::snprintf(out.data() + n, 16, "%08x", static_cast<unsigned>(r->mask >> (32 * w)));
             out[static_cast<size_t>(n++)] = '\n';
             server.write_scans(*s, *r, r->consumed, want, out.data() + n);
+            // A replay moves on with the blocking device's scans (and the
+            // other streams with it) before the client has them.
+            const int64_t replayed_to = s->recorded && s->model->blocking()
+                                            ? s->recorded->stamps[s->replay_first + r->consumed + want - 1]
+                                            : kNever;
             r->consumed += want;
             size_t total = static_cast<size_t>(n) + bytes;
             // A batch shorter than asked ends with a zero length.
@@ -1022,6 +1080,8 @@ struct iiod_server::impl {
                 out[total++] = '\n';
             }
             lock.unlock();
+            if (replayed_to != kNever)
+                server.replay->advance(replayed_to);
             return send_all(out.data(), total);
         }
     };
@@ -1085,6 +1145,44 @@ std::unique_ptr<iiod_server> iiod_server::start(const scenario &s, const server_
     p->schedule = s.faults;
     std::stable_sort(p->schedule.begin(), p->schedule.end(),
                      [](const scenario_fault &a, const scenario_fault &b) { return a.at_s < b.at_s; });
+    p->epoch = now_ns();
+    if (p->open_listener(error) != 0)
+        return nullptr;
+    impl *raw = p.get();
+    p->controller = std::thread([raw] { raw->control_loop(); });
+    return std::unique_ptr<iiod_server>(new iiod_server(std::move(p)));
+}
+
+std::unique_ptr<iiod_server> iiod_server::start_replay(std::vector<replay_device> devices, const std::string &xml,
+                                                     replay_clock &clock, replay_pace pace, int64_t pace_offset_ns,
+                                                     const server_options &options, std::string *error)
+{
+    auto p = std::make_unique<impl>(scenario{});
+    p->options = options;
+    p->timeout_ms = options.initial_timeout_ms;
+    p->recorded = std::move(devices);
+    p->replay = &clock;
+    p->pace = pace;
+    p->pace_offset = pace_offset_ns;
+    for (replay_device &d : p->recorded) {
+        if (d.model->channels().size() > kMaxChannels) {
+            if (error)
+                *error = d.id + ": more channels than the server serves";
+            return nullptr;
+        }
+        sensor_state st;
+        st.model = std::move(d.model);
+        st.id = d.id;
+        st.values = st.model->initial_values();
+        st.recorded = &d;
+        st.trigger = SIZE_MAX;
+        if (!d.trigger_id.empty()) {
+            st.trigger = p->triggers.size();
+            p->triggers.push_back({d.trigger_id, d.trigger, p->sensors.size()});
+        }
+        p->sensors.push_back(std::move(st));
+    }
+    p->xml = xml;
     p->epoch = now_ns();
     if (p->open_listener(error) != 0)
         return nullptr;
@@ -1172,6 +1270,11 @@ const vehicle &iiod_server::truth() const
 int64_t iiod_server::epoch_ns() const
 {
     return impl_->epoch;
+}
+
+bool iiod_server::replay_over() const
+{
+    return impl_->replay_over;
 }
 
 const std::string &iiod_server::context_xml() const

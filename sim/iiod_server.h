@@ -7,8 +7,10 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "sim/iio_devices.h"
+#include "sim/replay.h"
 #include "sim/scenario.h"
 #include "sim/vehicle.h"
 
@@ -28,6 +30,12 @@ public:
     // device has no model.
     static std::unique_ptr<iiod_server> start(const scenario &s, const server_options &options,
                                               std::string *error);
+    // Serves a capture's devices instead (see sim/replay.h): xml is the
+    // recorded description, sent as it is; at the original pace a scan
+    // stamped T is readable at monotonic time T + pace_offset_ns.
+    static std::unique_ptr<iiod_server> start_replay(std::vector<replay_device> devices, const std::string &xml,
+                                                     replay_clock &clock, replay_pace pace, int64_t pace_offset_ns,
+                                                     const server_options &options, std::string *error);
     ~iiod_server();
     iiod_server(const iiod_server &) = delete;
     iiod_server &operator=(const iiod_server &) = delete;
@@ -47,6 +55,8 @@ public:
     // Monotonic time at which the scenario started, ns: a scan stamped T was
     // taken (T - epoch) / 1e9 seconds into the scenario.
     int64_t epoch_ns() const;
+    // A replay: whether a client has waited for a scan beyond the capture's end.
+    bool replay_over() const;
     // The context description sent in reply to PRINT.
     const std::string &context_xml() const;
 

@@ -7,11 +7,14 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <string>
+#include <vector>
 
 #include "sim/battery.h"
 #include "sim/gps_daemon.h"
 #include "sim/iiod_server.h"
+#include "sim/replay.h"
 #include "sim/thermal.h"
 #include "sim/scenario.h"
 #include "sim/sysfs_bridge.h"
@@ -25,6 +28,8 @@ void usage(FILE *out)
 {
     std::fputs("usage: orlune-sim [--scenario FILE] [--port N] [--address A] [--battery-dir DIR] [--truth FILE]\n"
                "                  [--sysfs ROOT] [--print-xml]\n"
+               "       orlune-sim --replay CAPTURE [--fast] [--seek S] [--capture-clock] [--port N] [--address A]\n"
+               "                  [--battery-dir DIR] [--sysfs ROOT]\n"
                "  --scenario FILE  libconfig scenario (default: the built-in one, see examples/scenarios)\n"
                "  --port N         TCP port of the iiod service (default 0: an ephemeral port)\n"
                "  --address A      IPv4 address to listen on (default 127.0.0.1)\n"
@@ -36,8 +41,130 @@ void usage(FILE *out)
                "                   ROOT/sys/bus/iio/devices and a FIFO per device as ROOT/dev/iio:deviceN,\n"
                "                   for libiio's local backend (ROOT is / in scripts/board.sh's namespace)\n"
                "  --print-xml      print the context description and exit\n"
+               "  --replay CAPTURE serve a capture (orlune-capture) instead of the scenario's models:\n"
+               "                   IIO devices, battery files, GPS daemon, ultrasound service and\n"
+               "                   telemetry sections as recorded (docs/replay.md)\n"
+               "  --fast           replay as fast as the plug-in reads, not at the original pace\n"
+               "  --seek S         start the replay S seconds into the capture\n"
+               "  --capture-clock  this machine's monotonic clock is the capture's (scripts/replay.sh's\n"
+               "                   time namespace): each scan is served at its own timestamp\n"
                "prints IIOD_REMOTE=, SMARTBATTERY_DIR= and SIM_EPOCH= (monotonic seconds of scenario time 0)\n",
                out);
+}
+
+// Blocks the stop signals before any thread starts, so that sigwait gets
+// them. A shell starts background jobs with SIGINT ignored, and an ignored
+// signal never becomes pending: restore the default first.
+sigset_t block_stop_signals()
+{
+    std::signal(SIGINT, SIG_DFL);
+    std::signal(SIGTERM, SIG_DFL);
+    sigset_t stop_signals;
+    sigemptyset(&stop_signals);
+    sigaddset(&stop_signals, SIGINT);
+    sigaddset(&stop_signals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
+    std::signal(SIGPIPE, SIG_IGN);
+    return stop_signals;
+}
+
+std::string default_battery_dir()
+{
+    const char *root = std::getenv("ORLUNE_ROOT");
+    std::string base = root && *root ? root : "";
+    if (base.empty()) {
+        char tmpl[] = "/tmp/orlune-sim-XXXXXX";
+        if (!mkdtemp(tmpl))
+            return "";
+        base = tmpl;
+    }
+    return base + "/sys/class/power_supply/smartbattery";
+}
+
+int replay_main(const std::string &path, bool fast, bool capture_clock, double seek_s,
+                const sim::server_options &options, std::string battery_dir, const std::string &sysfs_root)
+{
+    std::string error;
+    auto capture = sim::replay_capture::load(path, &error);
+    if (!capture) {
+        std::fprintf(stderr, "orlune-sim: %s\n", error.c_str());
+        return 2;
+    }
+    const int64_t start = capture->first_ns() + static_cast<int64_t>(seek_s * 1e9);
+    if (start > capture->last_ns()) {
+        std::fprintf(stderr, "orlune-sim: the capture lasts %.3f s: cannot seek to %.3f s\n",
+                     static_cast<double>(capture->last_ns() - capture->first_ns()) / 1e9, seek_s);
+        return 2;
+    }
+    sim::replay_clock clock(start);
+    std::vector<sim::replay_device> devices;
+    if (sim::replay_devices(*capture, clock, start, &devices, &error) != 0) {
+        std::fprintf(stderr, "orlune-sim: %s\n", error.c_str());
+        return 2;
+    }
+    sigset_t stop_signals = block_stop_signals();
+    // Capture time T comes at monotonic T + offset: now, with a second's
+    // lead for the host to start, or at once on the capture's own clock.
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    const int64_t offset =
+        capture_clock ? 0 : static_cast<int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec + 1000000000 - start;
+    auto server = sim::iiod_server::start_replay(std::move(devices), capture->context_xml(), clock,
+                                                fast ? sim::replay_pace::fast : sim::replay_pace::original, offset,
+                                                options, &error);
+    if (!server) {
+        std::fprintf(stderr, "orlune-sim: %s\n", error.c_str());
+        return 1;
+    }
+    std::unique_ptr<sim::sysfs_bridge> sysfs;
+    if (!sysfs_root.empty() && !(sysfs = sim::sysfs_bridge::start(server->uri(), sysfs_root, &error))) {
+        std::fprintf(stderr, "orlune-sim: %s\n", error.c_str());
+        return 1;
+    }
+    if (battery_dir.empty() && (battery_dir = default_battery_dir()).empty()) {
+        std::fprintf(stderr, "orlune-sim: cannot create a battery directory: %s\n", strerror(errno));
+        return 1;
+    }
+    auto services = sim::replay_services::start(*capture, clock, battery_dir, &error);
+    if (!services) {
+        std::fprintf(stderr, "orlune-sim: %s\n", error.c_str());
+        return 1;
+    }
+    std::printf("IIOD_REMOTE=%s\n", server->uri().c_str());
+    if (sysfs)
+        std::printf("SYSFS_ROOT=%s\n", sysfs_root.c_str());
+    std::printf("SMARTBATTERY_DIR=%s\n", battery_dir.c_str());
+    std::printf("REPLAY_START=%lld.%09lld\nREPLAY_END=%lld.%09lld\n", static_cast<long long>(start / 1000000000),
+                static_cast<long long>(start % 1000000000), static_cast<long long>(capture->last_ns() / 1000000000),
+                static_cast<long long>(capture->last_ns() % 1000000000));
+    std::printf("# replay of '%s' (%s), %.3f s from %.3f s, %s\n", path.c_str(),
+                std::string(capture->head().get("source")).c_str(),
+                static_cast<double>(capture->last_ns() - start) / 1e9, seek_s,
+                fast ? "as fast as the plug-in reads" : "at the original pace");
+    std::fflush(stdout);
+
+    // The end of the capture is announced once; the replay goes on serving
+    // (a blocking device then times out, as a stalled one does).
+    int sig = 0;
+    bool announced = false;
+    for (;;) {
+        const timespec tick{0, 100000000};
+        sig = sigtimedwait(&stop_signals, nullptr, &tick);
+        if (sig > 0)
+            break;
+        if (!announced && server->replay_over()) {
+            std::printf("# replay over: the capture has no more scans\n");
+            std::fflush(stdout);
+            announced = true;
+        }
+    }
+    clock.stop();
+    services.reset();
+    if (sysfs)
+        sysfs->stop();
+    server->stop();
+    std::fprintf(stderr, "orlune-sim: stopped by %s\n", strsignal(sig));
+    return 0;
 }
 
 } // namespace
@@ -51,6 +178,9 @@ int main(int argc, char **argv)
     std::string battery_dir;
     std::string truth_path;
     std::string sysfs_root;
+    std::string replay_path;
+    bool fast = false, capture_clock = false;
+    double seek_s = 0;
     for (int i = 1; i < argc; i++) {
         const std::string arg = argv[i];
         const bool has_value = i + 1 < argc;
@@ -77,6 +207,19 @@ int main(int argc, char **argv)
             truth_path = argv[++i];
         } else if (arg == "--sysfs" && has_value) {
             sysfs_root = argv[++i];
+        } else if (arg == "--replay" && has_value) {
+            replay_path = argv[++i];
+        } else if (arg == "--fast") {
+            fast = true;
+        } else if (arg == "--capture-clock") {
+            capture_clock = true;
+        } else if (arg == "--seek" && has_value) {
+            char *end;
+            seek_s = std::strtod(argv[++i], &end);
+            if (*end || !(seek_s >= 0) || seek_s > 1e7) {
+                std::fprintf(stderr, "orlune-sim: bad seek '%s'\n", argv[i]);
+                return 2;
+            }
         } else if (arg == "--print-xml") {
             print_xml = true;
         } else if (arg == "--help" || arg == "-h") {
@@ -87,6 +230,9 @@ int main(int argc, char **argv)
             return 2;
         }
     }
+
+    if (!replay_path.empty())
+        return replay_main(replay_path, fast, capture_clock, seek_s, options, battery_dir, sysfs_root);
 
     // The simulated services' settings: their groups in the scenario file.
     sim::gps_settings gps_settings;
@@ -102,17 +248,7 @@ int main(int argc, char **argv)
         }
     }
 
-    // Block the stop signals before any thread starts, then wait for them.
-    // A shell starts background jobs with SIGINT ignored, and an ignored
-    // signal never becomes pending: restore the default first.
-    std::signal(SIGINT, SIG_DFL);
-    std::signal(SIGTERM, SIG_DFL);
-    sigset_t stop_signals;
-    sigemptyset(&stop_signals);
-    sigaddset(&stop_signals, SIGINT);
-    sigaddset(&stop_signals, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
-    std::signal(SIGPIPE, SIG_IGN);
+    sigset_t stop_signals = block_stop_signals();
 
     std::string error;
     auto server = sim::iiod_server::start(scn, options, &error);
@@ -137,18 +273,9 @@ int main(int argc, char **argv)
         return 1;
     }
     // The pack's files exist before anyone learns where they are.
-    if (battery_dir.empty()) {
-        const char *root = std::getenv("ORLUNE_ROOT");
-        std::string base = root && *root ? root : "";
-        if (base.empty()) {
-            char tmpl[] = "/tmp/orlune-sim-XXXXXX";
-            if (!mkdtemp(tmpl)) {
-                std::fprintf(stderr, "orlune-sim: cannot create a battery directory: %s\n", strerror(errno));
-                return 1;
-            }
-            base = tmpl;
-        }
-        battery_dir = base + "/sys/class/power_supply/smartbattery";
+    if (battery_dir.empty() && (battery_dir = default_battery_dir()).empty()) {
+        std::fprintf(stderr, "orlune-sim: cannot create a battery directory: %s\n", strerror(errno));
+        return 1;
     }
     auto battery = sim::start_battery_sim(scenario_path, battery_dir, &error);
     if (!battery) {

@@ -302,7 +302,7 @@ int reader::next(record *out)
 
 bool parse_attr(const record &r, attr_value *out)
 {
-    if (r.kind != record_kind::attr || r.size < 3 || r.payload[0] > static_cast<uint8_t>(attr_scope::trigger))
+    if (r.kind != record_kind::attr || r.size < 3 || r.payload[0] > static_cast<uint8_t>(attr_scope::observed))
         return false;
     const std::string_view all(reinterpret_cast<const char *>(r.payload + 1), r.size - 1);
     const size_t a = all.find('\0');

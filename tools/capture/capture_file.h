@@ -56,7 +56,9 @@ enum class stream_kind : uint8_t {
     telemetry = 4,  // name: the section's name
 };
 
-enum class attr_scope : uint8_t { device = 0, channel = 1, buffer = 2, trigger = 3 };
+// observed: what the capture saw of a stream rather than read from it
+// ("blocking": "0" when the device answered a refill with nothing new).
+enum class attr_scope : uint8_t { device = 0, channel = 1, buffer = 2, trigger = 3, observed = 4 };
 
 const char *record_kind_name(record_kind kind);
 

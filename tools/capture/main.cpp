@@ -119,6 +119,8 @@ bool read_attr(const iio_device *dev, const attr_key &a, std::string *value)
             n = iio_channel_attr_read(ch, a.name.c_str(), buf, sizeof buf);
         break;
     }
+    case capture::attr_scope::observed:
+        return false;
     case capture::attr_scope::trigger: {
         const iio_device *trig = nullptr;
         const int rc = iio_device_get_trigger(dev, &trig);
@@ -198,9 +200,15 @@ void stream_device(const std::string &uri, device_stream *s, shared_writer *w)
 
     const int64_t period = rate > 0 ? static_cast<int64_t>(1e9 / rate) : 0;
     int64_t last_stamp = 0;
+    bool polled = false;
     while (!g_stop) {
         const ssize_t n = iio_buffer_refill(buf);
         if (n == -EAGAIN) {
+            // The device answers at once when it has nothing new (a polled
+            // device served by iiod): a replay must answer the same way.
+            if (!polled)
+                w->attr(s->stream, capture::attr_scope::observed, "", "blocking", "0");
+            polled = true;
             // A polled device with nothing new: look again in half a period.
             std::this_thread::sleep_for(std::chrono::nanoseconds(period > 0 ? period / 2 : 5000000));
             continue;
@@ -295,6 +303,8 @@ int print_info(const std::string &path)
             c.drops += lost;
         }
     }
+    std::printf("  first record: %lld.%09lld s (the recording machine's monotonic clock)\n",
+                static_cast<long long>(first / kNsPerSec), static_cast<long long>(first % kNsPerSec));
     std::printf("  duration: %.3f s\n", static_cast<double>(last - first) / 1e9);
     for (size_t i = 0; i < r.streams().size(); i++)
         std::printf("  stream %zu: %s: %llu records, %llu bytes, %llu drops\n", i, r.streams()[i].name.c_str(),

@@ -1,0 +1,178 @@
+// SPDX-License-Identifier: Apache-2.0
+// A flight captured beside the host and replayed through the plug-in: as
+// fast as it reads (twice) and at the original pace. The replays agree with
+// each other and with the live flight on every column that follows the
+// recorded timestamps, bit for bit.
+#include <gtest/gtest.h>
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <map>
+#include <sstream>
+#include <thread>
+
+#include "process.h"
+#include "support/test_env.h"
+
+using namespace std::chrono_literals;
+
+namespace {
+
+// Rows of a recording by their text, with the header's names.
+struct table {
+    std::vector<std::string> names;
+    std::vector<std::vector<std::string>> rows;
+
+    explicit table(const std::string &text)
+    {
+        std::istringstream in(text);
+        std::string line;
+        for (bool first = true; std::getline(in, line); first = false) {
+            std::vector<std::string> fields;
+            std::istringstream l(line);
+            for (std::string f; std::getline(l, f, ',');)
+                fields.push_back(f);
+            (first ? names : rows.emplace_back()) = fields;
+        }
+    }
+    size_t col(const std::string &name) const
+    {
+        for (size_t i = 0; i < names.size(); i++)
+            if (names[i] == name)
+                return i;
+        ADD_FAILURE() << "no column " << name;
+        return 0;
+    }
+};
+
+bool starts_with_any(const std::string &name, std::initializer_list<const char *> prefixes)
+{
+    for (const char *p : prefixes)
+        if (name.rfind(p, 0) == 0)
+            return true;
+    return false;
+}
+
+class ReplayEndToEnd : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        env_ = {{"ORLUNE_ROOT", root_.path()},
+                {"ORLUNE_TLM_DIR", root_.path() + "/tlm"},
+                {"ORLUNE_SOCKET_PREFIX", "replay" + std::to_string(getpid()) + "-"},
+                {"LIBVIGIL_CFG_PATH", std::string(ORLUNE_SOURCE_DIR) + "/examples/config/orlune_sim.cfg"}};
+        for (const char *dir : {"data", "factory"})
+            std::filesystem::copy(std::string(ORLUNE_SOURCE_DIR) + "/examples/calibration/" + dir,
+                                  root_.path() + "/" + dir, std::filesystem::copy_options::recursive);
+    }
+
+    std::unique_ptr<process> run(const std::vector<std::string> &argv, const std::string &name,
+                                 const std::map<std::string, std::string> &env)
+    {
+        return std::make_unique<process>(argv, env, root_.path() + "/" + name + ".out",
+                                         root_.path() + "/" + name + ".err");
+    }
+
+    // Replays the capture under a host until the capture has no more scans;
+    // the host's recording.
+    table replay(const std::string &capture, const std::vector<std::string> &options, const std::string &name)
+    {
+        std::filesystem::create_directory(root_.path() + "/" + name);
+        std::vector<std::string> argv = {ORLUNE_SIM_BIN, "--replay", capture};
+        argv.insert(argv.end(), options.begin(), options.end());
+        std::string error;
+        std::map<std::string, std::string> env = env_;
+        auto sim = start_sim(argv, root_.path() + "/" + name, &env, &error);
+        EXPECT_TRUE(sim) << error;
+        if (!sim)
+            return table("");
+        const std::string file = root_.path() + "/" + name + ".csv";
+        auto host = run({ORLUNE_HOST_BIN, "--plugin", ORLUNE_PLUGIN, "--view", "none", "--record", file}, name, env);
+        EXPECT_TRUE(sim->wait_for_output("# replay over", 60s)) << name << ": " << sim->err();
+        host->signal(SIGINT);
+        EXPECT_EQ(host->wait(15s), 0) << name << ": " << host->err();
+        sim->signal(SIGTERM);
+        EXPECT_EQ(sim->wait(10s), 0) << name << ": " << sim->err();
+        return table(read_file(file));
+    }
+
+    test_root root_;
+    std::map<std::string, std::string> env_;
+};
+
+TEST_F(ReplayEndToEnd, ReplaysMatchEachOtherAndTheLiveFlight)
+{
+    // The live flight, with a capture from its second second to its sixth.
+    const std::string capture = root_.path() + "/flight.cap";
+    {
+        std::string error;
+        std::map<std::string, std::string> env = env_;
+        std::filesystem::create_directory(root_.path() + "/live");
+        auto sim = start_sim({ORLUNE_SIM_BIN}, root_.path() + "/live", &env, &error);
+        ASSERT_TRUE(sim) << error;
+        auto host = run({ORLUNE_HOST_BIN, "--plugin", ORLUNE_PLUGIN, "--view", "none", "--duration", "7", "--record",
+                         root_.path() + "/live.csv"},
+                        "live", env);
+        std::this_thread::sleep_for(1500ms);
+        auto cap = run({ORLUNE_CAPTURE_BIN, "--quiet", "--duration", "4", "-o", capture}, "capture", env);
+        ASSERT_EQ(cap->wait(20s), 0) << cap->err();
+        ASSERT_EQ(host->wait(20s), 0) << host->err();
+        EXPECT_NE(host->out().find("lost 0 "), std::string::npos) << "the capture disturbed the host:\n" << host->out();
+        sim->signal(SIGTERM);
+        ASSERT_EQ(sim->wait(10s), 0) << sim->err();
+    }
+    const table live(read_file(root_.path() + "/live.csv"));
+    const table fast1 = replay(capture, {"--fast"}, "fast1");
+    const table fast2 = replay(capture, {"--fast"}, "fast2");
+    const table paced = replay(capture, {}, "paced");
+    ASSERT_GT(fast1.rows.size(), 700u) << "about 200 reads a second for 4 s";
+    ASSERT_EQ(fast1.rows.size(), fast2.rows.size());
+    ASSERT_EQ(fast1.rows.size(), paced.rows.size());
+    ASSERT_EQ(fast1.names, live.names);
+
+    // Columns that follow the recorded timestamps, and those that follow
+    // the wall clock (the GPS client's connection, the battery's rate) or
+    // the replay's pace (telemetry freshness).
+    const std::vector<std::string> &names = fast1.names;
+    for (size_t r = 0; r < fast1.rows.size(); r++)
+        for (size_t c = 1; c < names.size(); c++) {
+            const std::string &n = names[c];
+            if (starts_with_any(n, {"gps_", "bat_", "updated"}))
+                continue;
+            ASSERT_EQ(fast1.rows[r][c], fast2.rows[r][c]) << n << " in row " << r << " of two fast replays";
+            if (starts_with_any(n, {"imu_", "gyro_", "accel_", "baro_", "mag_", "motor_"})) {
+                ASSERT_EQ(fast1.rows[r][c], paced.rows[r][c]) << n << " in row " << r << ", fast and paced";
+            }
+        }
+
+    // Each replayed IMU batch is the live one, bit for bit.
+    std::map<std::string, const std::vector<std::string> *> live_batches;
+    const size_t t0 = live.col("imu_t0");
+    for (const auto &row : live.rows)
+        live_batches[row[t0]] = &row;
+    size_t matched = 0;
+    for (const auto &row : fast1.rows) {
+        auto it = live_batches.find(row[t0]);
+        ASSERT_NE(it, live_batches.end()) << "a replayed batch the live flight never had: " << row[t0];
+        for (size_t c = 1; c < names.size(); c++)
+            if (starts_with_any(names[c], {"imu_", "gyro_", "accel_"})) {
+                ASSERT_EQ(row[c], (*it->second)[c]) << names[c] << " of the batch at " << row[t0];
+            }
+        matched++;
+    }
+    EXPECT_EQ(matched, fast1.rows.size());
+}
+
+TEST_F(ReplayEndToEnd, ADamagedCaptureIsRefusedWithItsReason)
+{
+    const std::string capture = root_.path() + "/cut.cap";
+    write_file(capture, std::string("ORLCAPT\n\x01\0\0\0\x0c\0\0\0source=ip:x\n", 28));
+    auto sim = run({ORLUNE_SIM_BIN, "--replay", capture}, "cut", env_);
+    EXPECT_EQ(sim->wait(10s), 2);
+    EXPECT_NE(sim->err().find("cut.cap: truncated: no end record at byte 28"), std::string::npos) << sim->err();
+}
+
+} // namespace
