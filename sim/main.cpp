@@ -231,6 +231,13 @@ int main(int argc, char **argv)
         }
     }
 
+    if (fast && !sysfs_root.empty()) {
+        // The kernel stand-in takes every scan as soon as it is due and
+        // keeps the newest, as a kernel does: it cannot wait for a reader.
+        std::fprintf(stderr, "orlune-sim: --fast needs the network transport: the board's transport (--sysfs) "
+                             "streams at the original pace only\n");
+        return 2;
+    }
     if (!replay_path.empty())
         return replay_main(replay_path, fast, capture_clock, seek_s, options, battery_dir, sysfs_root);
 
