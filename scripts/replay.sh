@@ -2,14 +2,15 @@
 # Replays a capture (orlune-capture) through the plug-in: orlune-sim serves
 # the capture, orlune-host flies on it and records, as in the demo.
 #
-# Usage: scripts/replay.sh CAPTURE [--fast] [--seek S] [--data DIR] [--out DIR] [orlune-host options...]
+# Usage: scripts/replay.sh CAPTURE [--fast] [--seek S] [--loop] [--data DIR] [--out DIR] [orlune-host options...]
 #   --fast      as fast as the plug-in reads, not at the original pace
 #   --seek S    start S seconds into the capture
+#   --loop      start over at the end (from S), until Ctrl-C
 #   --data DIR  files that replace the vehicle's /data ones (its flight
 #               calibration: a new calibration file, for instance)
 #   --out DIR   where the recording and logs go (default replay-output/<date-time>)
 # The plug-in runs with the virtual vehicle's configuration and calibration.
-# The host stops when the capture has no more scans. At the original pace,
+# The host stops when the capture has no more scans (with --loop, at Ctrl-C). At the original pace,
 # as root, both run in a time namespace whose monotonic clock is the
 # capture's (docs/replay.md): every timestamp is as recorded and as fresh as
 # it was in flight.
@@ -17,7 +18,7 @@ set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=${BUILD_DIR:-$root/build}
 
-capture=${1:?usage: scripts/replay.sh CAPTURE [--fast] [--seek S] [--data DIR] [--out DIR] [orlune-host options...]}
+capture=${1:?usage: scripts/replay.sh CAPTURE [--fast] [--seek S] [--loop] [--data DIR] [--out DIR] [orlune-host options...]}
 shift
 [ -f "$capture" ] || { echo "replay: no capture '$capture'" >&2; exit 2; }
 capture=$(realpath "$capture")
@@ -30,6 +31,7 @@ while [ $# -gt 0 ]; do
   case $1 in
     --fast) fast=1; sim_args+=(--fast); shift ;;
     --seek) sim_args+=(--seek "${2:?--seek needs seconds}"); shift 2 ;;
+    --loop) sim_args+=(--loop); shift ;;
     --out) out=${2:?--out needs a directory}; shift 2 ;;
     --data) data=$(realpath "${2:?--data needs a directory}"); shift 2 ;;
     *) host_args+=("$1"); shift ;;

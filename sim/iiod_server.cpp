@@ -138,7 +138,7 @@ struct sensor_state {
     // A replayed device: its recorded scans, and the first of them that the
     // stream (scan 0 of every reader) starts at.
     const replay_device *recorded = nullptr;
-    size_t replay_first = 0;
+    uint64_t replay_first = 0;
 };
 
 struct trigger_state {
@@ -291,8 +291,7 @@ struct iiod_server::impl {
             int64_t from = replay->now();
             if (pace == replay_pace::original && s.model->blocking())
                 from = std::max(from, now_ns() - pace_offset);
-            const auto &st = s.recorded->stamps;
-            s.replay_first = static_cast<size_t>(std::upper_bound(st.begin(), st.end(), from) - st.begin());
+            s.replay_first = s.recorded->until(from);
         }
         for (reader_state &r : s.readers)
             r.consumed = 0;
@@ -322,12 +321,14 @@ struct iiod_server::impl {
         if (s.recorded) {
             if (!producing(s))
                 return 0;
-            const auto &st = s.recorded->stamps;
-            const auto first = st.begin() + static_cast<ptrdiff_t>(s.replay_first);
-            if (s.model->blocking() && pace == replay_pace::fast)
-                return static_cast<uint64_t>(st.end() - first);
-            const int64_t limit = s.model->blocking() ? now - pace_offset : replay->now();
-            return static_cast<uint64_t>(std::upper_bound(first, st.end(), limit) - first);
+            const replay_device &d = *s.recorded;
+            if (s.model->blocking() && pace == replay_pace::fast) {
+                if (d.loop_ns)
+                    return UINT32_MAX; // more than any refill asks for
+                return d.per_pass() > s.replay_first ? d.per_pass() - s.replay_first : 0;
+            }
+            const uint64_t n = d.until(s.model->blocking() ? now - pace_offset : replay->now());
+            return n > s.replay_first ? n - s.replay_first : 0;
         }
         const int64_t sampled_by = now - delay_ns(s);
         if (!producing(s) || sampled_by < s.origin_ns)
@@ -340,12 +341,12 @@ struct iiod_server::impl {
         if (!r.enabled || s.attached < 0)
             return kNever;
         if (s.recorded) {
-            const size_t i = s.replay_first + scan;
-            if (i >= s.recorded->stamps.size()) {
+            const uint64_t n = s.replay_first + scan;
+            if (!s.recorded->exists(n)) {
                 replay_over = true;
                 return kNever;
             }
-            return pace == replay_pace::fast ? 0 : s.recorded->stamps[i] + pace_offset;
+            return pace == replay_pace::fast ? 0 : s.recorded->stamp(n) + pace_offset;
         }
         const uint64_t d = divider(s);
         return s.origin_ns + static_cast<int64_t>((scan / d + 1) * d) * period_ns(s) + delay_ns(s);
@@ -392,12 +393,19 @@ struct iiod_server::impl {
     {
         const auto &ch = s.model->channels();
         if (s.recorded) {
+            const replay_device &d = *s.recorded;
             for (size_t k = 0; k < count; k++) {
-                const uint8_t *src = s.recorded->scans[s.replay_first + first + k];
+                const uint64_t n = s.replay_first + first + k;
+                const uint8_t *src = d.scan(n);
                 char *scan = out + k * r.scan_size;
                 for (size_t i = 0; i < ch.size(); i++)
                     if (r.mask & (uint64_t{1} << i))
-                        std::memcpy(scan + r.offsets[i], src + s.recorded->offsets[i], ch[i].format.storage_bytes);
+                        std::memcpy(scan + r.offsets[i], src + d.offsets[i], ch[i].format.storage_bytes);
+                // A later pass of a loop is stamped on from the previous one.
+                if (n >= d.per_pass() && d.timestamp >= 0 && (r.mask & (uint64_t{1} << d.timestamp))) {
+                    const int64_t stamp = d.stamp(n);
+                    std::memcpy(scan + r.offsets[static_cast<size_t>(d.timestamp)], &stamp, sizeof stamp);
+                }
             }
             return;
         }
@@ -1070,7 +1078,7 @@ struct iiod_server::impl {
             // A replay moves on with the blocking device's scans (and the
             // other streams with it) before the client has them.
             const int64_t replayed_to = s->recorded && s->model->blocking()
-                                            ? s->recorded->stamps[s->replay_first + r->consumed + want - 1]
+                                            ? s->recorded->stamp(s->replay_first + r->consumed + want - 1)
                                             : kNever;
             r->consumed += want;
             size_t total = static_cast<size_t>(n) + bytes;

@@ -2,6 +2,7 @@
 // orlune-sim: the virtual vehicle as a process. Serves the scenario's IIO
 // devices, prints the environment a sensor host needs, and runs until
 // SIGINT or SIGTERM.
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -28,7 +29,7 @@ void usage(FILE *out)
 {
     std::fputs("usage: orlune-sim [--scenario FILE] [--port N] [--address A] [--battery-dir DIR] [--truth FILE]\n"
                "                  [--sysfs ROOT] [--print-xml]\n"
-               "       orlune-sim --replay CAPTURE [--fast] [--seek S] [--capture-clock] [--port N] [--address A]\n"
+               "       orlune-sim --replay CAPTURE [--fast] [--seek S] [--loop] [--capture-clock] [--port N] [--address A]\n"
                "                  [--battery-dir DIR] [--sysfs ROOT]\n"
                "  --scenario FILE  libconfig scenario (default: the built-in one, see examples/scenarios)\n"
                "  --port N         TCP port of the iiod service (default 0: an ephemeral port)\n"
@@ -46,6 +47,7 @@ void usage(FILE *out)
                "                   telemetry sections as recorded (docs/replay.md)\n"
                "  --fast           replay as fast as the plug-in reads, not at the original pace\n"
                "  --seek S         start the replay S seconds into the capture\n"
+               "  --loop           start over at the end, the timestamps going on\n"
                "  --capture-clock  this machine's monotonic clock is the capture's (scripts/replay.sh's\n"
                "                   time namespace): each scan is served at its own timestamp\n"
                "prints IIOD_REMOTE=, SMARTBATTERY_DIR= and SIM_EPOCH= (monotonic seconds of scenario time 0)\n",
@@ -81,7 +83,7 @@ std::string default_battery_dir()
     return base + "/sys/class/power_supply/smartbattery";
 }
 
-int replay_main(const std::string &path, bool fast, bool capture_clock, double seek_s,
+int replay_main(const std::string &path, bool fast, bool capture_clock, bool loop, double seek_s,
                 const sim::server_options &options, std::string battery_dir, const std::string &sysfs_root)
 {
     std::string error;
@@ -97,8 +99,11 @@ int replay_main(const std::string &path, bool fast, bool capture_clock, double s
         return 2;
     }
     sim::replay_clock clock(start);
+    // A loop's pass lasts from the start to the capture's last record, which
+    // comes after every scan it holds.
+    const int64_t loop_ns = loop ? std::max<int64_t>(capture->last_ns() - start, 1) : 0;
     std::vector<sim::replay_device> devices;
-    if (sim::replay_devices(*capture, clock, start, &devices, &error) != 0) {
+    if (sim::replay_devices(*capture, clock, start, loop_ns, &devices, &error) != 0) {
         std::fprintf(stderr, "orlune-sim: %s\n", error.c_str());
         return 2;
     }
@@ -125,7 +130,7 @@ int replay_main(const std::string &path, bool fast, bool capture_clock, double s
         std::fprintf(stderr, "orlune-sim: cannot create a battery directory: %s\n", strerror(errno));
         return 1;
     }
-    auto services = sim::replay_services::start(*capture, clock, battery_dir, &error);
+    auto services = sim::replay_services::start(*capture, clock, battery_dir, loop_ns, &error);
     if (!services) {
         std::fprintf(stderr, "orlune-sim: %s\n", error.c_str());
         return 1;
@@ -137,10 +142,10 @@ int replay_main(const std::string &path, bool fast, bool capture_clock, double s
     std::printf("REPLAY_START=%lld.%09lld\nREPLAY_END=%lld.%09lld\n", static_cast<long long>(start / 1000000000),
                 static_cast<long long>(start % 1000000000), static_cast<long long>(capture->last_ns() / 1000000000),
                 static_cast<long long>(capture->last_ns() % 1000000000));
-    std::printf("# replay of '%s' (%s), %.3f s from %.3f s, %s\n", path.c_str(),
+    std::printf("# replay of '%s' (%s), %.3f s from %.3f s, %s%s\n", path.c_str(),
                 std::string(capture->head().get("source")).c_str(),
                 static_cast<double>(capture->last_ns() - start) / 1e9, seek_s,
-                fast ? "as fast as the plug-in reads" : "at the original pace");
+                fast ? "as fast as the plug-in reads" : "at the original pace", loop ? ", looping" : "");
     std::fflush(stdout);
 
     // The end of the capture is announced once; the replay goes on serving
@@ -179,7 +184,7 @@ int main(int argc, char **argv)
     std::string truth_path;
     std::string sysfs_root;
     std::string replay_path;
-    bool fast = false, capture_clock = false;
+    bool fast = false, capture_clock = false, loop = false;
     double seek_s = 0;
     for (int i = 1; i < argc; i++) {
         const std::string arg = argv[i];
@@ -211,6 +216,8 @@ int main(int argc, char **argv)
             replay_path = argv[++i];
         } else if (arg == "--fast") {
             fast = true;
+        } else if (arg == "--loop") {
+            loop = true;
         } else if (arg == "--capture-clock") {
             capture_clock = true;
         } else if (arg == "--seek" && has_value) {
@@ -239,7 +246,7 @@ int main(int argc, char **argv)
         return 2;
     }
     if (!replay_path.empty())
-        return replay_main(replay_path, fast, capture_clock, seek_s, options, battery_dir, sysfs_root);
+        return replay_main(replay_path, fast, capture_clock, loop, seek_s, options, battery_dir, sysfs_root);
 
     // The simulated services' settings: their groups in the scenario file.
     sim::gps_settings gps_settings;

@@ -109,6 +109,9 @@ struct replay_services::impl {
     const replay_capture &capture;
     replay_clock &clock;
     std::string battery_dir;
+    int64_t start_ns = 0;
+    int64_t loop_ns = 0;
+    int64_t shift = 0; // this pass's: times are served this much later than recorded
     std::thread thread;
     std::atomic<uint64_t> served{0};
     std::atomic<bool> finished{false};
@@ -117,6 +120,7 @@ struct replay_services::impl {
     struct cursor {
         const replay_capture::stream *stream;
         size_t next = 0;
+        size_t after_start = 0; // where a pass of a loop starts again
         // socket streams
         msg_server *server = nullptr;
             msg_frame greeting{}; // the GPS daemon's firmware message, sent to each new client
@@ -264,7 +268,8 @@ struct replay_services::impl {
                 std::memcpy(&sec, r.payload, 8);
                 std::memcpy(&nsec, r.payload + 8, 8);
                 std::memcpy(c.sample.data(), r.payload + 16, c.sample.size());
-                const timespec stamp{static_cast<time_t>(sec), static_cast<long>(nsec)};
+                const int64_t ns = sec * 1000000000 + nsec + shift;
+                const timespec stamp{static_cast<time_t>(ns / 1000000000), static_cast<long>(ns % 1000000000)};
                 producer_put_sample(c.producer, &stamp);
             }
             break;
@@ -297,6 +302,7 @@ struct replay_services::impl {
                 apply(c, r, true);
                 served++;
             }
+            c.after_start = c.next;
         }
         clock.served_up_to(now);
     }
@@ -306,15 +312,24 @@ struct replay_services::impl {
         int64_t now = clock.now();
         for (;;) {
             // Everything up to now, stream by stream: within one instant
-            // their order does not matter to a reader.
+            // their order does not matter to a reader. A loop's pass ends
+            // with its last record; the next starts over after the state.
             bool left = false;
-            for (cursor &c : cursors) {
-                const auto &records = c.stream->records;
-                for (; c.next < records.size() && records[c.next].time_ns <= now; c.next++) {
-                    apply(c, records[c.next], false);
-                    served++;
+            for (;;) {
+                left = false;
+                for (cursor &c : cursors) {
+                    const auto &records = c.stream->records;
+                    for (; c.next < records.size() && records[c.next].time_ns + shift <= now; c.next++) {
+                        apply(c, records[c.next], false);
+                        served++;
+                    }
+                    left = left || c.next < records.size();
                 }
-                left = left || c.next < records.size();
+                if (!loop_ns || now < start_ns + shift + loop_ns)
+                    break;
+                shift += loop_ns;
+                for (cursor &c : cursors)
+                    c.next = c.after_start;
             }
             clock.served_up_to(now);
             if (!left)
@@ -349,9 +364,12 @@ uint64_t replay_services::served() const { return impl_->served; }
 bool replay_services::finished() const { return impl_->finished; }
 
 std::unique_ptr<replay_services> replay_services::start(const replay_capture &capture, replay_clock &clock,
-                                                        const std::string &battery_dir, std::string *error)
+                                                        const std::string &battery_dir, int64_t loop_ns,
+                                                        std::string *error)
 {
     auto p = std::make_unique<impl>(capture, clock, battery_dir);
+    p->start_ns = clock.now();
+    p->loop_ns = loop_ns;
     for (const replay_capture::stream &s : capture.streams()) {
         if (s.kind == capture::stream_kind::iio_device)
             continue;

@@ -88,12 +88,28 @@ struct replay_device {
     std::vector<size_t> offsets;         // each channel's place in a recorded scan, SIZE_MAX: none
     std::vector<const uint8_t *> scans;  // every recorded scan, in time order
     std::vector<int64_t> stamps;         // and its timestamp (capture time)
+    int timestamp = -1;                  // the timestamp channel, -1 for none
+    size_t base = 0;                     // the first scan after the replay's start
+    int64_t loop_ns = 0;                 // a looping replay's pass, 0 for one pass
+
+    // The replay's scans are numbered from 0 at base, on through the passes
+    // of a loop, each pass's timestamps loop_ns after the previous one's.
+    uint64_t per_pass() const { return stamps.size() - base; }
+    bool exists(uint64_t n) const { return per_pass() && (loop_ns || n < per_pass()); }
+    const uint8_t *scan(uint64_t n) const { return scans[base + n % per_pass()]; }
+    int64_t stamp(uint64_t n) const
+    {
+        return stamps[base + n % per_pass()] + static_cast<int64_t>(n / per_pass()) * loop_ns;
+    }
+    // How many of them are stamped at or before t.
+    uint64_t until(int64_t t) const;
 };
 
 // The capture's streaming devices; attribute values recorded up to start_ns
 // are the initial ones, later ones are served once the clock passes them.
 // 0, or -EINVAL with *error saying what does not fit.
-int replay_devices(const replay_capture &capture, const replay_clock &clock, int64_t start_ns,
+// loop_ns: see replay_device (0: one pass).
+int replay_devices(const replay_capture &capture, const replay_clock &clock, int64_t start_ns, int64_t loop_ns,
                    std::vector<replay_device> *out, std::string *error);
 
 // The streams that do not go through the IIO server: the battery's files,
@@ -104,8 +120,10 @@ public:
     // battery_dir: where the battery's files are written (their names as
     // recorded). Null with *error when a socket or the directory cannot be
     // made.
+    // loop_ns: once the clock is that far past the start, the streams start
+    // over, their times moved on by it (0: one pass).
     static std::unique_ptr<replay_services> start(const replay_capture &capture, replay_clock &clock,
-                                                  const std::string &battery_dir, std::string *error);
+                                                  const std::string &battery_dir, int64_t loop_ns, std::string *error);
     ~replay_services();
     replay_services(const replay_services &) = delete;
     replay_services &operator=(const replay_services &) = delete;

@@ -20,7 +20,10 @@ namespace {
 // command, a rate): the recorded streams go on as they were.
 class recorded_model final : public device_model {
 public:
-    recorded_model(const scenario_device &setup, const replay_clock &clock) : device_model(setup, 0), clock_(clock) {}
+    recorded_model(const scenario_device &setup, const replay_clock &clock, int64_t start, int64_t loop)
+        : device_model(setup, 0), clock_(clock), start_(start), loop_(loop)
+    {
+    }
 
     void add_channel(channel_desc c) { channels_.push_back(std::move(c)); }
     void add_device_attr(const std::string &name) { device_attrs_.push_back(name); }
@@ -62,7 +65,9 @@ public:
     }
     bool read_attr(const std::string &file, double, std::string *value) const override
     {
-        const int64_t now = clock_.now();
+        int64_t now = clock_.now();
+        if (loop_ && now > start_)
+            now = start_ + (now - start_) % loop_;
         bool found = false;
         for (const change &c : changes_) {
             if (c.t <= now && c.file == file) {
@@ -80,6 +85,7 @@ private:
         std::string value;
     };
     const replay_clock &clock_;
+    int64_t start_, loop_;
     std::vector<change> changes_; // each file's in time order
 };
 
@@ -89,7 +95,21 @@ struct context_deleter {
 
 } // namespace
 
-int replay_devices(const replay_capture &capture, const replay_clock &clock, int64_t start_ns,
+uint64_t replay_device::until(int64_t t) const
+{
+    const uint64_t n = per_pass();
+    if (n == 0)
+        return 0;
+    const auto first = stamps.begin() + static_cast<ptrdiff_t>(base);
+    uint64_t passes = 0;
+    if (loop_ns && t >= *first) {
+        passes = static_cast<uint64_t>((t - *first) / loop_ns);
+        t -= static_cast<int64_t>(passes) * loop_ns;
+    }
+    return passes * n + static_cast<uint64_t>(std::upper_bound(first, stamps.end(), t) - first);
+}
+
+int replay_devices(const replay_capture &capture, const replay_clock &clock, int64_t start_ns, int64_t loop_ns,
                    std::vector<replay_device> *out, std::string *error)
 {
     const std::string &xml = capture.context_xml();
@@ -113,7 +133,7 @@ int replay_devices(const replay_capture &capture, const replay_clock &clock, int
         scenario_device setup;
         const char *name = iio_device_get_name(dev);
         setup.name = name ? name : st.name;
-        auto model = std::make_unique<recorded_model>(setup, clock);
+        auto model = std::make_unique<recorded_model>(setup, clock, start_ns, loop_ns);
 
         // Channels in the client's numbering, attributes by file name.
         std::map<std::string, std::string> channel_file; // "in:accel_x/scale" -> "in_accel_scale"
@@ -193,6 +213,9 @@ int replay_devices(const replay_capture &capture, const replay_clock &clock, int
             return -EINVAL;
         }
         model->set_blocking(blocking);
+        d.timestamp = timestamp;
+        d.base = static_cast<size_t>(std::upper_bound(d.stamps.begin(), d.stamps.end(), start_ns) - d.stamps.begin());
+        d.loop_ns = loop_ns;
         d.trigger = trigger;
         if (!trigger.empty())
             if (const iio_device *t = iio_context_find_device(ctx.get(), trigger.c_str())) {

@@ -10,7 +10,9 @@
 
 #include <chrono>
 #include <filesystem>
+#include <cmath>
 #include <map>
+#include <regex>
 #include <sstream>
 #include <thread>
 
@@ -161,6 +163,45 @@ TEST_F(ReplayEndToEnd, ReplaysMatchEachOtherAndTheLiveFlight)
         }
     }
     EXPECT_GT(paced.rows.size(), fast1.rows.size() * 9 / 10) << "the original pace delivers the flight";
+
+    // A loop from the second second goes on past the end: its timestamps
+    // keep rising without a gap, and a batch of the second pass that starts
+    // on a first pass's scan is that batch, one pass later.
+    std::filesystem::create_directory(root_.path() + "/loop");
+    std::string error;
+    std::map<std::string, std::string> env = env_;
+    auto sim = start_sim({ORLUNE_SIM_BIN, "--replay", capture, "--fast", "--loop", "--seek", "1"},
+                         root_.path() + "/loop", &env, &error);
+    ASSERT_TRUE(sim) << error;
+    const std::string loop_file = root_.path() + "/loop.csv";
+    const size_t cycles = fast1.rows.size() * 3 / 2;
+    auto host = run({ORLUNE_HOST_BIN, "--plugin", ORLUNE_PLUGIN, "--view", "none", "--cycles",
+                     std::to_string(cycles), "--record", loop_file},
+                    "loop", env);
+    ASSERT_EQ(host->wait(60s), 0) << host->err();
+    std::smatch m;
+    const std::string out = sim->out();
+    ASSERT_TRUE(std::regex_search(out, m, std::regex("REPLAY_START=([0-9.]+)\nREPLAY_END=([0-9.]+)"))) << out;
+    const double pass = std::stod(m[2]) - std::stod(m[1]);
+    const table looped(read_file(loop_file));
+    ASSERT_EQ(looped.rows.size(), cycles);
+    std::map<long long, const std::vector<std::string> *> first_pass;
+    for (size_t r = 0; r < looped.rows.size(); r++) {
+        const double t = std::stod(looped.rows[r][t0]);
+        if (r > 0) {
+            const double step = t - std::stod(looped.rows[r - 1][t0]);
+            ASSERT_TRUE(step > 0 && step < 0.0105) << "row " << r << ": the batch came " << step << " s later";
+        }
+        first_pass[std::llround(t * 1e4)] = &looped.rows[r];
+        auto it = first_pass.find(std::llround((t - pass) * 1e4));
+        for (size_t c = 1; it != first_pass.end() && c < names.size(); c++)
+            if (starts_with_any(names[c], {"gyro_", "accel_", "imu_temp"})) {
+                ASSERT_EQ(looped.rows[r][c], (*it->second)[c]) << names[c] << " in row " << r;
+            }
+    }
+    EXPECT_GT(std::stod(looped.rows.back()[t0]), std::stod(looped.rows.front()[t0]) + pass) << "past the end";
+    sim->signal(SIGTERM);
+    EXPECT_EQ(sim->wait(10s), 0) << sim->err();
 }
 
 TEST_F(ReplayEndToEnd, ADamagedCaptureIsRefusedWithItsReason)
