@@ -1,14 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
-// The capture reader on arbitrary files: every record it hands out, and the
-// payload parsers on each. A record's checksum stops nearly every mutation at
-// the record it touched, so each input is read twice: as it is, and with
-// every checksum made right, which lets the mutations reach the framing and
-// the payloads behind it.
+// The capture reader on arbitrary files: every record it hands out, the
+// payload parsers on each, and the replay's reading of a capture that the
+// reader accepts (its IIO description, scan layouts and attributes). A
+// record's checksum stops nearly every mutation at the record it touched, so
+// each input is read twice: as it is, and with every checksum made right,
+// which lets the mutations reach the framing and the payloads behind it.
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <vector>
 
 #include "capture/capture_file.h"
+#include "sim/replay.h"
 
 namespace {
 
@@ -28,6 +31,17 @@ void read_all(const uint8_t *data, size_t size)
         if (rec.stream >= r.streams().size() && rec.kind != capture::record_kind::context)
             __builtin_trap(); // records of undeclared streams never come out
     }
+    std::string error;
+    auto replayed = sim::replay_capture::load_memory(data, size, &error);
+    if (!replayed)
+        return;
+    sim::replay_clock clock(replayed->first_ns());
+    std::vector<sim::replay_device> devices;
+    const int64_t pass = std::max<int64_t>(replayed->last_ns() - replayed->first_ns(), 1);
+    if (sim::replay_devices(*replayed, clock, replayed->first_ns(), pass, &devices, &error) == 0)
+        for (const sim::replay_device &d : devices)
+            if (d.per_pass() && d.until(d.stamp(d.per_pass() - 1)) < d.per_pass())
+                __builtin_trap(); // a pass's last scan is stamped after all the others
 }
 
 uint32_t le32(const uint8_t *p) { return p[0] | p[1] << 8 | p[2] << 16 | static_cast<uint32_t>(p[3]) << 24; }

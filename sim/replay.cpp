@@ -33,32 +33,43 @@ constexpr int kTickMs = 5;
 std::unique_ptr<replay_capture> replay_capture::load(const std::string &path, std::string *error)
 {
     auto c = std::unique_ptr<replay_capture>(new replay_capture);
-    if (c->reader_.open_file(path) != 0) {
-        *error = c->reader_.message();
-        return nullptr;
-    }
-    capture::record r;
-    int rc;
-    bool first = true;
-    while ((rc = c->reader_.next(&r)) > 0) {
-        if (first)
-            c->first_ns_ = r.time_ns;
-        first = false;
-        c->last_ns_ = std::max(c->last_ns_, r.time_ns);
-        if (r.kind == capture::record_kind::context) {
-            c->context_xml_.assign(reinterpret_cast<const char *>(r.payload), r.size);
-        } else if (r.kind == capture::record_kind::stream) {
-            const capture::stream_info &s = c->reader_.streams().back();
-            c->streams_.push_back({s.kind, s.name, {}});
-        } else {
-            c->streams_[r.stream].records.push_back(r);
-        }
-    }
-    if (rc < 0) {
+    if (c->reader_.open_file(path) != 0 || c->index() != 0) {
         *error = c->reader_.message();
         return nullptr;
     }
     return c;
+}
+
+std::unique_ptr<replay_capture> replay_capture::load_memory(const void *data, size_t size, std::string *error)
+{
+    auto c = std::unique_ptr<replay_capture>(new replay_capture);
+    if (c->reader_.open_memory(data, size) != 0 || c->index() != 0) {
+        *error = c->reader_.message();
+        return nullptr;
+    }
+    return c;
+}
+
+int replay_capture::index()
+{
+    capture::record r;
+    int rc;
+    bool first = true;
+    while ((rc = reader_.next(&r)) > 0) {
+        if (first)
+            first_ns_ = r.time_ns;
+        first = false;
+        last_ns_ = std::max(last_ns_, r.time_ns);
+        if (r.kind == capture::record_kind::context) {
+            context_xml_.assign(reinterpret_cast<const char *>(r.payload), r.size);
+        } else if (r.kind == capture::record_kind::stream) {
+            const capture::stream_info &s = reader_.streams().back();
+            streams_.push_back({s.kind, s.name, {}});
+        } else {
+            streams_[r.stream].records.push_back(r);
+        }
+    }
+    return rc;
 }
 
 // ---- the clock --------------------------------------------------------------

@@ -31,6 +31,8 @@ class replay_capture {
 public:
     // Null with *error saying what is wrong with the file.
     static std::unique_ptr<replay_capture> load(const std::string &path, std::string *error);
+    // The same, from a capture in memory that outlives the result.
+    static std::unique_ptr<replay_capture> load_memory(const void *data, size_t size, std::string *error);
 
     struct stream {
         capture::stream_kind kind;
@@ -45,6 +47,8 @@ public:
     int64_t last_ns() const { return last_ns_; }
 
 private:
+    int index();
+
     capture::reader reader_;
     std::vector<stream> streams_;
     std::string context_xml_;

@@ -207,6 +207,22 @@ int replay_devices(const replay_capture &capture, const replay_clock &clock, int
                 model->record_value(r.time_ns, start_ns, file, std::string(a.value));
             }
         }
+        // A scan is stamped before the capture gets it, and not long before
+        // the capture began (the kernel holds a few): otherwise the device's
+        // clock is not the capture's (a capture taken on another machine).
+        if (!d.stamps.empty() &&
+            (d.stamps.front() < capture.first_ns() - 2000000000 || d.stamps.back() > capture.last_ns())) {
+            *error = "replay: " + st.name + ": its scans are stamped on another clock than the capture's (" +
+                     std::to_string(d.stamps.front() / 1000000000) + " s against " +
+                     std::to_string(capture.first_ns() / 1000000000) +
+                     " s): capture on the vehicle itself, where the devices and the capture share a clock";
+            return -EINVAL;
+        }
+        for (size_t i = 1; i < d.stamps.size(); i++)
+            if (d.stamps[i] < d.stamps[i - 1]) {
+                *error = "replay: " + st.name + ": its scans' timestamps go back at scan " + std::to_string(i);
+                return -EINVAL;
+            }
         if (scan_size && scan_size != recorded_size) {
             *error = "replay: " + st.name + ": recorded scans of " + std::to_string(scan_size) +
                      " bytes where its description gives " + std::to_string(recorded_size);
