@@ -1114,6 +1114,17 @@ struct iiod_server::impl {
 
 iiod_server::iiod_server(std::unique_ptr<impl> p) : impl_(std::move(p)) {}
 
+// The clock starts, the port opens and the controller runs.
+std::unique_ptr<iiod_server> iiod_server::launch(std::unique_ptr<impl> p, std::string *error)
+{
+    p->epoch = now_ns();
+    if (p->open_listener(error) != 0)
+        return nullptr;
+    impl *raw = p.get();
+    p->controller = std::thread([raw] { raw->control_loop(); });
+    return std::unique_ptr<iiod_server>(new iiod_server(std::move(p)));
+}
+
 std::unique_ptr<iiod_server> iiod_server::start(const scenario &s, const server_options &options, std::string *error)
 {
     std::string why;
@@ -1153,12 +1164,7 @@ std::unique_ptr<iiod_server> iiod_server::start(const scenario &s, const server_
     p->schedule = s.faults;
     std::stable_sort(p->schedule.begin(), p->schedule.end(),
                      [](const scenario_fault &a, const scenario_fault &b) { return a.at_s < b.at_s; });
-    p->epoch = now_ns();
-    if (p->open_listener(error) != 0)
-        return nullptr;
-    impl *raw = p.get();
-    p->controller = std::thread([raw] { raw->control_loop(); });
-    return std::unique_ptr<iiod_server>(new iiod_server(std::move(p)));
+    return launch(std::move(p), error);
 }
 
 std::unique_ptr<iiod_server> iiod_server::start_replay(std::vector<replay_device> devices, const std::string &xml,
@@ -1191,12 +1197,7 @@ std::unique_ptr<iiod_server> iiod_server::start_replay(std::vector<replay_device
         p->sensors.push_back(std::move(st));
     }
     p->xml = xml;
-    p->epoch = now_ns();
-    if (p->open_listener(error) != 0)
-        return nullptr;
-    impl *raw = p.get();
-    p->controller = std::thread([raw] { raw->control_loop(); });
-    return std::unique_ptr<iiod_server>(new iiod_server(std::move(p)));
+    return launch(std::move(p), error);
 }
 
 iiod_server::~iiod_server()

@@ -67,6 +67,7 @@ public:
 
 private:
     explicit iiod_server(std::unique_ptr<impl> p);
+    static std::unique_ptr<iiod_server> launch(std::unique_ptr<impl> p, std::string *error);
     std::unique_ptr<impl> impl_;
 };
 

@@ -70,17 +70,36 @@ sigset_t block_stop_signals()
     return stop_signals;
 }
 
-std::string default_battery_dir()
+// The board's view of the devices (--sysfs), before anyone learns of it.
+bool start_board_view(const sim::iiod_server &server, const std::string &root,
+                      std::unique_ptr<sim::sysfs_bridge> *out)
 {
+    std::string error;
+    if (!root.empty() && !(*out = sim::sysfs_bridge::start(server.uri(), root, &error))) {
+        std::fprintf(stderr, "orlune-sim: %s\n", error.c_str());
+        return false;
+    }
+    return true;
+}
+
+// Where the pack's files go, unless given: under ORLUNE_ROOT, else in a new
+// temporary directory. They exist before anyone learns where they are.
+bool make_battery_dir(std::string *dir)
+{
+    if (!dir->empty())
+        return true;
     const char *root = std::getenv("ORLUNE_ROOT");
     std::string base = root && *root ? root : "";
     if (base.empty()) {
         char tmpl[] = "/tmp/orlune-sim-XXXXXX";
-        if (!mkdtemp(tmpl))
-            return "";
+        if (!mkdtemp(tmpl)) {
+            std::fprintf(stderr, "orlune-sim: cannot create a battery directory: %s\n", strerror(errno));
+            return false;
+        }
         base = tmpl;
     }
-    return base + "/sys/class/power_supply/smartbattery";
+    *dir = base + "/sys/class/power_supply/smartbattery";
+    return true;
 }
 
 int replay_main(const std::string &path, bool fast, bool capture_clock, bool loop, double seek_s,
@@ -122,14 +141,8 @@ int replay_main(const std::string &path, bool fast, bool capture_clock, bool loo
         return 1;
     }
     std::unique_ptr<sim::sysfs_bridge> sysfs;
-    if (!sysfs_root.empty() && !(sysfs = sim::sysfs_bridge::start(server->uri(), sysfs_root, &error))) {
-        std::fprintf(stderr, "orlune-sim: %s\n", error.c_str());
+    if (!start_board_view(*server, sysfs_root, &sysfs) || !make_battery_dir(&battery_dir))
         return 1;
-    }
-    if (battery_dir.empty() && (battery_dir = default_battery_dir()).empty()) {
-        std::fprintf(stderr, "orlune-sim: cannot create a battery directory: %s\n", strerror(errno));
-        return 1;
-    }
     auto services = sim::replay_services::start(*capture, clock, battery_dir, loop_ns, &error);
     if (!services) {
         std::fprintf(stderr, "orlune-sim: %s\n", error.c_str());
@@ -280,17 +293,9 @@ int main(int argc, char **argv)
         std::fprintf(stderr, "orlune-sim: %s\n", error.c_str());
         return 1;
     }
-    // The board's view of the devices exists before anyone learns of it.
     std::unique_ptr<sim::sysfs_bridge> sysfs;
-    if (!sysfs_root.empty() && !(sysfs = sim::sysfs_bridge::start(server->uri(), sysfs_root, &error))) {
-        std::fprintf(stderr, "orlune-sim: %s\n", error.c_str());
+    if (!start_board_view(*server, sysfs_root, &sysfs) || !make_battery_dir(&battery_dir))
         return 1;
-    }
-    // The pack's files exist before anyone learns where they are.
-    if (battery_dir.empty() && (battery_dir = default_battery_dir()).empty()) {
-        std::fprintf(stderr, "orlune-sim: cannot create a battery directory: %s\n", strerror(errno));
-        return 1;
-    }
     auto battery = sim::start_battery_sim(scenario_path, battery_dir, &error);
     if (!battery) {
         std::fprintf(stderr, "orlune-sim: %s\n", error.c_str());

@@ -1,13 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 // A child process of an end-to-end test: started with extra environment,
-// its output kept in files, stopped by signal or awaited with a deadline.
+// its output kept in files, stopped by signal or awaited with a deadline;
+// and the host's recordings, read by their column names.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <sys/types.h>
 
 #include <chrono>
 #include <map>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -45,3 +48,34 @@ private:
 // saying why, when it does not come up within five seconds.
 std::unique_ptr<process> start_sim(const std::vector<std::string> &argv, const std::string &dir,
                                    std::map<std::string, std::string> *env, std::string *error);
+
+// A CSV file read by its header names.
+struct csv {
+    std::vector<std::string> names;
+    std::vector<std::vector<std::string>> rows;
+
+    explicit csv(const std::string &text)
+    {
+        std::istringstream in(text);
+        std::string line;
+        for (bool first = true; std::getline(in, line); first = false) {
+            std::vector<std::string> fields;
+            std::istringstream l(line);
+            for (std::string f; std::getline(l, f, ',');)
+                fields.push_back(f);
+            if (!line.empty() && line.back() == ',')
+                fields.emplace_back();
+            (first ? names : rows.emplace_back()) = fields;
+        }
+    }
+    size_t col(const std::string &name) const
+    {
+        for (size_t i = 0; i < names.size(); i++)
+            if (names[i] == name)
+                return i;
+        ADD_FAILURE() << "no column " << name;
+        return 0;
+    }
+    double num(size_t row, const std::string &name) const { return std::stod(rows[row].at(col(name))); }
+    const std::string &text(size_t row, const std::string &name) const { return rows[row].at(col(name)); }
+};

@@ -50,37 +50,6 @@ constexpr double kAccelBatchTolerance = 0.026; // m/s^2
 constexpr double kGyroBiasTolerance = 0.001;
 constexpr double kAccelBiasTolerance = 0.005;
 
-// A CSV file read by its header names.
-struct csv {
-    std::vector<std::string> names;
-    std::vector<std::vector<std::string>> rows;
-
-    explicit csv(const std::string &text)
-    {
-        std::istringstream in(text);
-        std::string line;
-        for (bool first = true; std::getline(in, line); first = false) {
-            std::vector<std::string> fields;
-            std::istringstream l(line);
-            for (std::string f; std::getline(l, f, ',');)
-                fields.push_back(f);
-            if (!line.empty() && line.back() == ',')
-                fields.emplace_back();
-            (first ? names : rows.emplace_back()) = fields;
-        }
-    }
-    size_t col(const std::string &name) const
-    {
-        for (size_t i = 0; i < names.size(); i++)
-            if (names[i] == name)
-                return i;
-        ADD_FAILURE() << "no column " << name;
-        return 0;
-    }
-    double num(size_t row, const std::string &name) const { return std::stod(rows[row].at(col(name))); }
-    const std::string &text(size_t row, const std::string &name) const { return rows[row].at(col(name)); }
-};
-
 double monotonic_s()
 {
     timespec now;

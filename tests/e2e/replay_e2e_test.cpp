@@ -23,33 +23,6 @@ using namespace std::chrono_literals;
 
 namespace {
 
-// Rows of a recording by their text, with the header's names.
-struct table {
-    std::vector<std::string> names;
-    std::vector<std::vector<std::string>> rows;
-
-    explicit table(const std::string &text)
-    {
-        std::istringstream in(text);
-        std::string line;
-        for (bool first = true; std::getline(in, line); first = false) {
-            std::vector<std::string> fields;
-            std::istringstream l(line);
-            for (std::string f; std::getline(l, f, ',');)
-                fields.push_back(f);
-            (first ? names : rows.emplace_back()) = fields;
-        }
-    }
-    size_t col(const std::string &name) const
-    {
-        for (size_t i = 0; i < names.size(); i++)
-            if (names[i] == name)
-                return i;
-        ADD_FAILURE() << "no column " << name;
-        return 0;
-    }
-};
-
 bool starts_with_any(const std::string &name, std::initializer_list<const char *> prefixes)
 {
     for (const char *p : prefixes)
@@ -80,7 +53,7 @@ protected:
 
     // Replays the capture under a host until the capture has no more scans;
     // the host's recording.
-    table replay(const std::string &capture, const std::vector<std::string> &options, const std::string &name)
+    csv replay(const std::string &capture, const std::vector<std::string> &options, const std::string &name)
     {
         std::filesystem::create_directory(root_.path() + "/" + name);
         std::vector<std::string> argv = {ORLUNE_SIM_BIN, "--replay", capture};
@@ -90,7 +63,7 @@ protected:
         auto sim = start_sim(argv, root_.path() + "/" + name, &env, &error);
         EXPECT_TRUE(sim) << error;
         if (!sim)
-            return table("");
+            return csv("");
         const std::string file = root_.path() + "/" + name + ".csv";
         auto host = run({ORLUNE_HOST_BIN, "--plugin", ORLUNE_PLUGIN, "--view", "none", "--record", file}, name, env);
         EXPECT_TRUE(sim->wait_for_output("# replay over", 60s)) << name << ": " << sim->err();
@@ -98,7 +71,7 @@ protected:
         EXPECT_EQ(host->wait(15s), 0) << name << ": " << host->err();
         sim->signal(SIGTERM);
         EXPECT_EQ(sim->wait(10s), 0) << name << ": " << sim->err();
-        return table(read_file(file));
+        return csv(read_file(file));
     }
 
     test_root root_;
@@ -125,10 +98,10 @@ TEST_F(ReplayEndToEnd, ReplaysMatchEachOtherAndTheLiveFlight)
         sim->signal(SIGTERM);
         ASSERT_EQ(sim->wait(10s), 0) << sim->err();
     }
-    const table live(read_file(root_.path() + "/live.csv"));
-    const table fast1 = replay(capture, {"--fast"}, "fast1");
-    const table fast2 = replay(capture, {"--fast"}, "fast2");
-    const table paced = replay(capture, {}, "paced");
+    const csv live(read_file(root_.path() + "/live.csv"));
+    const csv fast1 = replay(capture, {"--fast"}, "fast1");
+    const csv fast2 = replay(capture, {"--fast"}, "fast2");
+    const csv paced = replay(capture, {}, "paced");
     ASSERT_GT(fast1.rows.size(), 700u) << "about 200 reads a second for 4 s";
     ASSERT_EQ(fast1.rows.size(), fast2.rows.size());
     ASSERT_EQ(fast1.names, live.names);
@@ -149,7 +122,7 @@ TEST_F(ReplayEndToEnd, ReplaysMatchEachOtherAndTheLiveFlight)
     // bit. (At the original pace a host that falls behind loses batches, as
     // in flight: the rows are matched by the batch's first timestamp.)
     const size_t t0 = live.col("imu_t0");
-    for (const table *replayed : {&fast1, &paced}) {
+    for (const csv *replayed : {&fast1, &paced}) {
         std::map<std::string, const std::vector<std::string> *> live_batches;
         for (const auto &row : live.rows)
             live_batches[row[t0]] = &row;
@@ -183,7 +156,7 @@ TEST_F(ReplayEndToEnd, ReplaysMatchEachOtherAndTheLiveFlight)
     const std::string out = sim->out();
     ASSERT_TRUE(std::regex_search(out, m, std::regex("REPLAY_START=([0-9.]+)\nREPLAY_END=([0-9.]+)"))) << out;
     const double pass = std::stod(m[2]) - std::stod(m[1]);
-    const table looped(read_file(loop_file));
+    const csv looped(read_file(loop_file));
     ASSERT_EQ(looped.rows.size(), cycles);
     std::map<long long, const std::vector<std::string> *> first_pass;
     for (size_t r = 0; r < looped.rows.size(); r++) {
