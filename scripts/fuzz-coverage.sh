@@ -28,6 +28,7 @@ sources_of() {
   case $1 in
     battery_fuzz) echo src/battery/battery.cpp ;;
     calib_fuzz) echo src/calib/calib_file.cpp src/calib/imu_calib.cpp src/calib/baro_magneto_calib.cpp ;;
+    capture_fuzz) echo tools/capture/capture_file.cpp sim/replay.cpp sim/replay_devices.cpp ;;
     config_fuzz) echo src/config/sensors_config.cpp src/config/sensorscfg_keys.cpp src/config/sensorscfg_imu.cpp ;;
     host_files_fuzz) echo src/platform/properties.cpp src/platform/sched_config.cpp ;;
     iio_device_fuzz) echo src/platform/iio_helper.cpp ;;
@@ -45,6 +46,7 @@ sources_of() {
 # the target calls from memory.
 outside_of() {
   case $1 in
+    capture_fuzz) echo 'capture::writer|open_file|replay_capture::load\(|replay_clock|replay_services|recorded_model::(sample|write_attr|read_attr)' ;;
     host_files_fuzz) echo 'sched_config_apply|sched_config_open_default|apply_to|read_comm' ;;
     iio_device_fuzz) echo 'device_enable|device_disable|device_deinit|buffer_first_|context_timeout|vector_rotate|channel_convert_float' ;;
     msg_socket_fuzz) echo 'socket_relocate|socket_address|message_build|loop_get_fd|context_connect|context_is_connected|context_process_fd|context_send|server_|connection_send|gps_start|gps_stop|gps_read|gps_tlm_push' ;;

@@ -33,8 +33,12 @@ constexpr int kTickMs = 5;
 std::unique_ptr<replay_capture> replay_capture::load(const std::string &path, std::string *error)
 {
     auto c = std::unique_ptr<replay_capture>(new replay_capture);
-    if (c->reader_.open_file(path) != 0 || c->index() != 0) {
+    if (c->reader_.open_file(path) != 0) {
         *error = c->reader_.message();
+        return nullptr;
+    }
+    if (c->index() != 0) {
+        *error = c->message_.empty() ? c->reader_.message() : path + ": " + c->message_;
         return nullptr;
     }
     return c;
@@ -44,7 +48,7 @@ std::unique_ptr<replay_capture> replay_capture::load_memory(const void *data, si
 {
     auto c = std::unique_ptr<replay_capture>(new replay_capture);
     if (c->reader_.open_memory(data, size) != 0 || c->index() != 0) {
-        *error = c->reader_.message();
+        *error = c->message_.empty() ? c->reader_.message() : c->message_;
         return nullptr;
     }
     return c;
@@ -56,10 +60,17 @@ int replay_capture::index()
     int rc;
     bool first = true;
     while ((rc = reader_.next(&r)) > 0) {
+        // The capture writes its records in the order of its monotonic
+        // clock: a time before zero or before the previous one is damage.
+        if (r.time_ns < (first ? 0 : last_ns_)) {
+            message_ = "damaged capture: the record at byte " +
+                       std::to_string(r.offset) + (r.time_ns < 0 ? " has a negative time" : " goes back in time");
+            return -EINVAL;
+        }
         if (first)
             first_ns_ = r.time_ns;
         first = false;
-        last_ns_ = std::max(last_ns_, r.time_ns);
+        last_ns_ = r.time_ns;
         if (r.kind == capture::record_kind::context) {
             context_xml_.assign(reinterpret_cast<const char *>(r.payload), r.size);
         } else if (r.kind == capture::record_kind::stream) {

@@ -52,6 +52,7 @@ private:
     capture::reader reader_;
     std::vector<stream> streams_;
     std::string context_xml_;
+    std::string message_; // why index refused the capture
     int64_t first_ns_ = 0;
     int64_t last_ns_ = 0;
 };

@@ -16,6 +16,7 @@
 #include <sstream>
 #include <thread>
 
+#include "capture/capture_file.h"
 #include "process.h"
 #include "support/test_env.h"
 
@@ -179,11 +180,27 @@ TEST_F(ReplayEndToEnd, ReplaysMatchEachOtherAndTheLiveFlight)
 
 TEST_F(ReplayEndToEnd, ADamagedCaptureIsRefusedWithItsReason)
 {
-    const std::string capture = root_.path() + "/cut.cap";
-    write_file(capture, std::string("ORLCAPT\n\x01\0\0\0\x0c\0\0\0source=ip:x\n", 28));
-    auto sim = run({ORLUNE_SIM_BIN, "--replay", capture}, "cut", env_);
-    EXPECT_EQ(sim->wait(10s), 2);
-    EXPECT_NE(sim->err().find("cut.cap: truncated: no end record at byte 28"), std::string::npos) << sim->err();
+    // Cut off after its header, and a capture whose times go back.
+    write_file(root_.path() + "/cut.cap", std::string("ORLCAPT\n\x01\0\0\0\x0c\0\0\0source=ip:x\n", 28));
+    {
+        capture::writer w;
+        capture::header h;
+        h.fields = {{"source", "ip:x"}};
+        uint16_t stream;
+        ASSERT_EQ(w.open(root_.path() + "/back.cap", h), 0);
+        ASSERT_EQ(w.add_stream(capture::stream_kind::socket, "gps", 2000, &stream), 0);
+        ASSERT_EQ(w.write(capture::record_kind::message, stream, 1000, "\0\0\0\0", 4), 0);
+        ASSERT_EQ(w.close(3000), 0);
+    }
+    const std::pair<const char *, const char *> cases[] = {
+        {"cut.cap", "cut.cap: truncated: no end record at byte 28"},
+        {"back.cap", "back.cap: damaged capture: the record at byte 52 goes back in time"},
+    };
+    for (const auto &[file, says] : cases) {
+        auto sim = run({ORLUNE_SIM_BIN, "--replay", root_.path() + "/" + file}, file, env_);
+        EXPECT_EQ(sim->wait(10s), 2) << file;
+        EXPECT_NE(sim->err().find(says), std::string::npos) << sim->err();
+    }
 }
 
 } // namespace

@@ -305,7 +305,7 @@ int print_info(const std::string &path)
     }
     std::printf("  first record: %lld.%09lld s (the recording machine's monotonic clock)\n",
                 static_cast<long long>(first / kNsPerSec), static_cast<long long>(first % kNsPerSec));
-    std::printf("  duration: %.3f s\n", static_cast<double>(last - first) / 1e9);
+    std::printf("  duration: %.3f s\n", (static_cast<double>(last) - static_cast<double>(first)) / 1e9);
     for (size_t i = 0; i < r.streams().size(); i++)
         std::printf("  stream %zu: %s: %llu records, %llu bytes, %llu drops\n", i, r.streams()[i].name.c_str(),
                     static_cast<unsigned long long>(per_stream[i].records),
