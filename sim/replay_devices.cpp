@@ -178,9 +178,15 @@ int replay_devices(const replay_capture &capture, const replay_clock &clock, int
             capture::attr_value a;
             capture::scan_layout layout;
             if (capture::parse_layout(r, &layout)) {
+                // Every scan element was recorded: the description says how.
+                if (layout.scan_size != recorded_size) {
+                    *error = "replay: " + st.name + ": recorded scans of " + std::to_string(layout.scan_size) +
+                             " bytes where its description gives " + std::to_string(recorded_size);
+                    return -EINVAL;
+                }
                 scan_size = layout.scan_size;
             } else if (r.kind == capture::record_kind::scans && scan_size) {
-                for (uint32_t at = 0; at + scan_size <= r.size; at += scan_size) {
+                for (uint64_t at = 0; at + scan_size <= r.size; at += scan_size) {
                     int64_t stamp = r.time_ns;
                     if (timestamp >= 0)
                         std::memcpy(&stamp, r.payload + at + d.offsets[static_cast<size_t>(timestamp)], 8);
@@ -223,11 +229,6 @@ int replay_devices(const replay_capture &capture, const replay_clock &clock, int
                 *error = "replay: " + st.name + ": its scans' timestamps go back at scan " + std::to_string(i);
                 return -EINVAL;
             }
-        if (scan_size && scan_size != recorded_size) {
-            *error = "replay: " + st.name + ": recorded scans of " + std::to_string(scan_size) +
-                     " bytes where its description gives " + std::to_string(recorded_size);
-            return -EINVAL;
-        }
         model->set_blocking(blocking);
         d.timestamp = timestamp;
         d.base = static_cast<size_t>(std::upper_bound(d.stamps.begin(), d.stamps.end(), start_ns) - d.stamps.begin());

@@ -180,7 +180,7 @@ TEST_F(ReplayEndToEnd, ReplaysMatchEachOtherAndTheLiveFlight)
 
 TEST_F(ReplayEndToEnd, ADamagedCaptureIsRefusedWithItsReason)
 {
-    // Cut off after its header, and a capture whose times go back.
+    // Cut off after its header, times that go back, scans that do not fit.
     write_file(root_.path() + "/cut.cap", std::string("ORLCAPT\n\x01\0\0\0\x0c\0\0\0source=ip:x\n", 28));
     {
         capture::writer w;
@@ -192,9 +192,28 @@ TEST_F(ReplayEndToEnd, ADamagedCaptureIsRefusedWithItsReason)
         ASSERT_EQ(w.write(capture::record_kind::message, stream, 1000, "\0\0\0\0", 4), 0);
         ASSERT_EQ(w.close(3000), 0);
     }
+    {
+        // Scans laid out in fewer bytes than the device's description gives.
+        const std::string xml = "<?xml version=\"1.0\"?><context name=\"x\"><device id=\"iio:device0\" name=\"imu\">"
+                                "<channel id=\"accel_x\" type=\"input\"><scan-element index=\"0\" format=\"le:s16/16&gt;&gt;0\"/>"
+                                "</channel><channel id=\"timestamp\" type=\"input\"><scan-element index=\"1\" "
+                                "format=\"le:s64/64&gt;&gt;0\"/></channel></device></context>";
+        capture::writer w;
+        capture::header h;
+        h.fields = {{"source", "ip:x"}};
+        uint16_t stream;
+        ASSERT_EQ(w.open(root_.path() + "/short.cap", h), 0);
+        ASSERT_EQ(w.write(capture::record_kind::context, 0, 1000, xml.data(), xml.size()), 0);
+        ASSERT_EQ(w.add_stream(capture::stream_kind::iio_device, "iio:device0", 1000, &stream), 0);
+        const uint8_t layout[12] = {3, 0, 0, 0, 0, 0, 0, 0, 8, 0, 0, 0};
+        ASSERT_EQ(w.write(capture::record_kind::layout, stream, 1000, layout, sizeof layout), 0);
+        ASSERT_EQ(w.write(capture::record_kind::scans, stream, 1000, "01234567", 8), 0);
+        ASSERT_EQ(w.close(3000), 0);
+    }
     const std::pair<const char *, const char *> cases[] = {
         {"cut.cap", "cut.cap: truncated: no end record at byte 28"},
         {"back.cap", "back.cap: damaged capture: the record at byte 52 goes back in time"},
+        {"short.cap", "iio:device0: recorded scans of 8 bytes where its description gives 16"},
     };
     for (const auto &[file, says] : cases) {
         auto sim = run({ORLUNE_SIM_BIN, "--replay", root_.path() + "/" + file}, file, env_);
