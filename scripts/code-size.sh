@@ -17,6 +17,7 @@ code_files() {
   else
     git ls-files -- "$@"
   fi | while read -r f; do
+    case $f in */corpus/*) continue ;; esac
     case ${f##*/} in
       *.c|*.cpp|*.h|*.sh) echo "$f" ;;
       *.*) ;;
