@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# Lines of code by kind, from the files git tracks: C and C++ sources and
-# headers, and scripts (*.sh, or a first line "#!"). CMake files, docs,
-# examples and corpora are not code here.
+# Lines of code by kind, from the files git tracks (and, in the working tree,
+# new files it does not ignore): C and C++ sources and headers, and scripts
+# (*.sh, or a first line "#!"). CMake files, docs, examples and corpora are
+# not code here.
 #
 # usage: scripts/code-size.sh [REVISION]   (default: the working tree)
 set -euo pipefail
@@ -15,9 +16,10 @@ code_files() {
   if [ -n "$rev" ]; then
     git ls-tree -r --name-only "$rev" -- "$@"
   else
-    git ls-files -- "$@"
+    git ls-files --cached --others --exclude-standard -- "$@"
   fi | while read -r f; do
     case $f in */corpus/*) continue ;; esac
+    [ -n "$rev" ] || [ -f "$f" ] || continue
     case ${f##*/} in
       *.c|*.cpp|*.h|*.sh) echo "$f" ;;
       *.*) ;;
