@@ -9,13 +9,11 @@
 #include <chrono>
 #include <cmath>
 #include <filesystem>
-#include <regex>
 #include <thread>
 
 #include "platform/shm_telemetry.h"
 #include "platform/time_helpers.h"
-#include "process.h"
-#include "support/test_env.h"
+#include "flight.h"
 
 using namespace std::chrono_literals;
 
@@ -83,55 +81,12 @@ const char *const kMagnetometer = R"(magnetometer = {
   rotation-matrix = ( [-1.0, 0.0, 0.0], [0.0, 1.0, 0.0], [0.0, 0.0, -1.0] );
 };)";
 
-std::string example(const std::string &name)
-{
-    return std::string(ORLUNE_SOURCE_DIR) + "/examples/" + name;
-}
-
-class BaroMagnetoEndToEnd : public ::testing::Test {
+class BaroMagnetoEndToEnd : public flight {
 protected:
-    void SetUp() override
-    {
-        env_ = {{"ORLUNE_ROOT", root_.path()},
-                {"ORLUNE_TLM_DIR", root_.path() + "/tlm"},
-                {"SENSORS_LOG_LEVEL", "info"}};
-        setenv("ORLUNE_TLM_DIR", env_["ORLUNE_TLM_DIR"].c_str(), 1);
-    }
-
-    void start_sim()
-    {
-        const std::string path = root_.path() + "/scenario.cfg";
-        write_file(path, kScenario);
-        std::string error;
-        sim_ = ::start_sim({ORLUNE_SIM_BIN, "--scenario", path}, root_.path(), &env_, &error);
-        ASSERT_TRUE(sim_) << error;
-    }
-
     std::unique_ptr<process> start_host(double duration_s)
     {
-        std::string config = read_file(example("config/minimal.cfg"));
-        config = std::regex_replace(config, std::regex("barometer = \\{ enabled = false; \\};"), kBarometer);
-        config = std::regex_replace(config, std::regex("magnetometer = \\{ enabled = false; \\};"), kMagnetometer);
-        const std::string path = root_.path() + "/sensors.cfg";
-        write_file(path, config);
-        env_["LIBVIGIL_CFG_PATH"] = path;
-        return std::make_unique<process>(
-            std::vector<std::string>{ORLUNE_HOST_BIN, "--plugin", ORLUNE_PLUGIN, "--view", "none", "--log",
-                                     root_.path() + "/host.log", "--duration", std::to_string(duration_s)},
-            env_, root_.path() + "/host.out", root_.path() + "/host.err");
-    }
-
-    // Opens section once it holds at least count samples.
-    void wait_for(const char *section, uint64_t count, tlm_section_view *view, process &host)
-    {
-        const auto end = std::chrono::steady_clock::now() + 15s;
-        while (tlm_view_open(section, view) != 0 || tlm_view_written(view) < count) {
-            tlm_view_close(view);
-            ASSERT_LT(std::chrono::steady_clock::now(), end)
-                << "no " << section << " telemetry; host said:\n"
-                << host.err() << read_file(root_.path() + "/host.log");
-            std::this_thread::sleep_for(20ms);
-        }
+        configure({{"barometer", kBarometer}, {"magnetometer", kMagnetometer}});
+        return host({"--duration", std::to_string(duration_s)});
     }
 
     // The last n samples of a section, and the mean interval between them (s).
@@ -151,17 +106,13 @@ protected:
         return (double(stamps[1].tv_sec - stamps[0].tv_sec) + double(stamps[1].tv_nsec - stamps[0].tv_nsec) / 1e9) /
                double(n - 1);
     }
-
-    test_root root_;
-    std::map<std::string, std::string> env_;
-    std::unique_ptr<process> sim_;
 };
 
 TEST_F(BaroMagnetoEndToEnd, SectionsCarryTheTruthAtTheirConfiguredRates)
 {
     std::filesystem::copy(example("calibration/factory"), root_.path() + "/factory",
                           std::filesystem::copy_options::recursive);
-    start_sim();
+    start_sim(kScenario);
     auto host = start_host(8);
 
     // Four seconds in, the barometer's die has settled (eight time constants).
@@ -201,7 +152,7 @@ TEST_F(BaroMagnetoEndToEnd, SectionsCarryTheTruthAtTheirConfiguredRates)
     EXPECT_NEAR(magneto_temp, kAmbientK, 0.2);
 
     ASSERT_EQ(host->wait(15s), 0) << host->err();
-    const std::string log = read_file(root_.path() + "/host.log");
+    const std::string log = host_log();
     EXPECT_EQ(log.find("barometer read failed"), std::string::npos) << log;
     EXPECT_EQ(log.find("magnetometer read failed"), std::string::npos) << log;
 }

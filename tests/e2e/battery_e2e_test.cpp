@@ -8,13 +8,10 @@
 #include <algorithm>
 #include <chrono>
 #include <csignal>
-#include <map>
-#include <regex>
 #include <thread>
 
 #include "platform/shm_telemetry.h"
-#include "process.h"
-#include "support/test_env.h"
+#include "flight.h"
 
 using namespace std::chrono_literals;
 
@@ -28,16 +25,8 @@ size_t count(const std::string &text, const std::string &needle)
     return n;
 }
 
-TEST(BatteryEndToEnd, ThePackDrainsLeavesAndComesBack)
-{
-    test_root root;
-    std::map<std::string, std::string> env{{"ORLUNE_ROOT", root.path()},
-                                           {"ORLUNE_TLM_DIR", root.path() + "/tlm"},
-                                           {"SENSORS_LOG_LEVEL", "info"}};
-    setenv("ORLUNE_TLM_DIR", env["ORLUNE_TLM_DIR"].c_str(), 1);
-    // 30 A hovering drains about 8 mAh a second; the pack is out from 3 s to 5 s.
-    const std::string scenario = root.path() + "/scenario.cfg";
-    write_file(scenario, R"(simulator = {
+// 30 A hovering drains about 8 mAh a second; the pack is out from 3 s to 5 s.
+constexpr const char *kScenario = R"(simulator = {
   name = "battery";
   devices = (
     { kind = "imu"; name = "orlune-imu"; trigger = "orlune-imu-trig";
@@ -50,26 +39,21 @@ TEST(BatteryEndToEnd, ThePackDrainsLeavesAndComesBack)
                { at = 6.0; kind = "fault"; code = 3; } );
   };
 };
-)");
-    std::string error;
-    const std::unique_ptr<process> sim =
-        start_sim({ORLUNE_SIM_BIN, "--scenario", scenario}, root.path(), &env, &error);
-    ASSERT_TRUE(sim) << error;
+)";
 
-    std::string config = read_file(std::string(ORLUNE_SOURCE_DIR) + "/examples/config/minimal.cfg");
-    config = std::regex_replace(config, std::regex("battery = \\{ enabled = false; \\};"),
-                                "battery = { enabled = true; device = \"/sys/class/power_supply/smartbattery\"; "
-                                "frequency = 4; };");
-    env["LIBVIGIL_CFG_PATH"] = root.path() + "/battery.cfg";
-    write_file(env["LIBVIGIL_CFG_PATH"], config);
-    const std::string log_file = root.path() + "/host.log";
-    process host({ORLUNE_HOST_BIN, "--plugin", ORLUNE_PLUGIN, "--view", "none", "--log", log_file, "--duration", "7"},
-                 env, root.path() + "/host.out", root.path() + "/host.err");
+using BatteryEndToEnd = flight;
+
+TEST_F(BatteryEndToEnd, ThePackDrainsLeavesAndComesBack)
+{
+    start_sim(kScenario);
+    configure({{"battery", "battery = { enabled = true; device = \"/sys/class/power_supply/smartbattery\"; "
+                           "frequency = 4; };"}});
+    auto h = host({"--duration", "7"});
 
     // The latest sample of "sensors_battery", every 20 ms, while the host runs.
     std::vector<sensors_battery_data> seen;
     auto end = std::chrono::steady_clock::now() + 9s;
-    while (host.running() && std::chrono::steady_clock::now() < end) {
+    while (h->running() && std::chrono::steady_clock::now() < end) {
         tlm_section_view view{};
         if (tlm_view_open("sensors_battery", &view) == 0 && tlm_view_written(&view) > 0) {
             sensors_battery_data d{};
@@ -80,8 +64,8 @@ TEST(BatteryEndToEnd, ThePackDrainsLeavesAndComesBack)
         tlm_view_close(&view);
         std::this_thread::sleep_for(20ms);
     }
-    ASSERT_EQ(host.wait(10s), 0) << host.err();
-    const std::string log = read_file(log_file);
+    ASSERT_EQ(h->wait(10s), 0) << h->err();
+    const std::string log = host_log();
     EXPECT_EQ(count(log, "N sensors_orlune: EVT:SMARTBATTERY;event='present'"), 2u) << log;
     EXPECT_EQ(count(log, "N sensors_orlune: EVT:SMARTBATTERY;event='absent'"), 1u) << log;
     EXPECT_EQ(count(log, "N battery: EVT:SMARTBATTERY;fault='charger'"), 1u) << log;
@@ -103,8 +87,8 @@ TEST(BatteryEndToEnd, ThePackDrainsLeavesAndComesBack)
     EXPECT_LT(last.voltage, first.voltage);
     EXPECT_LT(last.current, -29.0f);
 
-    sim->signal(SIGTERM);
-    EXPECT_EQ(sim->wait(5s), 0);
+    sim_->signal(SIGTERM);
+    EXPECT_EQ(sim_->wait(5s), 0);
 }
 
 } // namespace

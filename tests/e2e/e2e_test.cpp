@@ -14,8 +14,7 @@
 
 #include "platform/shm_telemetry.h"
 #include "platform/time_helpers.h"
-#include "process.h"
-#include "support/test_env.h"
+#include "flight.h"
 
 using namespace std::chrono_literals;
 using ::testing::HasSubstr;
@@ -32,50 +31,14 @@ constexpr double kGravity = 9.80665;
 constexpr double kGyroTolerance = 0.001;  // rad/s, mean over the samples read
 constexpr double kAccelTolerance = 0.01; // m/s^2, mean over the samples read
 
-class EndToEnd : public ::testing::Test {
+class EndToEnd : public flight {
 protected:
-    void SetUp() override
-    {
-        env_ = {{"ORLUNE_ROOT", root_.path()},
-                {"ORLUNE_TLM_DIR", root_.path() + "/tlm"},
-                {"SENSORS_LOG_LEVEL", "info"}};
-        setenv("ORLUNE_TLM_DIR", env_["ORLUNE_TLM_DIR"].c_str(), 1);
-    }
-
-    // Starts orlune-sim and learns its port from what it prints.
-    void start_sim(const std::string &scenario_text = "")
-    {
-        std::vector<std::string> argv = {ORLUNE_SIM_BIN};
-        if (!scenario_text.empty()) {
-            std::string path = root_.path() + "/scenario.cfg";
-            write_file(path, scenario_text);
-            argv.insert(argv.end(), {"--scenario", path});
-        }
-        std::string error;
-        sim_ = ::start_sim(argv, root_.path(), &env_, &error);
-        ASSERT_TRUE(sim_) << error;
-    }
-
-    std::unique_ptr<process> host(const std::string &config, std::vector<std::string> args)
+    std::unique_ptr<process> host(const std::string &config, const std::vector<std::string> &options)
     {
         env_["LIBVIGIL_CFG_PATH"] = config;
-        std::vector<std::string> argv = {ORLUNE_HOST_BIN, "--plugin", ORLUNE_PLUGIN, "--view", "none", "--log",
-                                         root_.path() + "/host.log"};
-        argv.insert(argv.end(), args.begin(), args.end());
-        return std::make_unique<process>(argv, env_, root_.path() + "/host.out", root_.path() + "/host.err");
+        return flight::host(options);
     }
-
-    std::string host_log() { return read_file(root_.path() + "/host.log"); }
-
-    test_root root_;
-    std::map<std::string, std::string> env_;
-    std::unique_ptr<process> sim_;
 };
-
-std::string example(const char *name)
-{
-    return std::string(ORLUNE_SOURCE_DIR) + "/examples/" + name;
-}
 
 TEST_F(EndToEnd, ImuSectionReceivesEachBatchWithTheTruth)
 {
@@ -88,12 +51,7 @@ TEST_F(EndToEnd, ImuSectionReceivesEachBatchWithTheTruth)
     auto h = host(example("config/minimal.cfg"), {"--duration", "3"});
 
     tlm_section_view view{};
-    auto end = std::chrono::steady_clock::now() + 5s;
-    while (tlm_view_open("sensors_imu", &view) != 0 || tlm_view_written(&view) < 150) {
-        tlm_view_close(&view);
-        ASSERT_LT(std::chrono::steady_clock::now(), end) << "no IMU telemetry; host said:\n" << h->err() << host_log();
-        std::this_thread::sleep_for(20ms);
-    }
+    wait_for("sensors_imu", 150, &view, *h);
     uint64_t last = tlm_view_written(&view) - 1;
     timespec previous{};
     double gyro[3] = {}, accel[3] = {};

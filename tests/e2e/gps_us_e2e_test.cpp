@@ -6,7 +6,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sensors/data.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -14,8 +13,7 @@
 #include <thread>
 
 #include "platform/shm_telemetry.h"
-#include "process.h"
-#include "support/test_env.h"
+#include "flight.h"
 
 using namespace std::chrono_literals;
 using ::testing::HasSubstr;
@@ -70,36 +68,20 @@ long occurrences(const std::string &text, const std::string &pattern)
     return std::distance(std::sregex_iterator(text.begin(), text.end(), re), std::sregex_iterator());
 }
 
-TEST(GpsUltrasoundEndToEnd, DataFollowTheFlightThroughLateAndRestartingServices)
-{
-    test_root root;
-    std::map<std::string, std::string> env = {{"ORLUNE_ROOT", root.path()},
-                                              {"ORLUNE_TLM_DIR", root.path() + "/tlm"},
-                                              {"ORLUNE_SOCKET_PREFIX", "e2e" + std::to_string(getpid()) + "-"},
-                                              {"SENSORS_LOG_LEVEL", "info"}};
-    setenv("ORLUNE_TLM_DIR", env["ORLUNE_TLM_DIR"].c_str(), 1);
-    write_file(root.path() + "/scenario.cfg", kScenario);
-    std::string error;
-    const std::unique_ptr<process> sim =
-        start_sim({ORLUNE_SIM_BIN, "--scenario", root.path() + "/scenario.cfg"}, root.path(), &env, &error);
-    ASSERT_TRUE(sim) << error;
+using GpsUltrasoundEndToEnd = flight;
 
-    std::string config = read_file(std::string(ORLUNE_SOURCE_DIR) + "/examples/config/minimal.cfg");
-    config = std::regex_replace(config, std::regex("gps = \\{ enabled = false; \\};"), "gps = { enabled = true; };");
-    config = std::regex_replace(config, std::regex("ultrasound = \\{ enabled = false; \\};"),
-                                "ultrasound = { enabled = true; };");
-    write_file(root.path() + "/sensors.cfg", config);
-    env["LIBVIGIL_CFG_PATH"] = root.path() + "/sensors.cfg";
-    process host({ORLUNE_HOST_BIN, "--plugin", ORLUNE_PLUGIN, "--view", "none", "--log", root.path() + "/host.log",
-                  "--duration", "9"},
-                 env, root.path() + "/host.out", root.path() + "/host.err");
+TEST_F(GpsUltrasoundEndToEnd, DataFollowTheFlightThroughLateAndRestartingServices)
+{
+    start_sim(kScenario);
+    configure({{"gps", "gps = { enabled = true; };"}, {"ultrasound", "ultrasound = { enabled = true; };"}});
+    auto h = host({"--duration", "9"});
 
     // Watch the sections while the host runs: the GPS fix's own time (value
     // 5, ms into the scenario) dates what the ultrasound should read.
     int fixes_checked = 0, fixes_before_us = 0, grounded = 0, hovering = 0;
     uint64_t last_fix_ms = 0;
     auto end = std::chrono::steady_clock::now() + 15s;
-    while (host.running() && std::chrono::steady_clock::now() < end) {
+    while (h->running() && std::chrono::steady_clock::now() < end) {
         sensors_gps_data gps{};
         sensors_us_data us{};
         if (latest("sensors_gps", &gps) && gps.loc_extra > last_fix_ms) {
@@ -130,24 +112,24 @@ TEST(GpsUltrasoundEndToEnd, DataFollowTheFlightThroughLateAndRestartingServices)
         }
         std::this_thread::sleep_for(50ms);
     }
-    ASSERT_EQ(host.wait(10s), 0) << host.err();
-    sim->signal(SIGTERM);
-    sim->wait(5s);
+    ASSERT_EQ(h->wait(10s), 0) << h->err();
+    sim_->signal(SIGTERM);
+    sim_->wait(5s);
 
     EXPECT_GT(fixes_checked, 20);
     EXPECT_GT(fixes_before_us, 5);
     EXPECT_GT(grounded, 3);
     EXPECT_GT(hovering, 5);
     EXPECT_GT(last_fix_ms, 6000u) << "fixes after the daemon came back";
-    std::string log = read_file(root.path() + "/host.log");
+    std::string log = host_log();
     EXPECT_EQ(occurrences(log, "I gps: connected to gpsd"), 2) << log;
     EXPECT_THAT(log, HasSubstr("I gps: disconnected from gpsd"));
     // Absent at the start, back, gone at the restart, back: each told once.
     EXPECT_EQ(occurrences(log, "W us: ultrasound service not available: retrying\n"), 2) << log;
     EXPECT_EQ(occurrences(log, "I us: connected to the ultrasound service\n"), 2) << log;
-    EXPECT_THAT(host.out(), HasSubstr("failed reads     0"));
-    EXPECT_TRUE(std::regex_search(host.out(), std::regex("\ngps +[0-9]+"))) << host.out();
-    EXPECT_TRUE(std::regex_search(host.out(), std::regex("\nus +[0-9]+"))) << host.out();
+    EXPECT_THAT(h->out(), HasSubstr("failed reads     0"));
+    EXPECT_TRUE(std::regex_search(h->out(), std::regex("\ngps +[0-9]+"))) << h->out();
+    EXPECT_TRUE(std::regex_search(h->out(), std::regex("\nus +[0-9]+"))) << h->out();
 }
 
 } // namespace

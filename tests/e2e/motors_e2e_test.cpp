@@ -5,7 +5,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sensors/data.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <regex>
@@ -13,8 +12,7 @@
 #include <thread>
 
 #include "platform/shm_telemetry.h"
-#include "process.h"
-#include "support/test_env.h"
+#include "flight.h"
 
 using namespace std::chrono_literals;
 using ::testing::HasSubstr;
@@ -22,41 +20,23 @@ using ::testing::Not;
 
 namespace {
 
-std::string example(const char *name)
-{
-    return std::string(ORLUNE_SOURCE_DIR) + "/examples/" + name;
-}
+using MotorsEndToEnd = flight;
 
-TEST(MotorsEndToEnd, HostScriptSpinsAndStopsTheMotors)
+TEST_F(MotorsEndToEnd, HostScriptSpinsAndStopsTheMotors)
 {
-    test_root root;
-    std::map<std::string, std::string> env{{"ORLUNE_ROOT", root.path()},
-                                           {"ORLUNE_TLM_DIR", root.path() + "/tlm"},
-                                           {"ORLUNE_SOCKET_PREFIX", "motors" + std::to_string(getpid()) + "-"},
-                                           {"SENSORS_LOG_LEVEL", "info"}};
-    setenv("ORLUNE_TLM_DIR", env["ORLUNE_TLM_DIR"].c_str(), 1);
-    std::string error;
-    const std::unique_ptr<process> sim = start_sim({ORLUNE_SIM_BIN}, root.path(), &env, &error);
-    ASSERT_TRUE(sim) << error;
-
+    start_sim();
     // The IMU alone plus the motor controller.
-    std::string config = read_file(example("config/minimal.cfg"));
-    config = std::regex_replace(config, std::regex("bldc = \\{ enabled = false; \\};"),
-                                "bldc = { enabled = true; device = \"orlune-esc\"; trigger = \"orlune-esc-trig\"; "
-                                "tlm_frequency = 200; };");
-    write_file(root.path() + "/motors.cfg", config);
-    env["LIBVIGIL_CFG_PATH"] = root.path() + "/motors.cfg";
+    configure({{"bldc", "bldc = { enabled = true; device = \"orlune-esc\"; trigger = \"orlune-esc-trig\"; "
+                        "tlm_frequency = 200; };"}});
     // Spin and stop, then spin again under load until the host ends.
-    process host({ORLUNE_HOST_BIN, "--plugin", ORLUNE_PLUGIN, "--view", "none", "--log", root.path() + "/host.log",
-                  "--duration", "4.5", "--motors", "0.3:start,1:speeds=9000,2.2:stop,3:start,3.6:speeds=9000"},
-                 env, root.path() + "/host.out", root.path() + "/host.err");
+    auto h = host({"--duration", "4.5", "--motors", "0.3:start,1:speeds=9000,2.2:stop,3:start,3.6:speeds=9000"});
     // Follow the section while the host runs: ramp, spin at speed, brake, stop.
     bool ramping = false, at_speed = false, braking = false, stopped = false;
     sensors_motors_data last{};
     tlm_section_view view{};
     uint64_t next = 0;
     const auto deadline = std::chrono::steady_clock::now() + 20s;
-    while (host.running() && std::chrono::steady_clock::now() < deadline) {
+    while (h->running() && std::chrono::steady_clock::now() < deadline) {
         if (!view.base && tlm_view_open("sensors_motors", &view) != 0) {
             std::this_thread::sleep_for(20ms);
             continue;
@@ -77,7 +57,7 @@ TEST(MotorsEndToEnd, HostScriptSpinsAndStopsTheMotors)
         std::this_thread::sleep_for(50ms);
     }
     tlm_view_close(&view);
-    ASSERT_EQ(host.wait(5s), 0) << host.err();
+    ASSERT_EQ(h->wait(5s), 0) << h->err();
     EXPECT_TRUE(ramping);
     EXPECT_TRUE(at_speed);
     EXPECT_TRUE(braking);
@@ -85,7 +65,7 @@ TEST(MotorsEndToEnd, HostScriptSpinsAndStopsTheMotors)
     EXPECT_EQ(last.status[0], 4u); // spinning again when the host ended
     EXPECT_EQ(last.brake_state, 0u);
 
-    const std::string log = read_file(root.path() + "/host.log");
+    const std::string log = host_log();
     // One first report, one flight-time event after the stop, with a counter
     // that grew while the motors spun.
     EXPECT_THAT(log, HasSubstr("N bldc: EVT:ESC;flight_time=3600;last_error='none';device='orlune-esc'"));
@@ -98,7 +78,7 @@ TEST(MotorsEndToEnd, HostScriptSpinsAndStopsTheMotors)
     EXPECT_THAT(log, Not(HasSubstr("E sensors_orlune:")));
 
     // The last record: the battery's voltage is the loaded controller's.
-    const std::string out = host.out();
+    const std::string out = h->out();
     std::smatch volts;
     ASSERT_TRUE(std::regex_search(out, volts, std::regex("motors .* ([0-9.]+) V\\n"))) << out;
     EXPECT_LT(std::stod(volts[1]), 12.2);

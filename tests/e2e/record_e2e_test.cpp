@@ -13,8 +13,7 @@
 #include <sstream>
 
 #include "platform/time_helpers.h"
-#include "process.h"
-#include "support/test_env.h"
+#include "flight.h"
 
 using namespace std::chrono_literals;
 using ::testing::HasSubstr;
@@ -57,25 +56,14 @@ double monotonic_s()
     return double(now.tv_sec) + double(now.tv_nsec) / 1e9;
 }
 
-class RecordEndToEnd : public ::testing::Test {
+class RecordEndToEnd : public flight {
 protected:
     void SetUp() override
     {
-        env_ = {{"ORLUNE_ROOT", root_.path()}, {"ORLUNE_TLM_DIR", root_.path() + "/tlm"}};
         for (const char *dir : {"data", "factory"})
-            std::filesystem::copy(std::string(ORLUNE_SOURCE_DIR) + "/examples/calibration/" + dir,
-                                  root_.path() + "/" + dir, std::filesystem::copy_options::recursive);
-        env_["LIBVIGIL_CFG_PATH"] = std::string(ORLUNE_SOURCE_DIR) + "/examples/config/minimal.cfg";
+            std::filesystem::copy(example("calibration/") + dir, path(dir), std::filesystem::copy_options::recursive);
+        env_["LIBVIGIL_CFG_PATH"] = example("config/minimal.cfg");
     }
-
-    std::unique_ptr<process> run(std::vector<std::string> argv, const char *name)
-    {
-        return std::make_unique<process>(argv, env_, root_.path() + "/" + name + ".out",
-                                         root_.path() + "/" + name + ".err");
-    }
-
-    test_root root_;
-    std::map<std::string, std::string> env_;
 };
 
 TEST_F(RecordEndToEnd, RecordingAndTruthShareTheClockAndAgree)

@@ -17,8 +17,7 @@
 #include <thread>
 
 #include "capture/capture_file.h"
-#include "process.h"
-#include "support/test_env.h"
+#include "flight.h"
 
 using namespace std::chrono_literals;
 
@@ -32,24 +31,19 @@ bool starts_with_any(const std::string &name, std::initializer_list<const char *
     return false;
 }
 
-class ReplayEndToEnd : public ::testing::Test {
+class ReplayEndToEnd : public flight {
 protected:
     void SetUp() override
     {
-        env_ = {{"ORLUNE_ROOT", root_.path()},
-                {"ORLUNE_TLM_DIR", root_.path() + "/tlm"},
-                {"ORLUNE_SOCKET_PREFIX", "replay" + std::to_string(getpid()) + "-"},
-                {"LIBVIGIL_CFG_PATH", std::string(ORLUNE_SOURCE_DIR) + "/examples/config/orlune_sim.cfg"}};
+        env_["LIBVIGIL_CFG_PATH"] = example("config/orlune_sim.cfg");
         for (const char *dir : {"data", "factory"})
-            std::filesystem::copy(std::string(ORLUNE_SOURCE_DIR) + "/examples/calibration/" + dir,
-                                  root_.path() + "/" + dir, std::filesystem::copy_options::recursive);
+            std::filesystem::copy(example("calibration/") + dir, path(dir), std::filesystem::copy_options::recursive);
     }
 
     std::unique_ptr<process> run(const std::vector<std::string> &argv, const std::string &name,
                                  const std::map<std::string, std::string> &env)
     {
-        return std::make_unique<process>(argv, env, root_.path() + "/" + name + ".out",
-                                         root_.path() + "/" + name + ".err");
+        return std::make_unique<process>(argv, env, path(name + ".out"), path(name + ".err"));
     }
 
     // Replays the capture under a host until the capture has no more scans;
@@ -61,7 +55,7 @@ protected:
         argv.insert(argv.end(), options.begin(), options.end());
         std::string error;
         std::map<std::string, std::string> env = env_;
-        auto sim = start_sim(argv, root_.path() + "/" + name, &env, &error);
+        auto sim = ::start_sim(argv, root_.path() + "/" + name, &env, &error);
         EXPECT_TRUE(sim) << error;
         if (!sim)
             return csv("");
@@ -75,8 +69,6 @@ protected:
         return csv(read_file(file));
     }
 
-    test_root root_;
-    std::map<std::string, std::string> env_;
 };
 
 TEST_F(ReplayEndToEnd, ReplaysMatchEachOtherAndTheLiveFlight)
@@ -87,7 +79,7 @@ TEST_F(ReplayEndToEnd, ReplaysMatchEachOtherAndTheLiveFlight)
         std::string error;
         std::map<std::string, std::string> env = env_;
         std::filesystem::create_directory(root_.path() + "/live");
-        auto sim = start_sim({ORLUNE_SIM_BIN}, root_.path() + "/live", &env, &error);
+        auto sim = ::start_sim({ORLUNE_SIM_BIN}, root_.path() + "/live", &env, &error);
         ASSERT_TRUE(sim) << error;
         auto host = run({ORLUNE_HOST_BIN, "--plugin", ORLUNE_PLUGIN, "--view", "none", "--duration", "7", "--record",
                          root_.path() + "/live.csv"},
@@ -144,8 +136,8 @@ TEST_F(ReplayEndToEnd, ReplaysMatchEachOtherAndTheLiveFlight)
     std::filesystem::create_directory(root_.path() + "/loop");
     std::string error;
     std::map<std::string, std::string> env = env_;
-    auto sim = start_sim({ORLUNE_SIM_BIN, "--replay", capture, "--fast", "--loop", "--seek", "1"},
-                         root_.path() + "/loop", &env, &error);
+    auto sim = ::start_sim({ORLUNE_SIM_BIN, "--replay", capture, "--fast", "--loop", "--seek", "1"},
+                           root_.path() + "/loop", &env, &error);
     ASSERT_TRUE(sim) << error;
     const std::string loop_file = root_.path() + "/loop.csv";
     const size_t cycles = fast1.rows.size() * 3 / 2;

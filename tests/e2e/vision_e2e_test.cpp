@@ -6,11 +6,8 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <map>
-#include <regex>
 
-#include "process.h"
-#include "support/test_env.h"
+#include "flight.h"
 
 using namespace std::chrono_literals;
 using ::testing::HasSubstr;
@@ -42,42 +39,17 @@ constexpr const char *kScenario = R"(simulator = {
 };
 )";
 
-class VisionEndToEnd : public ::testing::Test {
+class VisionEndToEnd : public flight {
 protected:
     void SetUp() override
     {
-        env_ = {{"ORLUNE_ROOT", root_.path()},
-                {"ORLUNE_TLM_DIR", root_.path() + "/tlm"},
-                {"SENSORS_LOG_LEVEL", "info"}};
-        const std::string scenario = root_.path() + "/scenario.cfg";
-        write_file(scenario, kScenario);
-        std::string error;
-        sim_ = ::start_sim({ORLUNE_SIM_BIN, "--scenario", scenario}, root_.path(), &env_, &error);
-        ASSERT_TRUE(sim_) << error;
-
+        start_sim(kScenario);
         // The minimal IMU configuration with the four telemetry-fed sensors enabled.
-        std::string config = read_file(std::string(ORLUNE_SOURCE_DIR) + "/examples/config/minimal.cfg");
-        for (const char *section : {"carpet_detection", "vcam_position", "vcam_optical_flow", "fcam_gimbal"})
-            config = std::regex_replace(config, std::regex(std::string(section) + " = \\{ enabled = false; \\};"),
-                                        std::string(section) + " = { enabled = true; };");
-        config_ = root_.path() + "/vision.cfg";
-        write_file(config_, config);
-        env_["LIBVIGIL_CFG_PATH"] = config_;
+        std::vector<std::pair<std::string, std::string>> sections;
+        for (const std::string section : {"carpet_detection", "vcam_position", "vcam_optical_flow", "fcam_gimbal"})
+            sections.emplace_back(section, section + " = { enabled = true; };");
+        configure(sections);
     }
-
-    std::unique_ptr<process> host(std::vector<std::string> args)
-    {
-        std::vector<std::string> argv = {ORLUNE_HOST_BIN, "--plugin", ORLUNE_PLUGIN, "--view", "none", "--log",
-                                         root_.path() + "/host.log"};
-        argv.insert(argv.end(), args.begin(), args.end());
-        return std::make_unique<process>(argv, env_, root_.path() + "/host.out", root_.path() + "/host.err");
-    }
-    std::string host_log() { return read_file(root_.path() + "/host.log"); }
-
-    test_root root_;
-    std::map<std::string, std::string> env_;
-    std::string config_;
-    std::unique_ptr<process> sim_;
 };
 
 // Position of needle in text at or after from; npos when absent.
