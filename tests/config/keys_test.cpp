@@ -72,88 +72,65 @@ INSTANTIATE_TEST_SUITE_P(
                       required_case{"vcam_position", "enabled", "1", kError},
                       required_case{"fstcam_position", "enabled", "1", kError},
                       required_case{"vcam_optical_flow", "enabled", "1", kError}),
-    [](const auto &info) {
-        std::string name = std::string(info.param.section) + "_" + info.param.key;
-        for (char &ch : name)
-            if (ch == '.' || ch == '-')
-                ch = '_';
-        return name;
-    });
+    [](const auto &info) { return case_name(std::string(info.param.section) + "_" + info.param.key); });
 
 TEST_F(ConfigTest, CompleteFileFillsEveryField)
 {
     config_ptr config = load(cfg_text::complete());
     ASSERT_TRUE(config);
     const sensors_config &c = *config;
-    EXPECT_EQ(c.baro.enabled, 1);
     EXPECT_STREQ(c.baro.device, "lps22hb");
     EXPECT_STREQ(c.baro.trigger, "baro-trig");
     EXPECT_EQ(c.baro.sampling_frequency, 75);
-    EXPECT_EQ(c.bldc.enabled, 1);
     EXPECT_STREQ(c.bldc.device, "esc");
     EXPECT_STREQ(c.bldc.trigger, "esc-trig");
     EXPECT_EQ(c.bldc.tlm_frequency, 400);
-    EXPECT_EQ(c.gps.enabled, 1);
-    EXPECT_EQ(c.magneto.enabled, 1);
     EXPECT_STREQ(c.magneto.device, "mag");
     EXPECT_STREQ(c.magneto.trigger, "mag-trig");
     EXPECT_EQ(c.magneto.matrix_from_device_tree, 0);
     EXPECT_THAT(c.magneto.rotation_matrix, ElementsAreArray({0.f, -1.f, 0.f, -1.f, 0.f, 0.f, 0.f, 0.f, -1.f}));
     EXPECT_EQ(c.magneto.sampling_frequency, 50);
     EXPECT_EQ(c.magneto.use_temperature, 1);
-    EXPECT_EQ(c.battery.enabled, 1);
     EXPECT_STREQ(c.battery.device, "/sys/class/power_supply/pack");
     EXPECT_EQ(c.battery.frequency, 2);
-    EXPECT_EQ(c.ultrasound.enabled, 1);
-    EXPECT_EQ(c.carpet_detection.enabled, 1);
-    EXPECT_EQ(c.vcam_position.enabled, 1);
-    EXPECT_EQ(c.fstcam_position.enabled, 1);
-    EXPECT_EQ(c.vcam_optical_flow.enabled, 1);
-    EXPECT_EQ(c.fcam_gimbal.enabled, 1);
     EXPECT_EQ(c.tof.enabled, 0);
     EXPECT_EQ(c.tof_lib.enabled, 0);
     std::vector<log_record> m = messages();
     EXPECT_TRUE(has(m, LOG_DEBUG, "magnetometer.rotation-matrix configuration retrieved from /etc/sensors"));
+    // Every section enabled.
     EXPECT_TRUE(has(m, LOG_INFO,
                     "enabled sensors: baro bldc gps imu magneto battery ultrasound fcam_gimbal vcam_position "
                     "fstcam_position vcam_optical_flow carpet_detection imu_vcam"));
 }
 
+// Optional keys, absent or of another type, take their defaults.
 TEST_F(ConfigTest, OptionalKeysTakeTheirDefaults)
 {
-    cfg_text text = cfg_text::complete()
-                        .erase("bldc", "tlm_frequency")
-                        .erase("battery", "frequency")
-                        .erase("magnetometer", "rotation-matrix")
-                        .erase("magnetometer", "sampling-frequency")
-                        .erase("magnetometer", "use-temperature")
-                        .drop("fcam_gimbal");
-    config_ptr config = load(text);
-    ASSERT_TRUE(config);
-    EXPECT_EQ(config->bldc.tlm_frequency, 200);
-    EXPECT_EQ(config->battery.frequency, 1);
-    EXPECT_EQ(config->magneto.matrix_from_device_tree, 1);
-    EXPECT_EQ(config->magneto.sampling_frequency, 0);
-    EXPECT_EQ(config->magneto.use_temperature, 0);
-    EXPECT_EQ(config->fcam_gimbal.enabled, 0);
-    std::vector<log_record> m = messages();
-    EXPECT_TRUE(has(m, LOG_DEBUG, "magnetometer.rotation-matrix will be retrieved from device-tree"));
-    EXPECT_TRUE(has(m, LOG_INFO, "fcam_gimbal section missing, disabling"));
-}
-
-TEST_F(ConfigTest, MistypedOptionalKeysAlsoTakeTheirDefaults)
-{
-    cfg_text text = cfg_text::complete()
-                        .set("bldc", "tlm_frequency", "400.0")
-                        .set("battery", "frequency", "\"2\"")
-                        .set("magnetometer", "use-temperature", "1")
-                        .set("fcam_gimbal", "enabled", "1");
-    config_ptr config = load(text);
-    ASSERT_TRUE(config);
-    EXPECT_EQ(config->bldc.tlm_frequency, 200);
-    EXPECT_EQ(config->battery.frequency, 1);
-    EXPECT_EQ(config->magneto.use_temperature, 0);
-    EXPECT_EQ(config->fcam_gimbal.enabled, 0);
+    const std::pair<const char *, cfg_text> rows[] = {
+        {"absent", cfg_text::complete()
+                       .erase("bldc", "tlm_frequency")
+                       .erase("battery", "frequency")
+                       .erase("magnetometer", "sampling-frequency")
+                       .erase("magnetometer", "use-temperature")
+                       .drop("fcam_gimbal")},
+        {"mistyped", cfg_text::complete()
+                         .set("bldc", "tlm_frequency", "400.0")
+                         .set("battery", "frequency", "\"2\"")
+                         .set("magnetometer", "sampling-frequency", "50.0")
+                         .set("magnetometer", "use-temperature", "1")
+                         .set("fcam_gimbal", "enabled", "1")},
+    };
+    for (const auto &[name, text] : rows) {
+        SCOPED_TRACE(name);
+        config_ptr config = load(text);
+        ASSERT_TRUE(config);
+        EXPECT_EQ(config->bldc.tlm_frequency, 200);
+        EXPECT_EQ(config->battery.frequency, 1);
+        EXPECT_EQ(config->magneto.sampling_frequency, 0);
+        EXPECT_EQ(config->magneto.use_temperature, 0);
+        EXPECT_EQ(config->fcam_gimbal.enabled, 0);
+        EXPECT_TRUE(has(messages(), LOG_INFO, "fcam_gimbal section missing, disabling"));
+    }
 }
 
 TEST_F(ConfigTest, BarometerRateIsRequiredOnlyForTheLps22hb)
@@ -192,62 +169,63 @@ TEST_F(ConfigTest, FirstFatalErrorStopsTheReading)
         EXPECT_EQ(t.find("imu."), std::string::npos) << t;
 }
 
-TEST_F(ConfigTest, MalformedMagnetometerMatrixIsReportedNotFatal)
+// A malformed matrix keeps what was read before the bad element and is
+// reported; the keys after it are still read.
+TEST_F(ConfigTest, MalformedMatricesAreReportedNotFatal)
 {
-    config_ptr config =
-        load(cfg_text::complete().set("magnetometer", "rotation-matrix", "((0.5, 0.25, 1), [1.0, 1.0, 1.0])"));
+    config_ptr config = load(cfg_text::complete()
+                                 .set("imu", "rotation-matrix", "([1.0, 0.0, 0.0], [0, 1, 0], [0, 0, 1])")
+                                 .set("magnetometer", "rotation-matrix", "((0.5, 0.25, 1), [1.0, 1.0, 1.0])"));
     ASSERT_TRUE(config);
+    EXPECT_EQ(config->imu.enabled, 1);
+    EXPECT_EQ(config->imu.matrix_from_device_tree, 0);
+    EXPECT_THAT(config->imu.rotation_matrix, ElementsAreArray({1.f, 0.f, 0.f, 0.f, 0.f, 0.f, 0.f, 0.f, 0.f}));
+    EXPECT_EQ(config->imu.rotation_after_calib, 1);
     EXPECT_EQ(config->magneto.matrix_from_device_tree, 0);
     EXPECT_THAT(config->magneto.rotation_matrix, ElementsAreArray({0.5f, 0.25f, 0.f, 0.f, 0.f, 0.f, 0.f, 0.f, 0.f}));
-    EXPECT_EQ(config->magneto.sampling_frequency, 50); // read after the matrix
+    EXPECT_EQ(config->magneto.sampling_frequency, 50);
     std::vector<log_record> m = messages();
-    EXPECT_TRUE(has(m, LOG_ERR, "'magnetometer.rotation-matrix' not found or incorrect type"));
-    EXPECT_FALSE(has(m, LOG_DEBUG, "magnetometer.rotation-matrix configuration retrieved from /etc/sensors"));
+    for (const std::string section : {"imu", "magnetometer"}) {
+        EXPECT_TRUE(has(m, LOG_ERR, "'" + section + ".rotation-matrix' not found or incorrect type"));
+        EXPECT_FALSE(has(m, LOG_DEBUG, section + ".rotation-matrix configuration retrieved from /etc/sensors"));
+        EXPECT_FALSE(has(m, LOG_DEBUG, section + ".rotation-matrix will be retrieved from device-tree"));
+    }
 }
+
+class HostFilter : public ConfigTest {};
 
 // Each section's kind bit alone: that section is the only one left enabled,
 // and the line shows its word; the two rangefinder lists follow the tof bit.
-struct filter_case {
-    uint32_t bit;
-    const char *line;
-};
-
-class HostFilter : public ConfigTest, public ::testing::WithParamInterface<filter_case> {};
-
-TEST_P(HostFilter, OnlyTheAcceptedKindStaysEnabled)
+TEST_F(HostFilter, OnlyTheAcceptedKindStaysEnabled)
 {
-    config_ptr config = load(cfg_text::complete(), GetParam().bit);
-    ASSERT_TRUE(config);
-    std::vector<std::string> t = texts();
-    EXPECT_EQ(enabled_line(t), std::string("enabled sensors:") + GetParam().line);
-    // Values stay in the record even when the host refuses the sensor.
-    EXPECT_STREQ(config->bldc.device, "esc");
-    EXPECT_STREQ(config->imu_vcam.device, "vcam-imu");
-    EXPECT_EQ(config->imu.thread_cfg_count, 3);
+    const std::pair<uint32_t, const char *> rows[] = {
+        {0, ""},
+        {SENSORS_KIND_MAGNETO, " magneto"},
+        {SENSORS_KIND_BARO, " baro"},
+        {SENSORS_KIND_IMU, " imu"},
+        {SENSORS_KIND_GPS, " gps"},
+        {SENSORS_KIND_BLDC, " bldc"},
+        {SENSORS_KIND_ULTRASOUND, " ultrasound"},
+        {SENSORS_KIND_BATTERY, " battery"},
+        {SENSORS_KIND_TOF, ""},
+        {SENSORS_KIND_CARPET_DETECTION, " carpet_detection"},
+        {SENSORS_KIND_VCAM_POSITION, " vcam_position"},
+        {SENSORS_KIND_VCAM_OPTICAL_FLOW, " vcam_optical_flow"},
+        {SENSORS_KIND_FCAM_GIMBAL, " fcam_gimbal"},
+        {SENSORS_KIND_FSTCAM_POSITION, " fstcam_position"},
+        {SENSORS_KIND_IMU_VCAM, " imu_vcam"},
+        {SENSORS_KIND_BARO | SENSORS_KIND_IMU_VCAM | SENSORS_KIND_GPS, " baro gps imu_vcam"}};
+    for (const auto &[mask, line] : rows) {
+        SCOPED_TRACE(testing::Message() << "mask 0x" << std::hex << mask);
+        config_ptr config = load(cfg_text::complete(), mask);
+        ASSERT_TRUE(config);
+        EXPECT_EQ(enabled_line(texts()), std::string("enabled sensors:") + line);
+        // Values stay in the record even when the host refuses the sensor.
+        EXPECT_STREQ(config->bldc.device, "esc");
+        EXPECT_STREQ(config->imu_vcam.device, "vcam-imu");
+        EXPECT_EQ(config->imu.thread_cfg_count, 3);
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(Config, HostFilter,
-                         ::testing::Values(filter_case{0, ""}, filter_case{SENSORS_KIND_MAGNETO, " magneto"},
-                                           filter_case{SENSORS_KIND_BARO, " baro"},
-                                           filter_case{SENSORS_KIND_IMU, " imu"},
-                                           filter_case{SENSORS_KIND_GPS, " gps"},
-                                           filter_case{SENSORS_KIND_BLDC, " bldc"},
-                                           filter_case{SENSORS_KIND_ULTRASOUND, " ultrasound"},
-                                           filter_case{SENSORS_KIND_BATTERY, " battery"},
-                                           filter_case{SENSORS_KIND_TOF, ""},
-                                           filter_case{SENSORS_KIND_CARPET_DETECTION, " carpet_detection"},
-                                           filter_case{SENSORS_KIND_VCAM_POSITION, " vcam_position"},
-                                           filter_case{SENSORS_KIND_VCAM_OPTICAL_FLOW, " vcam_optical_flow"},
-                                           filter_case{SENSORS_KIND_FCAM_GIMBAL, " fcam_gimbal"},
-                                           filter_case{SENSORS_KIND_FSTCAM_POSITION, " fstcam_position"},
-                                           filter_case{SENSORS_KIND_IMU_VCAM, " imu_vcam"},
-                                           filter_case{SENSORS_KIND_BARO | SENSORS_KIND_IMU_VCAM | SENSORS_KIND_GPS,
-                                                       " baro gps imu_vcam"}),
-                         [](const auto &info) {
-                             char name[16];
-                             snprintf(name, sizeof name, "Mask0x%04x", unsigned(info.param.bit));
-                             return std::string(name);
-                         });
 
 TEST_F(ConfigTest, RefusedSectionIsStillValidated)
 {

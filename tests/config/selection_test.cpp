@@ -1,13 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 // Which file is read, how parse failures are reported, the debug section
-// switches and the life of the record.
+// switches, the life of the record, and the shipped example files.
 #include <gmock/gmock.h>
 
 #include "config/sensorscfg.h"
 #include "config_fixture.h"
 #include "platform/failpoint.h"
 
-using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
 namespace {
@@ -85,7 +84,8 @@ TEST_F(ConfigTest, MissingOverrideFallsBackToTheNamelessFile)
     EXPECT_TRUE(has(messages(), LOG_INFO, "load config from '" + root_.at("/etc/sensors/.cfg") + "'"));
 }
 
-TEST_F(ConfigTest, NoFileAnywhereIsAParseFailure)
+// No file anywhere, or one that does not parse: the path, the line and the parser's text.
+TEST_F(ConfigTest, ParseFailuresNamePathLineAndParserText)
 {
     root_.properties("ro.hardware=board\nro.revision=4\n");
     EXPECT_FALSE(load_selected());
@@ -94,61 +94,49 @@ TEST_F(ConfigTest, NoFileAnywhereIsAParseFailure)
     EXPECT_EQ(m.back().priority, LOG_ERR);
     EXPECT_EQ(m.back().text,
               "can't read configuration: " + root_.at("/etc/sensors/board.cfg") + ":0 file I/O error");
-}
 
-TEST_F(ConfigTest, SyntaxErrorNamesPathLineAndParserText)
-{
     EXPECT_FALSE(load("gps = { enabled = true; };\nbldc = { enabled = ; };\n"));
-    std::vector<log_record> m = messages();
-    ASSERT_FALSE(m.empty());
-    EXPECT_EQ(m.back().priority, LOG_ERR);
-    EXPECT_EQ(m.back().text, "can't read configuration: " + override_path() + ":2 syntax error");
-}
+    EXPECT_EQ(texts().back(), "can't read configuration: " + override_path() + ":2 syntax error");
 
-TEST_F(ConfigTest, MixedArrayIsASyntaxError)
-{
+    // A matrix row that mixes floats and integers never reaches the matrix reader.
     EXPECT_FALSE(load(cfg_text::complete().set("imu", "rotation-matrix", "([1.0, 0], [0.0, 1.0, 0.0], [0.0, 0.0, 1.0])")));
     EXPECT_THAT(texts().back(), HasSubstr("can't read configuration: " + override_path() + ":"));
 }
 
-struct debug_case {
-    const char *property; // whole properties file
-    const char *baro;
-    const char *magneto;
-};
-
-class DebugSections : public ConfigTest, public ::testing::WithParamInterface<debug_case> {};
+class DebugSections : public ConfigTest {};
 
 // Every candidate section is in the file with its own device name; only the
 // selected one is read.
-TEST_P(DebugSections, PropertySelectsTheSectionRead)
+TEST_F(DebugSections, PropertySelectsTheSectionRead)
 {
-    const debug_case &c = GetParam();
-    root_.properties(c.property);
     cfg_text text = cfg_text::complete();
-    for (const char *s : {"barometer", "alt_baro", "tds_baro"})
+    for (const char *s : {"barometer", "alt_baro", "tds_baro", "magnetometer", "alt_magneto", "tds_magneto"})
         text.section(s, {{"enabled", "true"}, {"device", std::string("\"") + s + "\""}, {"trigger", "\"t\""}});
-    for (const char *s : {"magnetometer", "alt_magneto", "tds_magneto"})
-        text.section(s, {{"enabled", "true"}, {"device", std::string("\"") + s + "\""}, {"trigger", "\"t\""}});
-    config_ptr config = load(text);
-    ASSERT_TRUE(config);
-    EXPECT_STREQ(config->baro.device, c.baro);
-    EXPECT_STREQ(config->magneto.device, c.magneto);
-    EXPECT_TRUE(has(messages(), LOG_DEBUG,
-                    std::string(c.magneto) + ".rotation-matrix will be retrieved from device-tree"));
+    const struct {
+        const char *properties;
+        const char *baro;
+        const char *magneto;
+    } rows[] = {
+        {"", "barometer", "magnetometer"},
+        {"persist.dbg.flight_baro=0\npersist.dbg.flight_magneto=0\n", "barometer", "magnetometer"},
+        {"persist.dbg.flight_baro=1\n", "alt_baro", "magnetometer"},
+        {"persist.dbg.flight_baro=2\npersist.dbg.flight_magneto=1\n", "tds_baro", "alt_magneto"},
+        {"persist.dbg.flight_baro=21\npersist.dbg.flight_magneto=2\n", "tds_baro", "tds_magneto"},
+        {"persist.dbg.flight_baro=3\npersist.dbg.flight_magneto=x\n", "barometer", "magnetometer"},
+    };
+    for (const auto &r : rows) {
+        SCOPED_TRACE(r.properties);
+        root_.properties(r.properties);
+        config_ptr config = load(text);
+        ASSERT_TRUE(config);
+        EXPECT_STREQ(config->baro.device, r.baro);
+        EXPECT_STREQ(config->magneto.device, r.magneto);
+        // None of them has a matrix.
+        EXPECT_EQ(config->magneto.matrix_from_device_tree, 1);
+        EXPECT_TRUE(has(messages(), LOG_DEBUG,
+                        std::string(r.magneto) + ".rotation-matrix will be retrieved from device-tree"));
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Config, DebugSections,
-    ::testing::Values(debug_case{"", "barometer", "magnetometer"},
-                      debug_case{"persist.dbg.flight_baro=0\npersist.dbg.flight_magneto=0\n", "barometer", "magnetometer"},
-                      debug_case{"persist.dbg.flight_baro=1\n", "alt_baro", "magnetometer"},
-                      debug_case{"persist.dbg.flight_baro=2\npersist.dbg.flight_magneto=1\n", "tds_baro", "alt_magneto"},
-                      debug_case{"persist.dbg.flight_baro=21\npersist.dbg.flight_magneto=2\n", "tds_baro", "tds_magneto"},
-                      debug_case{"persist.dbg.flight_baro=3\npersist.dbg.flight_magneto=x\n", "barometer", "magnetometer"}),
-    [](const auto &info) {
-        return case_name(std::string(info.param.baro) + "_" + info.param.magneto + "_" + std::to_string(info.index));
-    });
 
 TEST_F(ConfigTest, AlternativeSectionKeysAreNamedInErrors)
 {
@@ -201,6 +189,52 @@ TEST_F(ConfigTest, AllocationFailuresGiveNoRecord)
     EXPECT_EQ(config->imu_vcam.thread_cfg, nullptr);
     EXPECT_EQ(config->imu.enabled, 1);
     failpoint_disarm_all();
+}
+
+std::string source(const std::string &relative)
+{
+    const char *top = getenv("ORLUNE_TEST_DATA");
+    if (!top)
+        throw std::runtime_error("ORLUNE_TEST_DATA is not set");
+    std::string text = read_file(std::string(top) + "/" + relative);
+    if (text.empty())
+        throw std::runtime_error("cannot read " + relative);
+    return text;
+}
+
+TEST_F(ConfigTest, VirtualVehicleFileIsFoundByItsHardwareName)
+{
+    root_.properties("ro.hardware=orlune_sim\nro.revision=1\n");
+    root_.write("/etc/sensors/orlune_sim.cfg", source("examples/config/orlune_sim.cfg"));
+    config_ptr config = load_selected();
+    ASSERT_TRUE(config);
+    std::vector<std::string> t = texts();
+    EXPECT_EQ(enabled_line(t), "enabled sensors: baro bldc gps imu magneto battery ultrasound fcam_gimbal "
+                               "vcam_position vcam_optical_flow carpet_detection");
+    EXPECT_EQ(t.back(), "enabled sensors: tof vertical");
+    EXPECT_STREQ(config->imu.device, "orlune-imu");
+    EXPECT_STREQ(config->battery.device, "/sys/class/power_supply/smartbattery");
+}
+
+TEST_F(ConfigTest, MinimalFileEnablesTheImuAlone)
+{
+    ASSERT_TRUE(load(source("examples/config/minimal.cfg")));
+    EXPECT_EQ(texts().back(), "enabled sensors: imu");
+}
+
+// The reference's complete example, copied from the page as a user would.
+TEST_F(ConfigTest, ReferenceExampleLoads)
+{
+    std::string page = source("docs/configuration.md");
+    const std::string open = "```cfg\n";
+    size_t begin = page.find(open);
+    ASSERT_NE(begin, std::string::npos);
+    begin += open.size();
+    size_t end = page.find("```", begin);
+    ASSERT_NE(end, std::string::npos);
+    config_ptr config = load(page.substr(begin, end - begin));
+    ASSERT_TRUE(config);
+    EXPECT_EQ(enabled_line(texts()), "enabled sensors: baro bldc gps imu magneto battery");
 }
 
 } // namespace

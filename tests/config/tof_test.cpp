@@ -51,12 +51,10 @@ TEST_F(ConfigTest, TofElementsAreRead)
                                                       kTofLibElement + ");\n"));
     ASSERT_TRUE(config);
     const sensors_tof_config &tof = config->tof;
-    EXPECT_EQ(tof.enabled, 1);
     EXPECT_STREQ(tof.device, "tof-dev");
     EXPECT_STREQ(tof.trigger, "tof-trig");
     EXPECT_STREQ(tof.calib, "/factory/tof.bin");
     EXPECT_EQ(tof.sampling_frequency, 30);
-    EXPECT_STREQ(tof.type, "vertical");
     EXPECT_EQ(tof.type_index, 0);
     EXPECT_FLOAT_EQ(tof.min_distance, 0.05f);
     EXPECT_FLOAT_EQ(tof.max_distance, 4.0f);
@@ -77,6 +75,7 @@ TEST_F(ConfigTest, TofElementsAreRead)
     EXPECT_FLOAT_EQ(lib.min_amplitude, 1.5f);
     EXPECT_EQ(lib.type_index, 0);
 
+    // The rangefinder's own line: enabled, and its type.
     std::vector<log_record> m = messages();
     ASSERT_GE(m.size(), 2u);
     EXPECT_EQ(m.back().priority, LOG_INFO);
@@ -98,7 +97,6 @@ struct list_case {
     std::string raw;
     bool ok;
     std::vector<std::string> tail; // last messages of the reader, in order
-    int tof_enabled;
 };
 
 class TofList : public ConfigTest, public ::testing::WithParamInterface<list_case> {};
@@ -112,7 +110,7 @@ TEST_P(TofList, ListRules)
     ASSERT_GE(t.size(), c.tail.size());
     EXPECT_EQ(std::vector<std::string>(t.end() - long(c.tail.size()), t.end()), c.tail);
     if (config) {
-        EXPECT_EQ(config->tof.enabled, c.tof_enabled);
+        EXPECT_EQ(config->tof.enabled, 0);
         EXPECT_EQ(config->tof_lib.enabled, 0);
     }
 }
@@ -123,73 +121,60 @@ const std::string kLine = "enabled sensors: baro bldc gps imu magneto battery ul
 INSTANTIATE_TEST_SUITE_P(
     Config, TofList,
     ::testing::Values(
-        list_case{"EmptyList", "tofs = ();\ntofs_lib = ();\n", true, {kLine}, 0},
-        list_case{"OnlyDisabled", "tofs = ({ enabled = false; });\n", true, {kLine}, 0},
+        list_case{"EmptyList", "tofs = ();\ntofs_lib = ();\n", true, {kLine}},
+        list_case{"OnlyDisabled", "tofs = ({ enabled = false; });\n", true, {kLine}},
         list_case{"NoEnabledFlag", "tofs = ({ device = \"d\"; });\n", true,
-                  {"tof section missing, disabling", kLine}, 0},
+                  {"tof section missing, disabling", kLine}},
         list_case{"LibNoEnabledFlag", "tofs_lib = ({ enabled = 1; });\n", true,
-                  {"tof section missing, disabling", kLine}, 0},
-        list_case{"NotAList", "tofs = { enabled = false; };\n", false, {"tofs should be a list"}, 0},
-        list_case{"ArrayIsNotAList", "tofs = [1, 2];\n", false, {"tofs should be a list"}, 0},
-        list_case{"LibNotAList", "tofs_lib = \"vertical\";\n", false, {"tofs should be a list"}, 0},
+                  {"tof section missing, disabling", kLine}},
+        list_case{"NotAList", "tofs = { enabled = false; };\n", false, {"tofs should be a list"}},
+        list_case{"ArrayIsNotAList", "tofs = [1, 2];\n", false, {"tofs should be a list"}},
+        list_case{"LibNotAList", "tofs_lib = \"vertical\";\n", false, {"tofs should be a list"}},
         list_case{"TwoElements", "tofs = (" + kTofElement + ", { enabled = false; });\n", false,
-                  {"tof count exceeds SENSORS_TOF_MAX (2 != 1)"}, 0},
+                  {"tof count exceeds SENSORS_TOF_MAX (2 != 1)"}},
         list_case{"LibThreeElements", "tofs_lib = ({}, {}, {});\n", false,
-                  {"tof count exceeds SENSORS_TOF_MAX (3 != 1)"}, 0},
-        list_case{"UnknownType", "tofs = (" + with_key(kTofElement, "type", "\"horizontal\"") + ");\n", false,
-                  {"unknown tof type: horizontal", "'tof.type' not found or incorrect type"}, 0},
+                  {"tof count exceeds SENSORS_TOF_MAX (3 != 1)"}},
         list_case{"TypeIsCaseSensitive", "tofs = (" + with_key(kTofElement, "type", "\"Vertical\"") + ");\n", false,
-                  {"unknown tof type: Vertical", "'tof.type' not found or incorrect type"}, 0},
+                  {"unknown tof type: Vertical", "'tof.type' not found or incorrect type"}},
         // The type is checked before the range keys of tofs.
         list_case{"TypeBeforeRange",
                   "tofs = (" + with_key(with_key(kTofElement, "type", "\"side\""), "min_distance", nullptr) + ");\n",
-                  false, {"unknown tof type: side", "'tof.type' not found or incorrect type"}, 0},
+                  false, {"unknown tof type: side", "'tof.type' not found or incorrect type"}},
         // ... and after them in tofs_lib.
         list_case{"LibTypeAfterRange",
                   "tofs_lib = (" + with_key(with_key(kTofLibElement, "type", "\"side\""), "min_amplitude", nullptr) +
                       ");\n",
-                  false, {"'tof.min_amplitude' not found or incorrect type"}, 0},
+                  false, {"'tof.min_amplitude' not found or incorrect type"}},
         list_case{"LibUnknownType", "tofs_lib = (" + with_key(kTofLibElement, "type", "\"side\"") + ");\n", false,
-                  {"unknown tof type: side", "'tof.type' not found or incorrect type"}, 0}),
+                  {"unknown tof type: side", "'tof.type' not found or incorrect type"}}),
     [](const auto &info) { return std::string(info.param.name); });
 
-struct element_case {
-    bool lib;
-    const char *key;
-    const char *wrong;
-};
+class TofElementKey : public ConfigTest {};
 
-class TofElementKey : public ConfigTest, public ::testing::WithParamInterface<element_case> {};
-
-TEST_P(TofElementKey, RequiredKeysAreNamedWithTheTofPrefix)
+// Each required key of either list, missing or of another type.
+TEST_F(TofElementKey, RequiredKeysAreNamedWithTheTofPrefix)
 {
-    const element_case &c = GetParam();
-    const std::string &element = c.lib ? kTofLibElement : kTofElement;
-    const std::string list = c.lib ? "tofs_lib" : "tofs";
-    const std::string expected = std::string("'tof.") + c.key + "' not found or incorrect type";
-
-    EXPECT_FALSE(load(cfg_text::complete().raw(list + " = (" + with_key(element, c.key, nullptr) + ");\n")));
-    EXPECT_EQ(texts().back(), expected);
-    EXPECT_FALSE(load(cfg_text::complete().raw(list + " = (" + with_key(element, c.key, c.wrong) + ");\n")));
-    EXPECT_EQ(texts().back(), expected);
+    const struct {
+        bool lib;
+        const char *key;
+        const char *wrong;
+    } rows[] = {{false, "device", "1"},        {false, "trigger", "true"},        {false, "calib", "2.0"},
+                {false, "type", "0"},          {false, "min_distance", "1"},      {false, "max_distance", "\"4.0\""},
+                {false, "min_amplitude", "12"},
+                {true, "device", "1"},         {true, "calib", "false"},          {true, "type", "1"},
+                {true, "i2c_addr", "41.0"},    {true, "hw_type", "1"},            {true, "gpio", "1"},
+                {true, "flags", "\"3\""},      {true, "min_distance", "0"},       {true, "max_distance", "2"},
+                {true, "min_amplitude", "true"}};
+    for (const auto &r : rows) {
+        const std::string list = r.lib ? "tofs_lib" : "tofs";
+        SCOPED_TRACE(list + " " + r.key);
+        const std::string &element = r.lib ? kTofLibElement : kTofElement;
+        for (const char *value : {static_cast<const char *>(nullptr), r.wrong}) {
+            EXPECT_FALSE(load(cfg_text::complete().raw(list + " = (" + with_key(element, r.key, value) + ");\n")));
+            EXPECT_EQ(texts().back(), std::string("'tof.") + r.key + "' not found or incorrect type");
+        }
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(Config, TofElementKey,
-                         ::testing::Values(element_case{false, "device", "1"}, element_case{false, "trigger", "true"},
-                                           element_case{false, "calib", "2.0"}, element_case{false, "type", "0"},
-                                           element_case{false, "min_distance", "1"},
-                                           element_case{false, "max_distance", "\"4.0\""},
-                                           element_case{false, "min_amplitude", "12"},
-                                           element_case{true, "device", "1"}, element_case{true, "calib", "false"},
-                                           element_case{true, "type", "1"}, element_case{true, "i2c_addr", "41.0"},
-                                           element_case{true, "hw_type", "1"}, element_case{true, "gpio", "1"},
-                                           element_case{true, "flags", "\"3\""},
-                                           element_case{true, "min_distance", "0"},
-                                           element_case{true, "max_distance", "2"},
-                                           element_case{true, "min_amplitude", "true"}),
-                         [](const auto &info) {
-                             return case_name(std::string(info.param.lib ? "tofs_lib_" : "tofs_") + info.param.key);
-                         });
 
 TEST_F(ConfigTest, TofOutsideTheHostMaskIsValidatedThenDisabled)
 {
