@@ -6,5 +6,5 @@ if(TARGET orlune_sim)
     LIBS orlune_platform orlune_sim)
   # A value the controller refuses fails the write on the network; a
   # stand-in's attribute file takes any write.
-  orlune_add_board_tests(motor_client_test "-MotorClientTest.CommandsAndInformation")
+  orlune_add_board_tests(motor_client_test "-MotorClientTest.CommandsReachTheControllersAttributes")
 endif()

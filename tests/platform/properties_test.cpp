@@ -10,6 +10,8 @@
 
 namespace {
 
+using namespace std::string_literals;
+
 std::string get(const char *key, const char *def = "dflt")
 {
     char value[PROPERTY_VALUE_MAX];
@@ -19,21 +21,14 @@ std::string get(const char *key, const char *def = "dflt")
     return value;
 }
 
-TEST(Properties, MissingFileOrKeyGivesTheDefault)
-{
-    test_root root;
-    EXPECT_EQ(get("ro.hardware"), "dflt");
-    EXPECT_EQ(get("ro.hardware", nullptr), "");
-    root.properties("ro.hardware=board\n");
-    EXPECT_EQ(get("ro.revision", "0"), "0");
-    EXPECT_EQ(get("", "x"), "x");
-}
-
 TEST(Properties, FileRulesForKeysValuesAndComments)
 {
     test_root root;
     root.properties("# board identity\n"
                     "  ro.hardware = board\n"
+                    // Found by fuzzing: a NUL byte inside a value made the
+                    // returned length disagree with the string the caller sees.
+                    "nul=orl\0une_sim\n"
                     "ro.hardware2=other\n"
                     "ro.revision=4\r\n"
                     "persist.dbg.flight_baro=1\n"
@@ -41,14 +36,17 @@ TEST(Properties, FileRulesForKeysValuesAndComments)
                     "empty=\n"
                     "kv=a=b\n"
                     "no equals sign here\n"
-                    "#ro.revision=9\n");
+                    "#ro.revision=9\n"s);
     EXPECT_EQ(get("ro.hardware"), " board"); // the value is the rest of the line
     EXPECT_EQ(get("ro.hardware2"), "other");
     EXPECT_EQ(get("ro.revision"), "4");
     EXPECT_EQ(get("persist.dbg.flight_baro"), "2"); // the last one wins
     EXPECT_EQ(get("empty"), "");
     EXPECT_EQ(get("kv"), "a=b");
+    EXPECT_EQ(get("nul"), "orl"); // get() also checks the returned length
     EXPECT_EQ(get("ro"), "dflt");
+    EXPECT_EQ(get("ro", nullptr), "");
+    EXPECT_EQ(get("", "x"), "x");
 }
 
 TEST(Properties, OverlongValueIsCutToTheBuffer)
@@ -66,19 +64,10 @@ TEST(Properties, OverlongValueIsCutToTheBuffer)
     EXPECT_EQ(get("last"), "ok");
 }
 
-// Found by fuzzing: a NUL byte inside a value made the returned length
-// disagree with the string the caller sees.
-TEST(Properties, NulByteEndsTheValue)
-{
-    test_root root;
-    root.properties(std::string("ro.hardware=orl\0une_sim\nro.revision=1\n", 38));
-    EXPECT_EQ(get("ro.hardware"), "orl"); // get() also checks the returned length
-    EXPECT_EQ(get("ro.revision"), "1");
-}
-
 TEST(Properties, EnvironmentNamesTheFile)
 {
     test_root root;
+    EXPECT_EQ(get("ro.hardware"), "dflt"); // no file at all
     root.properties("ro.hardware=fromroot\n");
     write_file(root.path() + "/elsewhere.prop", "ro.hardware=fromenv\n");
     setenv(kPropertiesEnv, (root.path() + "/elsewhere.prop").c_str(), 1);

@@ -65,23 +65,22 @@ TEST(SchedConfig, LoadReportsTheFirstBadLine)
     log_capture cap;
     EXPECT_EQ(sched_config_load(bad.c_str()), nullptr);
     EXPECT_EQ(sched_config_load((root.path() + "/missing").c_str()), nullptr);
-    auto texts = cap.texts("sched_config");
-    ASSERT_EQ(texts.size(), 2u);
-    EXPECT_EQ(texts[0], bad + ":2: invalid scheduling configuration line");
-    EXPECT_EQ(texts[1], "can't open scheduling configuration '" + root.path() + "/missing': No such file or directory");
+    EXPECT_EQ(cap.texts("sched_config"),
+              (std::vector<std::string>{bad + ":2: invalid scheduling configuration line",
+                                        "can't open scheduling configuration '" + root.path() +
+                                            "/missing': No such file or directory"}));
 }
 
 TEST(SchedConfig, ApplyTunesTheNamedThreads)
 {
     sched_config *config = sched_config_new();
     ASSERT_NE(config, nullptr);
-    sched_entry e{};
-    ASSERT_EQ(sched_config_parse_line("calling batch 0 0 self", &e), 0);
-    ASSERT_EQ(sched_config_add(config, e), 0);
-    ASSERT_EQ(sched_config_parse_line("worker idle 0 - orlune-w*", &e), 0);
-    ASSERT_EQ(sched_config_add(config, e), 0);
-    ASSERT_EQ(sched_config_parse_line("nobody other 0 - no-such-thread-*", &e), 0);
-    ASSERT_EQ(sched_config_add(config, e), 0);
+    for (const char *line :
+         {"calling batch 0 0 self", "worker idle 0 - orlune-w*", "nobody other 0 - no-such-thread-*"}) {
+        sched_entry e{};
+        ASSERT_EQ(sched_config_parse_line(line, &e), 0) << line;
+        ASSERT_EQ(sched_config_add(config, e), 0);
+    }
 
     std::atomic<bool> stop{false};
     std::atomic<int> policy{-1};

@@ -4,6 +4,7 @@
 
 #include <sensors/sensor_tlm.h>
 
+#include <bit>
 #include <cerrno>
 #include <cstring>
 #include <vector>
@@ -51,20 +52,16 @@ constexpr tlm_field_desc kWantedFields[] = {
 };
 constexpr tlm_struct_desc kWanted{0, 6, kWantedFields};
 
-timespec at_seconds(int64_t s, long ns = 0)
-{
-    timespec t{};
-    t.tv_sec = s;
-    t.tv_nsec = ns;
-    return t;
-}
+// A record of one float, for the tests of producers and of section files.
+constexpr tlm_field_desc kValueField[] = {{0, "value", TLM_TYPE_FLOAT, 0, 4, 1, {}}};
+constexpr tlm_struct_desc kValue{0, 1, kValueField};
 
 // A child that publishes one position per step it is given ('q' ends it,
 // 'x' ends it without destroying its producer, as a crash would).
-int position_producer(const child_process::link &link, const char *section, uint32_t count)
+int position_producer(const child_process::link &link, uint32_t count)
 {
     published_position rec{};
-    shm_producer *p = producer_create(section, count, 10000);
+    shm_producer *p = producer_create("vcam_position", count, 10000);
     if (!p || producer_register_struct(p, &rec, nullptr, &kPublished) < 0 || producer_complete(p) < 0)
         return 1;
     link.signal();
@@ -74,13 +71,8 @@ int position_producer(const child_process::link &link, const char *section, uint
             return 0;
         if (c != '.')
             break;
-        rec.x = float(i);
-        rec.y = float(i) / 2;
-        rec.z = -float(i);
-        rec.discriminable_ft_ratio = 0.25f;
-        rec.status = 40 + i;
-        rec.last_ref_image_ts = 1000000000000LL + i;
-        timespec ts = at_seconds(100 + i, 5);
+        rec = {1000000000000LL + i, float(i), float(i) / 2, -float(i), 0.25f, 40 + i, {}};
+        timespec ts{100 + i, 5};
         if (producer_put_sample(p, &ts) < 0)
             return 2;
         link.signal();
@@ -89,25 +81,43 @@ int position_producer(const child_process::link &link, const char *section, uint
     return 0;
 }
 
-shm_consumer *position_consumer(wanted_position *dest, const char *section = "vcam_position")
+shm_consumer *struct_consumer(void *dest, const char *section, const tlm_struct_desc *desc)
 {
     shm_consumer *c = consumer_create();
     EXPECT_NE(c, nullptr);
-    EXPECT_EQ(consumer_register_struct(c, dest, section, &kWanted), 0);
+    EXPECT_EQ(consumer_register_struct(c, dest, section, desc), 0);
     EXPECT_EQ(consumer_complete(c), 0);
     return c;
+}
+
+// Tells the child to end properly and expects it to have.
+void finish(child_process &child)
+{
+    child.step('q');
+    EXPECT_EQ(child.join(), 0);
+}
+
+// Lets the child publish its next sample; false when it ended instead.
+bool publish(child_process &child)
+{
+    child.step();
+    return child.wait_step();
+}
+
+int read_latest(shm_consumer *c)
+{
+    return consumer_get_sample_at(c, nullptr, 0, nullptr);
 }
 
 TEST(ShmTelemetry, AnotherProcessReadsTheSampleFieldByField)
 {
     tlm_root root;
-    child_process child([](const auto &link) { return position_producer(link, "vcam_position", 16); });
+    child_process child([](const auto &link) { return position_producer(link, 16); });
     ASSERT_TRUE(child.wait_step());
-    child.step();
-    ASSERT_TRUE(child.wait_step());
+    ASSERT_TRUE(publish(child));
 
     wanted_position dest{};
-    shm_consumer *c = position_consumer(&dest);
+    shm_consumer *c = struct_consumer(&dest, "vcam_position", &kWanted);
     timespec ts{};
     ASSERT_EQ(consumer_get_sample_at(c, nullptr, 0, &ts), 0);
     EXPECT_EQ(dest.x, 1.0f);
@@ -119,100 +129,61 @@ TEST(ShmTelemetry, AnotherProcessReadsTheSampleFieldByField)
     EXPECT_EQ(ts.tv_sec, 101);
     EXPECT_EQ(ts.tv_nsec, 5);
 
-    // The same sample is copied again by every read, over whatever the owner did to it.
-    dest.x = 99.0f;
-    ASSERT_EQ(consumer_get_sample_at(c, nullptr, 0, &ts), 0);
-    EXPECT_EQ(dest.x, 1.0f);
-
-    child.step();
-    ASSERT_TRUE(child.wait_step());
-    ASSERT_EQ(consumer_get_sample_at(c, nullptr, 0, nullptr), 0);
+    ASSERT_TRUE(publish(child));
+    ASSERT_EQ(read_latest(c), 0);
     EXPECT_EQ(dest.status, 42);
 
-    child.step('q');
-    EXPECT_EQ(child.join(), 0);
+    finish(child);
     consumer_destroy(c);
 }
 
-TEST(ShmTelemetry, ConsumerCompletedBeforeItsProducerAttachesWhenTheSectionAppears)
+// One consumer, completed before any producer exists, through the life of
+// its section: the section appears, its producer dies without a word, the
+// file is moved away and put back, a new producer replaces it, and that one
+// ends properly.
+TEST(ShmTelemetry, ConsumerFollowsItsSectionFromBeforeItsProducerToAfterARestart)
 {
     tlm_root root;
     wanted_position dest{};
     dest.status = -7;
-    shm_consumer *c = position_consumer(&dest);
-    EXPECT_EQ(consumer_get_sample_at(c, nullptr, 0, nullptr), -ENOENT);
-
-    child_process child([](const auto &link) { return position_producer(link, "vcam_position", 4); });
-    ASSERT_TRUE(child.wait_step());
-    // The section exists but holds nothing yet: try again, destination untouched.
-    EXPECT_EQ(consumer_get_sample_at(c, nullptr, 0, nullptr), -EAGAIN);
-    EXPECT_EQ(dest.status, -7);
-
-    child.step();
-    ASSERT_TRUE(child.wait_step());
-    EXPECT_EQ(consumer_get_sample_at(c, nullptr, 0, nullptr), 0);
-    EXPECT_EQ(dest.status, 41);
-
-    // A producer that ends removes its section; reads fail until one comes back.
-    child.step('q');
-    EXPECT_EQ(child.join(), 0);
-    EXPECT_EQ(consumer_get_sample_at(c, nullptr, 0, nullptr), -ENOENT);
-    consumer_destroy(c);
-}
-
-TEST(ShmTelemetry, ConsumerFollowsAProducerThatRestarted)
-{
-    tlm_root root;
-    wanted_position dest{};
-    shm_consumer *c = position_consumer(&dest);
+    shm_consumer *c = struct_consumer(&dest, "vcam_position", &kWanted);
+    EXPECT_EQ(read_latest(c), -ENOENT);
     {
-        child_process first([](const auto &link) { return position_producer(link, "vcam_position", 8); });
+        child_process first([](const auto &link) { return position_producer(link, 8); });
         ASSERT_TRUE(first.wait_step());
-        for (int i = 0; i < 3; i++) {
-            first.step();
-            ASSERT_TRUE(first.wait_step());
-        }
-        ASSERT_EQ(consumer_get_sample_at(c, nullptr, 0, nullptr), 0);
+        // The section exists but holds nothing yet: try again, destination untouched.
+        EXPECT_EQ(read_latest(c), -EAGAIN);
+        EXPECT_EQ(dest.status, -7);
+        for (int i = 0; i < 3; i++)
+            ASSERT_TRUE(publish(first));
+        ASSERT_EQ(read_latest(c), 0);
         EXPECT_EQ(dest.status, 43);
-        first.step('x'); // ends without destroying its producer: the file stays
+        first.step('x'); // ends without destroying its producer: the file stays, not marked closed
         EXPECT_EQ(first.join(), 0);
     }
-    // Still readable: nothing said the producer has gone.
-    ASSERT_EQ(consumer_get_sample_at(c, nullptr, 0, nullptr), 0);
+    // Still readable, copied again over what the owner wrote: nothing said the producer has gone.
+    dest.status = 0;
+    ASSERT_EQ(read_latest(c), 0);
     EXPECT_EQ(dest.status, 43);
-
-    child_process second([](const auto &link) { return position_producer(link, "vcam_position", 8); });
-    ASSERT_TRUE(second.wait_step());
-    EXPECT_EQ(consumer_get_sample_at(c, nullptr, 0, nullptr), -EAGAIN);
-    second.step();
-    ASSERT_TRUE(second.wait_step());
-    ASSERT_EQ(consumer_get_sample_at(c, nullptr, 0, nullptr), 0);
-    EXPECT_EQ(dest.status, 41);
-    second.step('q');
-    EXPECT_EQ(second.join(), 0);
-    consumer_destroy(c);
-}
-
-TEST(ShmTelemetry, AFileRemovedOrPutBackBehindTheConsumerIsNoticed)
-{
-    tlm_root root;
-    wanted_position dest{};
-    shm_consumer *c = position_consumer(&dest);
-    child_process child([](const auto &link) { return position_producer(link, "vcam_position", 8); });
-    ASSERT_TRUE(child.wait_step());
-    child.step();
-    ASSERT_TRUE(child.wait_step());
-    child.step('x'); // gone without a word: the file is not marked closed
-    EXPECT_EQ(child.join(), 0);
-    ASSERT_EQ(consumer_get_sample_at(c, nullptr, 0, nullptr), 0);
 
     std::string aside = root.dir() + "/aside";
     ASSERT_EQ(rename(root.file("vcam_position").c_str(), aside.c_str()), 0);
-    EXPECT_TRUE(eventually([&] { return consumer_get_sample_at(c, nullptr, 0, nullptr) == -ENOENT; }));
+    EXPECT_TRUE(eventually([&] { return read_latest(c) == -ENOENT; }));
     ASSERT_EQ(rename(aside.c_str(), root.file("vcam_position").c_str()), 0);
     dest.status = 0;
-    EXPECT_EQ(consumer_get_sample_at(c, nullptr, 0, nullptr), 0);
+    EXPECT_EQ(read_latest(c), 0);
+    EXPECT_EQ(dest.status, 43);
+
+    child_process second([](const auto &link) { return position_producer(link, 8); });
+    ASSERT_TRUE(second.wait_step());
+    EXPECT_EQ(read_latest(c), -EAGAIN);
+    ASSERT_TRUE(publish(second));
+    ASSERT_EQ(read_latest(c), 0);
     EXPECT_EQ(dest.status, 41);
+
+    // A producer that ends removes its section; reads fail until one comes back.
+    finish(second);
+    EXPECT_EQ(read_latest(c), -ENOENT);
     consumer_destroy(c);
 }
 
@@ -228,46 +199,12 @@ constexpr tlm_field_desc kGimbalFields[] = {
 };
 constexpr tlm_struct_desc kGimbal{0, 3, kGimbalFields};
 
-int gimbal_producer(const child_process::link &link, uint32_t ring, int samples)
-{
-    gimbal_state s{};
-    shm_producer *p = producer_create("gimbal_stab", ring, 1000);
-    if (!p || producer_register_struct(p, &s, "est.state", &kGimbal) < 0 || producer_complete(p) < 0)
-        return 1;
-    for (int i = 0; i < samples; i++) {
-        s.ef_rate[0] = float(i);
-        s.ef_rate[1] = float(i) + 0.5f;
-        s.ef_rate[2] = float(i) + 0.25f;
-        s.w = float(i) * 10;
-        s.x = float(i) * 100;
-        timespec ts = at_seconds(i, 0);
-        producer_put_sample(p, &ts);
-    }
-    link.signal();
-    link.wait();
-    producer_destroy(p);
-    return 0;
-}
-
 struct gimbal_arrays {
     float ef_rate[5][3];
     float w[5];
     float x[5];
     timespec times[5];
 };
-
-shm_consumer *gimbal_consumer(gimbal_arrays *g)
-{
-    const tlm_array_entry entries[] = {
-        {g->ef_rate, "gimbal_stab.est.state.ef_rate", TLM_TYPE_FLOAT, 0, 4, 3, 5, g->times},
-        {g->w, "gimbal_stab.est.state.ef_q.w", TLM_TYPE_FLOAT, 0, 4, 1, 5, nullptr},
-        {g->x, "gimbal_stab.est.state.ef_q.x", TLM_TYPE_FLOAT, 0, 4, 1, 5, nullptr},
-    };
-    shm_consumer *c = consumer_create();
-    EXPECT_EQ(consumer_register_array(c, entries, 3), 0);
-    EXPECT_EQ(consumer_complete(c), 0);
-    return c;
-}
 
 TEST(ShmTelemetry, HistoryGivesTheLatestFirstAndAsManyEarlierSamplesAsTheRingHolds)
 {
@@ -288,11 +225,25 @@ TEST(ShmTelemetry, HistoryGivesTheLatestFirstAndAsManyEarlierSamplesAsTheRingHol
     for (const row &r : rows) {
         SCOPED_TRACE(testing::Message() << "ring " << r.ring << " written " << r.written << " before " << r.before);
         tlm_root root;
-        child_process child([&](const auto &link) { return gimbal_producer(link, r.ring, r.written); });
-        ASSERT_TRUE(child.wait_step());
+        gimbal_state s{};
+        shm_producer *p = producer_create("gimbal_stab", r.ring, 1000);
+        ASSERT_EQ(producer_register_struct(p, &s, "est.state", &kGimbal), 0);
+        ASSERT_EQ(producer_complete(p), 0);
+        for (int i = 0; i < r.written; i++) {
+            s = {{float(i), float(i) + 0.5f, float(i) + 0.25f}, float(i) * 10, float(i) * 100};
+            timespec ts{i, 0};
+            ASSERT_EQ(producer_put_sample(p, &ts), 0);
+        }
         gimbal_arrays g;
         memset(&g, 0xff, sizeof g);
-        shm_consumer *c = gimbal_consumer(&g);
+        const tlm_array_entry entries[] = {
+            {g.ef_rate, "gimbal_stab.est.state.ef_rate", TLM_TYPE_FLOAT, 0, 4, 3, 5, g.times},
+            {g.w, "gimbal_stab.est.state.ef_q.w", TLM_TYPE_FLOAT, 0, 4, 1, 5, nullptr},
+            {g.x, "gimbal_stab.est.state.ef_q.x", TLM_TYPE_FLOAT, 0, 4, 1, 5, nullptr},
+        };
+        shm_consumer *c = consumer_create();
+        ASSERT_EQ(consumer_register_array(c, entries, 3), 0);
+        ASSERT_EQ(consumer_complete(c), 0);
         uint32_t before = 99;
         uint32_t after = 99;
         ASSERT_EQ(consumer_get_samples(c, nullptr, 0, r.before, 0, &before, &after), 0);
@@ -308,17 +259,13 @@ TEST(ShmTelemetry, HistoryGivesTheLatestFirstAndAsManyEarlierSamplesAsTheRingHol
             EXPECT_EQ(g.times[k].tv_sec, int64_t(i));
         }
         // Beyond the samples delivered nothing is written.
-        for (uint32_t k = r.expect_before + 1; k < 5; k++) {
-            uint32_t bits;
-            memcpy(&bits, &g.w[k], 4);
-            EXPECT_EQ(bits, 0xffffffffu);
-        }
+        for (uint32_t k = r.expect_before + 1; k < 5; k++)
+            EXPECT_EQ(std::bit_cast<uint32_t>(g.w[k]), 0xffffffffu) << k;
         EXPECT_EQ(consumer_get_samples(c, nullptr, 0, 4, 1, &before, &after), -EOPNOTSUPP);
-        timespec when = at_seconds(1);
+        timespec when{1, 0};
         EXPECT_EQ(consumer_get_samples(c, &when, 0, 4, 0, &before, &after), -EOPNOTSUPP);
-        child.step('q');
-        EXPECT_EQ(child.join(), 0);
         consumer_destroy(c);
+        producer_destroy(p);
     }
 }
 
@@ -344,22 +291,18 @@ TEST(ShmTelemetry, FieldsAreMatchedByNameAndAMismatchIsRefusedOnce)
     for (const row &r : rows) {
         SCOPED_TRACE(r.what);
         tlm_root root;
-        child_process child([](const auto &link) { return position_producer(link, "vcam_position", 4); });
+        child_process child([](const auto &link) { return position_producer(link, 4); });
         ASSERT_TRUE(child.wait_step());
-        child.step();
-        ASSERT_TRUE(child.wait_step());
+        ASSERT_TRUE(publish(child));
 
         log_capture cap;
         uint8_t dest[64] = {};
         const tlm_struct_desc desc{0, 1, &r.field};
-        shm_consumer *c = consumer_create();
-        ASSERT_EQ(consumer_register_struct(c, dest, "vcam_position", &desc), 0);
-        ASSERT_EQ(consumer_complete(c), 0);
+        shm_consumer *c = struct_consumer(dest, "vcam_position", &desc);
         EXPECT_EQ(consumer_get_sample_at(c, nullptr, 0, nullptr), -EPROTO);
         EXPECT_EQ(consumer_get_sample_at(c, nullptr, 0, nullptr), -EPROTO);
         EXPECT_EQ(cap.texts("shm_telemetry"), std::vector<std::string>{r.message});
-        child.step('q');
-        EXPECT_EQ(child.join(), 0);
+        finish(child);
         consumer_destroy(c);
     }
 }
@@ -388,7 +331,7 @@ TEST(ShmTelemetry, ReadersNeverSeeATornSample)
         for (uint32_t i = 1; i < 50000000u; i++) {
             for (uint32_t &w : b.words)
                 w = i;
-            timespec ts = at_seconds(i);
+            timespec ts{i, 0};
             producer_put_sample(p, &ts);
             if (i % 1024 == 0 && access(stop_file.c_str(), F_OK) == 0)
                 break;
@@ -400,9 +343,7 @@ TEST(ShmTelemetry, ReadersNeverSeeATornSample)
     });
     ASSERT_TRUE(child.wait_step());
     block dest{};
-    shm_consumer *c = consumer_create();
-    ASSERT_EQ(consumer_register_struct(c, &dest, "torn", &desc), 0);
-    ASSERT_EQ(consumer_complete(c), 0);
+    shm_consumer *c = struct_consumer(&dest, "torn", &desc);
     int good = 0;
     int last_seen = 0;
     auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
@@ -422,8 +363,7 @@ TEST(ShmTelemetry, ReadersNeverSeeATornSample)
     write_file(stop_file, "");
     EXPECT_EQ(good, kChecked);
     ASSERT_TRUE(child.wait_step());
-    child.step('q');
-    EXPECT_EQ(child.join(), 0);
+    finish(child);
     consumer_destroy(c);
 }
 
@@ -431,12 +371,10 @@ TEST(ShmTelemetry, ReadersNeverSeeATornSample)
 std::string valid_section_bytes(const tlm_root &root, const char *section)
 {
     float value = 3.5f;
-    static const tlm_field_desc fields[] = {{0, "value", TLM_TYPE_FLOAT, 0, 4, 1, {}}};
-    static const tlm_struct_desc desc{0, 1, fields};
     shm_producer *p = producer_create(section, 4, 1000);
-    EXPECT_EQ(producer_register_struct(p, &value, nullptr, &desc), 0);
+    EXPECT_EQ(producer_register_struct(p, &value, nullptr, &kValue), 0);
     EXPECT_EQ(producer_complete(p), 0);
-    timespec ts = at_seconds(7);
+    timespec ts{7, 0};
     EXPECT_EQ(producer_put_sample(p, &ts), 0);
     std::string bytes = read_file(root.file(section));
     producer_destroy(p);
@@ -490,11 +428,7 @@ TEST(ShmTelemetry, HostileSectionFilesGiveACleanError)
         write_file(root.file("hostile"), bytes);
 
         float value = 0;
-        static const tlm_field_desc fields[] = {{0, "value", TLM_TYPE_FLOAT, 0, 4, 1, {}}};
-        static const tlm_struct_desc desc{0, 1, fields};
-        shm_consumer *c = consumer_create();
-        ASSERT_EQ(consumer_register_struct(c, &value, "hostile", &desc), 0);
-        ASSERT_EQ(consumer_complete(c), 0);
+        shm_consumer *c = struct_consumer(&value, "hostile", &kValue);
         timespec ts{};
         EXPECT_EQ(consumer_get_sample_at(c, nullptr, 0, &ts), r.expected);
         if (r.expected == 0) {
@@ -509,8 +443,6 @@ TEST(ShmTelemetry, ProducersRefuseWhatNoConsumerCouldRead)
 {
     tlm_root root;
     float v = 0;
-    static const tlm_field_desc one[] = {{0, "v", TLM_TYPE_FLOAT, 0, 4, 1, {}}};
-    static const tlm_struct_desc desc{0, 1, one};
     for (const char *bad : {"", "a.b", "has space", "../up", "a/b",
                             "x234567890123456789012345678901234567890123456789012345678901234"})
         EXPECT_EQ(producer_create(bad, 4, 1000), nullptr) << bad;
@@ -519,16 +451,16 @@ TEST(ShmTelemetry, ProducersRefuseWhatNoConsumerCouldRead)
     shm_producer *p = producer_create("ok", 4, 1000);
     ASSERT_NE(p, nullptr);
     EXPECT_EQ(producer_complete(p), -EINVAL); // nothing registered
-    timespec ts = at_seconds(1);
+    timespec ts{1, 0};
     EXPECT_EQ(producer_put_sample(p, &ts), -EINVAL); // not completed
     const tlm_field_desc wrong_size[] = {{0, "w", TLM_TYPE_FLOAT, 0, 8, 1, {}}};
     const tlm_struct_desc bad_desc{0, 1, wrong_size};
     EXPECT_EQ(producer_register_struct(p, &v, nullptr, &bad_desc), -EINVAL);
-    EXPECT_EQ(producer_register_struct(p, &v, nullptr, &desc), 0);
-    EXPECT_EQ(producer_register_struct(p, &v, nullptr, &desc), -EINVAL); // "v" is taken
-    EXPECT_EQ(producer_register_struct(p, &v, "again", &desc), 0);      // "again.v" is not
+    EXPECT_EQ(producer_register_struct(p, &v, nullptr, &kValue), 0);
+    EXPECT_EQ(producer_register_struct(p, &v, nullptr, &kValue), -EINVAL); // "value" is taken
+    EXPECT_EQ(producer_register_struct(p, &v, "again", &kValue), 0);      // "again.value" is not
     EXPECT_EQ(producer_complete(p), 0);
-    EXPECT_EQ(producer_register_struct(p, &v, "late", &desc), -EINVAL);
+    EXPECT_EQ(producer_register_struct(p, &v, "late", &kValue), -EINVAL);
     EXPECT_EQ(producer_put_sample(p, nullptr), -EINVAL);
 
     tlm_section_view view;
@@ -536,7 +468,7 @@ TEST(ShmTelemetry, ProducersRefuseWhatNoConsumerCouldRead)
     ASSERT_EQ(view.field_count, 2u);
     tlm_field_info info;
     ASSERT_EQ(tlm_view_field(&view, 1, &info), 0);
-    EXPECT_STREQ(info.name, "again.v");
+    EXPECT_STREQ(info.name, "again.value");
     EXPECT_EQ(info.offset, 8u);
     tlm_view_close(&view);
     producer_destroy(p);
@@ -548,14 +480,12 @@ TEST(ShmTelemetry, ProducerFailPointsStandForFailuresTheSystemRarelyGives)
 {
     tlm_root root;
     float v = 0;
-    static const tlm_field_desc one[] = {{0, "v", TLM_TYPE_FLOAT, 0, 4, 1, {}}};
-    static const tlm_struct_desc desc{0, 1, one};
     failpoint_arm("shm_producer_create", -ENOMEM, 1);
     EXPECT_EQ(producer_create("fp", 4, 1000), nullptr);
     shm_producer *p = producer_create("fp", 4, 1000);
     failpoint_arm("shm_producer_register_struct", -EIO, 1);
-    EXPECT_EQ(producer_register_struct(p, &v, nullptr, &desc), -EIO);
-    EXPECT_EQ(producer_register_struct(p, &v, nullptr, &desc), 0);
+    EXPECT_EQ(producer_register_struct(p, &v, nullptr, &kValue), -EIO);
+    EXPECT_EQ(producer_register_struct(p, &v, nullptr, &kValue), 0);
     failpoint_arm("shm_producer_complete", -ENOSPC, 1);
     EXPECT_EQ(producer_complete(p), -ENOSPC);
     EXPECT_EQ(producer_complete(p), 0);

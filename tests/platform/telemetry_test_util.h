@@ -5,7 +5,6 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -17,20 +16,11 @@
 #include "platform/shm_telemetry.h"
 #include "support/test_env.h"
 
-// A test root whose telemetry directory lies inside it.
+// A test root and the telemetry directory that test_root points ORLUNE_TLM_DIR at.
 class tlm_root : public test_root {
 public:
-    tlm_root()
-    {
-        dir_ = at("/tlm");
-        setenv(kTlmDirEnv, dir_.c_str(), 1);
-    }
-    ~tlm_root() { unsetenv(kTlmDirEnv); }
-    const std::string &dir() const { return dir_; }
-    std::string file(const std::string &section) const { return dir_ + "/" + section + kTlmFileSuffix; }
-
-private:
-    std::string dir_;
+    std::string dir() const { return at("/tlm"); }
+    std::string file(const std::string &section) const { return dir() + "/" + section + kTlmFileSuffix; }
 };
 
 // A child process running body(link); the parent and the child exchange

@@ -57,25 +57,14 @@ std::unique_ptr<child_process> intruder(const std::function<int(const child_proc
     });
 }
 
-// A directory that every user may create files in, as /dev/shm is.
-class shared_dir {
+// A test root that every user may create files in, as /dev/shm is.
+class shared_root : public test_root {
 public:
-    shared_dir()
+    shared_root()
     {
-        std::string tmpl = (std::filesystem::temp_directory_path() / "orlune-shared-XXXXXX").string();
-        if (!mkdtemp(tmpl.data()) || chmod(tmpl.c_str(), 01777) != 0)
+        if (chmod(path().c_str(), 01777) != 0)
             throw std::runtime_error("shared directory");
-        path_ = tmpl;
     }
-    ~shared_dir()
-    {
-        std::error_code ec;
-        std::filesystem::remove_all(path_, ec);
-    }
-    const std::string &path() const { return path_; }
-
-private:
-    std::string path_;
 };
 
 // ---- the policy ------------------------------------------------------------
@@ -121,11 +110,10 @@ TEST(TrustPolicy, OwnersAndModesOfFilesAndDirectories)
 
         std::string path = root.at(r.directory ? "/judged" : "/judged.tlm");
         std::filesystem::remove_all(path);
-        if (r.directory) {
+        if (r.directory)
             ASSERT_EQ(mkdir(path.c_str(), 0700), 0);
-        } else {
+        else
             write_file(path, "x");
-        }
         ASSERT_EQ(chmod(path.c_str(), r.mode), 0);
         if (r.owned_by_other) {
             ASSERT_EQ(chown(path.c_str(), other, gid_t(other)), 0);
@@ -173,6 +161,7 @@ int plant_position(const child_process::link &link)
 
 class TelemetryAttack : public ::testing::Test {
 protected:
+    void SetUp() override { SKIP_UNLESS_ROOT(); }
     void start(const std::string &dir)
     {
         setenv(kTlmDirEnv, dir.c_str(), 1);
@@ -211,6 +200,7 @@ protected:
                                                              "trusted"));
     }
 
+    shared_root shm_;
     log_capture cap_;
     sensors_vision_position_data pos_{};
     vision_position_ctx *vp_ = nullptr;
@@ -218,9 +208,7 @@ protected:
 
 TEST_F(TelemetryAttack, ASectionPlantedInASharedDirectoryIsRefused)
 {
-    SKIP_UNLESS_ROOT();
-    shared_dir shm;
-    start(shm.path());
+    start(shm_.path());
     auto planter = intruder(plant_position);
     ASSERT_TRUE(planter->wait_step());
 
@@ -233,9 +221,7 @@ TEST_F(TelemetryAttack, ASectionPlantedInASharedDirectoryIsRefused)
 
 TEST_F(TelemetryAttack, ADirectoryMadeInAdvanceByAnotherUserIsNeitherWrittenNorRead)
 {
-    SKIP_UNLESS_ROOT();
-    shared_dir shm;
-    const std::string dir = shm.path() + "/orlune-tlm";
+    const std::string dir = shm_.path() + "/orlune-tlm";
     auto preparer = intruder([&dir](const child_process::link &link) {
         if (mkdir(dir.c_str(), 0777) != 0 || chmod(dir.c_str(), 0777) != 0)
             return 91;
@@ -244,15 +230,14 @@ TEST_F(TelemetryAttack, ADirectoryMadeInAdvanceByAnotherUserIsNeitherWrittenNorR
     });
     ASSERT_TRUE(preparer->wait_step());
 
-    // A section file of the trusted producer, moved there: the directory's
-    // owner could as well have swapped it for an old one.
-    test_root elsewhere;
-    setenv(kTlmDirEnv, elsewhere.at("/tlm").c_str(), 1);
+    // A section file of the trusted producer (in the root's own telemetry
+    // directory), moved there: the directory's owner could as well have
+    // swapped it for an old one.
     {
         test_producer<position_sample> vision("vcam_position", position_fields());
         vision.record = planted_position();
         vision.put({90, 0});
-        std::filesystem::copy_file(elsewhere.at("/tlm/vcam_position.tlm"), dir + "/vcam_position.tlm");
+        std::filesystem::copy_file(shm_.at("/tlm/vcam_position.tlm"), dir + "/vcam_position.tlm");
     }
     start(dir);
     expect_nothing_read();
@@ -382,19 +367,14 @@ TEST_P(ServiceAttack, ASquattedNameIsRefusedBeforeTheServiceStartsAndAfterItDies
 {
     SKIP_UNLESS_ROOT();
     service_module module(GetParam().name);
-    msg_server *server = nullptr;
-
-    auto first = squatter();
-    expect_nothing_read(module);
-    first.reset();
-    expect_trusted_read(module, server, 1.5);
-
-    server_destroy(server);
-    auto second = squatter();
-    expect_nothing_read(module);
-    second.reset();
-    expect_trusted_read(module, server, 2.5);
-    server_destroy(server);
+    for (double value : {1.5, 2.5}) {
+        msg_server *server = nullptr;
+        auto squatting = squatter();
+        expect_nothing_read(module);
+        squatting.reset();
+        expect_trusted_read(module, server, value);
+        server_destroy(server);
+    }
 }
 
 void PrintTo(const service_case &svc, std::ostream *os)

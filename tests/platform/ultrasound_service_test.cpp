@@ -1,11 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // The ranging client against a service made of a msg_socket server.
 #include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <string>
 
 #include "platform/ultrasound_service.h"
+#include "support/test_env.h"
 
 namespace {
 
@@ -33,17 +31,9 @@ struct fake_service {
     }
 };
 
-class UltrasoundService : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        std::string prefix = "t" + std::to_string(getpid()) + "-";
-        setenv(kSocketPrefixEnv, prefix.c_str(), 1);
-    }
-};
-
-TEST_F(UltrasoundService, ReadDeliversTheNewestMeasurementAndCountsTheNewOnes)
+TEST(UltrasoundService, ReadDeliversTheNewestMeasurementAndCountsTheNewOnes)
 {
+    test_root root; // a private socket name
     fake_service svc;
     svc.server = server_create(kUltrasoundSocketName, fake_service::cb, &svc);
     ASSERT_NE(svc.server, nullptr);
