@@ -3,7 +3,6 @@
 // devices, through genuine libiio. The vehicle is still and noiseless, so
 // the raw counts, and hence the converted values, are known exactly.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <iio.h>
 #include <sensors/baro_magneto.h>
 
@@ -15,11 +14,9 @@
 #include <memory>
 #include <thread>
 
-#include "platform/failpoint.h"
 #include "platform/sched_config.h"
 #include "platform/shm_telemetry.h"
-#include "support/sim_iio.h"
-#include "support/test_env.h"
+#include "support/device_fixture.h"
 
 using ::testing::ElementsAre;
 using namespace std::chrono_literals;
@@ -46,21 +43,9 @@ sim::scenario still_scenario()
     return s;
 }
 
-class BaroMagnetoTest : public ::testing::Test {
+class BaroMagnetoTest : public device_test {
 protected:
-    void SetUp() override
-    {
-        setenv("ORLUNE_TLM_DIR", (root_.path() + "/tlm").c_str(), 1);
-        ASSERT_EQ(connect_sim(still_scenario(), &server_, &iio_), "");
-    }
-    void TearDown() override
-    {
-        failpoint_disarm_all();
-        log_set_levels("info");
-        iio_.reset();
-        server_.reset();
-        unsetenv("IIOD_REMOTE");
-    }
+    sim::scenario scenario() const override { return still_scenario(); }
 
     baro_ptr make_baro(sched_config *sched = nullptr)
     {
@@ -69,21 +54,6 @@ protected:
     magneto_ptr make_magneto(sched_config *sched = nullptr)
     {
         return {magneto_new(&magneto_config_, iio_.get(), sched, &magneto_), magneto_destroy};
-    }
-
-    // Messages of tag, with the source line of "<function>:<line>:" replaced by "L".
-    std::vector<std::string> messages(const char *tag)
-    {
-        std::vector<std::string> out;
-        for (std::string t : cap_.texts(tag)) {
-            for (const char *function : {"barometer_new:", "magneto_new:"}) {
-                const size_t n = strlen(function);
-                if (t.compare(0, n, function) == 0)
-                    t.replace(n, t.find(':', n) - n, "L");
-            }
-            out.push_back(t);
-        }
-        return out;
     }
 
     // Polls until a read stores a sample; its result.
@@ -96,10 +66,6 @@ protected:
         return r;
     }
 
-    test_root root_;
-    log_capture cap_;
-    std::unique_ptr<sim::iiod_server> server_;
-    iio_ptr iio_;
     sensors_baro_config baro_config_{1, 0, "orlune-lps22hb", "orlune-baro-trig", 75};
     sensors_magneto_config magneto_config_{1, 0, "orlune-magneto", "orlune-magneto-trig", 0, {}, {1, 0, 0, 0, 1, 0, 0, 0, 1},
                                            50, 1};
@@ -113,8 +79,8 @@ TEST_F(BaroMagnetoTest, BarometerConvertsToPascalAndKelvinThenTakesOutTheBias)
     baro_ptr baro = make_baro();
     ASSERT_TRUE(baro);
     // The single-precision 273.15 shows in the offset: 273.1499938964844 / 0.01.
-    EXPECT_THAT(messages("baro"), ElementsAre("barometer pressure offset=0.000000 scale=0.024414",
-                                              "barometer temperature offset=27314.999390 scale=0.010000"));
+    EXPECT_THAT(messages("baro"), ElementsAre("7 barometer pressure offset=0.000000 scale=0.024414",
+                                              "7 barometer temperature offset=27314.999390 scale=0.010000"));
     ASSERT_EQ(barometer_start(baro.get()), 0);
     uint32_t mask = 0x40;
     EXPECT_GT(read_until_sample([&] { return barometer_read(baro.get(), &mask); }), 0);
@@ -165,13 +131,12 @@ TEST_F(BaroMagnetoTest, NoNewScanLeavesEverythingUntouched)
 
 TEST_F(BaroMagnetoTest, SectionsHoldTwoSecondsAtTheConfiguredRate)
 {
-    struct row {
+    const struct row {
         bool baro;
         int hz;
         uint32_t period_us, samples;
         long long device_hz; // the device's rate afterwards
-    };
-    const row rows[] = {
+    } rows[] = {
         {true, 75, 13333, 150, 75},
         {true, 25, 40000, 50, 25},
         {false, 0, 10000, 200, 100}, // the device keeps its own rate
@@ -274,55 +239,56 @@ TEST_F(BaroMagnetoTest, CreationFailures)
     ASSERT_EQ(sched_config_parse_line("magnetometer other 0 - self", &e), 0);
     ASSERT_EQ(sched_config_add(device_only, e), 0);
     const char *bad_calib = "Temp_0_K warm\n";
-    struct row {
+    const struct row {
         bool baro;
         std::function<void()> arrange;
         const char *message; // null: none
         sched_config *sched = nullptr;
-    };
-    const row rows[] = {
-        {true, [&] { baro_config_.sampling_frequency = 0; }, "invalid barometer sampling-frequency 0: must be positive"},
-        {true, [&] { baro_config_.sampling_frequency = -75; }, "invalid barometer sampling-frequency -75: must be positive"},
+    } rows[] = {
+        {true, [&] { baro_config_.sampling_frequency = 0; },
+         "3 invalid barometer sampling-frequency 0: must be positive"},
+        {true, [&] { baro_config_.sampling_frequency = -75; },
+         "3 invalid barometer sampling-frequency -75: must be positive"},
         {true, [&] { baro_config_.device = "missing"; }, nullptr},
         {true, [&] { baro_config_.trigger = "missing"; }, nullptr},
         {true, [&] { baro_config_.device = "orlune-magneto"; }, nullptr}, // no pressure0
         {true, [&] { baro_config_.sampling_frequency = 2000000; },
-         "orlune-lps22hb: can't set barometer sampling frequency: Invalid argument"},
-        {true, [] {}, "can't reconfigure thread orlune-lps22hb: No such file or directory", none},
-        {true, [&] { root_.write("/factory/flight_baro_thermal_bias", bad_calib); }, "can't init calibration"},
-        {true, [&] { failpoint_arm("shm_producer_create", -ENOMEM); }, "failed to create sensors_barometer tlm"},
+         "3 orlune-lps22hb: can't set barometer sampling frequency: Invalid argument"},
+        {true, [] {}, "3 can't reconfigure thread orlune-lps22hb: No such file or directory", none},
+        {true, [&] { root_.write("/factory/flight_baro_thermal_bias", bad_calib); }, "3 can't init calibration"},
+        {true, [&] { failpoint_arm("shm_producer_create", -ENOMEM); }, "3 failed to create sensors_barometer tlm"},
         {true, [&] { failpoint_arm("shm_producer_register_struct", -ENOMEM); },
-         "barometer_new:L: failed to register tlm baro struct err=12(Cannot allocate memory)"},
+         "3 barometer_new:L: failed to register tlm baro struct err=12(Cannot allocate memory)"},
         {true, [&] { failpoint_arm("shm_producer_complete", -EACCES); },
-         "barometer_new:L: producer_complete err=13(Permission denied)"},
+         "3 barometer_new:L: producer_complete err=13(Permission denied)"},
         // The device refuses a negative rate, and says so through the write.
         {false, [&] { magneto_config_.sampling_frequency = -1; },
-         "magneto_new:L: can't set magneto sampling frequency to -1 err=22(Invalid argument)"},
+         "3 magneto_new:L: can't set magneto sampling frequency to -1 err=22(Invalid argument)"},
         {false, [&] { magneto_config_.device = "missing"; }, nullptr},
         {false, [&] { magneto_config_.trigger = "missing"; }, nullptr},
         {false, [&] { magneto_config_.sampling_frequency = 2000000; },
-         "magneto_new:L: can't set magneto sampling frequency to 2000000 err=22(Invalid argument)"},
+         "3 magneto_new:L: can't set magneto sampling frequency to 2000000 err=22(Invalid argument)"},
         {false, [&] { magneto_config_.device = "orlune-lps22hb"; }, nullptr}, // no magn_x
-        {false, [] {}, "orlune-magneto: can't reconfigure 'orlune-magneto' thread: No such file or directory", none},
-        {false, [] {}, "orlune-magneto: can't reconfigure 'orlune-magneto-trig' thread: No such file or directory",
+        {false, [] {}, "3 orlune-magneto: can't reconfigure 'orlune-magneto' thread: No such file or directory", none},
+        {false, [] {}, "3 orlune-magneto: can't reconfigure 'orlune-magneto-trig' thread: No such file or directory",
          device_only},
-        {false, [&] { root_.write("/factory/flight_magneto_thermal_bias", bad_calib); }, "can't init calibration"},
-        {false, [&] { failpoint_arm("shm_producer_create", -ENOMEM); }, "failed to create sensors_magnetometer tlm"},
+        {false, [&] { root_.write("/factory/flight_magneto_thermal_bias", bad_calib); }, "3 can't init calibration"},
+        {false, [&] { failpoint_arm("shm_producer_create", -ENOMEM); }, "3 failed to create sensors_magnetometer tlm"},
         {false, [&] { failpoint_arm("shm_producer_register_struct", -ENOMEM); },
-         "magneto_new:L: failed to register tlm magneto struct err=12(Cannot allocate memory)"},
+         "3 magneto_new:L: failed to register tlm magneto struct err=12(Cannot allocate memory)"},
         {false, [&] { failpoint_arm("shm_producer_complete", -EACCES); },
-         "magneto_new:L: producer_complete err=13(Permission denied)"},
+         "3 magneto_new:L: producer_complete err=13(Permission denied)"},
     };
     const sensors_baro_config good_baro = baro_config_;
     const sensors_magneto_config good_magneto = magneto_config_;
     for (const row &r : rows) {
-        baro_config_ = good_baro;
-        magneto_config_ = good_magneto;
         r.arrange();
         const bool made = r.baro ? bool(make_baro(r.sched)) : bool(make_magneto(r.sched));
         EXPECT_FALSE(made) << (r.message ? r.message : "");
         const auto texts = messages(r.baro ? "baro" : "magneto");
         EXPECT_EQ(texts, r.message ? std::vector<std::string>{r.message} : std::vector<std::string>{});
+        baro_config_ = good_baro;
+        magneto_config_ = good_magneto;
         failpoint_disarm_all();
         unlink(root_.at("/factory/flight_baro_thermal_bias").c_str());
         unlink(root_.at("/factory/flight_magneto_thermal_bias").c_str());
@@ -330,8 +296,6 @@ TEST_F(BaroMagnetoTest, CreationFailures)
         EXPECT_EQ(tlm_view_open(r.baro ? "sensors_barometer" : "sensors_magnetometer", &view), -ENOENT);
     }
     // The devices were released each time: both can be made again.
-    baro_config_ = good_baro;
-    magneto_config_ = good_magneto;
     EXPECT_TRUE(make_baro() && make_magneto());
     sched_config_destroy(device_only);
     sched_config_destroy(none);

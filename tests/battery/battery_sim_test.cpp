@@ -1,14 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 // The simulated pack, read by the plug-in's own battery module.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sensors/battery.h>
 
 #include <chrono>
-#include <cstdlib>
 #include <thread>
 
-#include "platform/shm_telemetry.h"
 #include "sim/battery.h"
 #include "support/test_env.h"
 
@@ -60,7 +57,6 @@ TEST(BatterySettings, AreReadFromTheScenarioFile)
 
 class BatterySim : public ::testing::Test {
 protected:
-    void SetUp() override { setenv(kTlmDirEnv, (root_.path() + "/tlm").c_str(), 1); }
     void TearDown() override { battery_destroy(battery_); }
 
     void start(const std::string &battery_group, double current_a = 20.0)
@@ -111,8 +107,7 @@ TEST_F(BatterySim, ThePluginReadsTheDrainingPackThroughRemovalAndReinsertion)
     EXPECT_FLOAT_EQ(data_.full_charge_cap, 2.7f);
     const float first_remaining = data_.remaining_cap;
 
-    int results[3] = {0, -ENODEV, 0};
-    for (int expected : results)
+    for (int expected : {0, -ENODEV, 0})
         read_until([&](int r) { return r == expected; });
     EXPECT_EQ(battery_is_present(battery_), 1);
     // 20 A for about half a second (nothing flows while the pack is out): 2.5 mAh.

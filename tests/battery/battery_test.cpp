@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The smart battery module against real attribute files under a private root.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sensors/battery.h>
 
 #include <fcntl.h>
@@ -10,11 +9,11 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdlib>
-#include <tuple>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <thread>
+#include <tuple>
 
 #include "platform/failpoint.h"
 #include "platform/shm_telemetry.h"
@@ -31,14 +30,15 @@ constexpr const char *kDir = "/sys/class/power_supply/smartbattery";
 
 class Battery : public ::testing::Test {
 protected:
-    void SetUp() override
+    void SetUp() override { put_all(); }
+    void TearDown() override { battery_destroy(battery_); }
+
+    // Every attribute file as a healthy pack's driver writes it.
+    void put_all()
     {
-        setenv(kTlmDirEnv, (root_.path() + "/tlm").c_str(), 1);
         for (const auto &[name, text] : files_)
             put(name, text);
     }
-    void TearDown() override { battery_destroy(battery_); }
-
     void put(const std::string &name, const std::string &text) { root_.write(std::string(kDir) + "/" + name, text); }
     void remove(const std::string &name) { std::filesystem::remove(root_.at(std::string(kDir) + "/" + name)); }
 
@@ -92,46 +92,39 @@ TEST_F(Battery, ArgumentsAreCheckedSilently)
 TEST_F(Battery, EachCreationFailureSaysWhy)
 {
     const std::string dir = root_.at(kDir);
-    // Each row spoils one file: new content, or none to remove it.
-    struct row {
-        const char *file;
-        const char *content;
+    const std::string start = "EVT:SMARTBATTERY;type='start';cell_voltage_0=3900;cell_voltage_1=3895";
+    const std::string frequency = "Battery frequency=20 Hz\n";
+    auto arm = [](const char *point) { return [point] { failpoint_arm(point, -ENOMEM); }; };
+    // Each row spoils one file, or arms a fail point of the telemetry, which
+    // the world rarely refuses: nothing said after the pack's report.
+    const struct row {
+        const char *what;
+        std::function<void()> spoil;
         std::vector<std::string> messages;
-    };
-    const row rows[] = {
-        {"name", nullptr, {"Cannot open " + dir + "/name: No such file or directory"}},
-        {"name", "bq27000\n", {"Smartbattery Driver not present"}},
-        {"present", nullptr, {"Cannot open " + dir + "/present: No such file or directory"}},
-        {"present", "0\n", {"Smartbattery not present"}},
-        {"model_name", nullptr,
+    } rows[] = {
+        {"no name", [&] { remove("name"); }, {"Cannot open " + dir + "/name: No such file or directory"}},
+        {"another driver", [&] { put("name", "bq27000\n"); }, {"Smartbattery Driver not present"}},
+        {"no present", [&] { remove("present"); }, {"Cannot open " + dir + "/present: No such file or directory"}},
+        {"no pack", [&] { put("present", "0\n"); }, {"Smartbattery not present"}},
+        {"no model_name", [&] { remove("model_name"); },
          {"battery: cannot access to \"model_name\"\n", "Mismatch between Smartbattery Driver and Libvigil"}},
-        {"alerts", nullptr,
+        {"no alerts", [&] { remove("alerts"); },
          {"battery: cannot access to \"alerts\"\n", "Mismatch between Smartbattery Driver and Libvigil"}},
-        {"usb_peer", nullptr, {}},
-        {"cell_voltage", "3 3900 3895 3890\n", {"Cannot log cell voltage (cell count=3 max=2)"}},
-        {"cell_voltage", "\n", {"Cannot log cell voltage (cell count=-1 max=2)"}},
+        {"no usb_peer", [&] { remove("usb_peer"); }, {}},
+        {"three cells", [&] { put("cell_voltage", "3 3900 3895 3890\n"); },
+         {"Cannot log cell voltage (cell count=3 max=2)"}},
+        {"no cells", [&] { put("cell_voltage", "\n"); }, {"Cannot log cell voltage (cell count=-1 max=2)"}},
+        {"shm_producer_create", arm("shm_producer_create"), {start, frequency}},
+        {"shm_producer_register_struct", arm("shm_producer_register_struct"), {start, frequency}},
+        {"shm_producer_complete", arm("shm_producer_complete"), {start, frequency}},
     };
     for (const row &r : rows) {
-        SCOPED_TRACE(std::string(r.file) + " " + (r.content ? r.content : "removed"));
-        for (const auto &[name, text] : files_)
-            put(name, text);
-        if (r.content)
-            put(r.file, r.content);
-        else
-            remove(r.file);
-        EXPECT_EQ(create(), nullptr);
-        EXPECT_EQ(log_.texts("battery"), r.messages);
-    }
-    // Telemetry the world rarely refuses: no message, nothing left behind.
-    for (const char *point : {"shm_producer_create", "shm_producer_register_struct", "shm_producer_complete"}) {
-        SCOPED_TRACE(point);
-        for (const auto &[name, text] : files_)
-            put(name, text);
-        failpoint_arm(point, -ENOMEM);
+        SCOPED_TRACE(r.what);
+        put_all();
+        r.spoil();
         EXPECT_EQ(create(), nullptr);
         failpoint_disarm_all();
-        std::vector<std::string> said = log_.texts("battery");
-        EXPECT_EQ(said.back(), "Battery frequency=20 Hz\n");
+        EXPECT_EQ(log_.texts("battery"), r.messages);
     }
 }
 
@@ -178,11 +171,12 @@ TEST_F(Battery, FirstFullReadConvertsAndMarksEveryField)
     EXPECT_EQ(data_.changed_mask, 0x2FFu | SENSORS_BATTERY_CHANGED_CELL_VOLTAGES);
     EXPECT_THAT(log_.texts("battery"), ElementsAre("EVT:SMARTBATTERY;soh=97", "EVT:SMARTBATTERY;authenticated='yes'"));
 
-    // Every full read publishes, changed or not.
+    // Every full read publishes, changed or not; no read or push allocates.
     put("voltage_now", "7900\n");
     tlm_section_view view{};
     ASSERT_EQ(tlm_view_open("sensors_battery", &view), 0);
     EXPECT_EQ(tlm_view_written(&view), 1u);
+    alloc_count allocations;
     ASSERT_EQ(full_read(), 0);
     EXPECT_EQ(data_.changed_mask, SENSORS_BATTERY_CHANGED_VOLTAGE);
     EXPECT_FLOAT_EQ(data_.voltage, 7.9f);
@@ -190,8 +184,10 @@ TEST_F(Battery, FirstFullReadConvertsAndMarksEveryField)
     ASSERT_EQ(full_read(), 0);
     EXPECT_EQ(updated_, 0u);
     EXPECT_EQ(tlm_view_written(&view), 3u);
+    ASSERT_EQ(battery_read(battery_, &updated_), 0); // within the period
     ASSERT_EQ(battery_tlm_push(battery_), 0);
     EXPECT_EQ(tlm_view_written(&view), 4u);
+    EXPECT_EQ(allocations.value(), 0);
     tlm_view_close(&view);
     EXPECT_THAT(log_.texts("battery"), IsEmpty());
 }
@@ -243,21 +239,18 @@ TEST_F(Battery, AnUnreadablePresentIsAnIoError)
     EXPECT_EQ(battery_is_present(battery_), 0);
 }
 
-// Successive "alerts", "usb_peer", "anomaly" and "soh" contents, each with
-// the events it must produce at its full read.
-struct event_step {
-    const char *file;
-    const char *content;
-    std::vector<std::string> events;
-};
-
 TEST_F(Battery, TransitionsBecomeEvents)
 {
     put("temperature", "3131\n"); // 313 K, 40 degrees Celsius
     ASSERT_NE(create(), nullptr);
     ASSERT_EQ(battery_read(battery_, &updated_), 0);
     log_.take();
-    const event_step steps[] = {
+    // Successive attribute contents, each with the events of its full read.
+    const struct event_step {
+        const char *file;
+        const char *content;
+        std::vector<std::string> events;
+    } steps[] = {
         {"alerts", "3 0\n", {"EVT:SMARTBATTERY;fault='charger'"}},
         {"alerts", "3 0\n", {}},
         {"alerts", "9 1\n",
@@ -315,21 +308,6 @@ TEST_F(Battery, ZeroWarningsLatchForTheWholeProcess)
     put("voltage_now", "0\n");
     ASSERT_EQ(full_read(), 0);
     EXPECT_THAT(log_.texts("battery"), ElementsAre("No voltage"));
-}
-
-TEST_F(Battery, FullReadsAllocateNothing)
-{
-    if (!alloc_counting_available())
-        GTEST_SKIP() << "the sanitizer owns the allocator";
-    ASSERT_NE(create(), nullptr);
-    ASSERT_EQ(battery_read(battery_, &updated_), 0);
-    alloc_count count;
-    for (int i = 0; i < 20; i++) {
-        ASSERT_EQ(full_read(), 0);
-        ASSERT_EQ(battery_read(battery_, &updated_), 0);
-        ASSERT_EQ(battery_tlm_push(battery_), 0);
-    }
-    EXPECT_EQ(count.value(), 0);
 }
 
 TEST(BatteryAttributes, IntegersAndCellVoltagesParseAsTheDriverWritesThem)

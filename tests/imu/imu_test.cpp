@@ -5,34 +5,29 @@
 #include <iio.h>
 #include <sensors/config.h>
 #include <sensors/imu.h>
-#include <stdlib.h>
 
 #include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <functional>
 #include <memory>
-#include <regex>
 #include <string>
 
 #include "platform/sched_config.h"
-#include "sim/iiod_server.h"
-#include "support/sim_iio.h"
-#include "support/test_env.h"
+#include "support/device_fixture.h"
 
 using ::testing::ElementsAre;
+using ::testing::IsEmpty;
 
 namespace {
 
-struct imu_deleter {
-    void operator()(imu_ctx *c) const { imu_destroy(c); }
-};
-using imu_ptr = std::unique_ptr<imu_ctx, imu_deleter>;
+using imu_ptr = std::unique_ptr<imu_ctx, decltype(&imu_destroy)>;
 
-class ImuTest : public ::testing::Test {
+class ImuTest : public device_test {
 protected:
     void SetUp() override
     {
-        setenv("ORLUNE_TLM_DIR", (root_.path() + "/tlm").c_str(), 1);
-        ASSERT_EQ(connect_sim(sim::default_scenario(), &server_, &iio_), "");
-
+        device_test::SetUp();
         config_.enabled = 1;
         config_.device = "orlune-imu";
         config_.trigger = "orlune-imu-trig";
@@ -43,129 +38,109 @@ protected:
         config_.rotation_enabled = 1;
         config_.tlm_section = "sensors_imu";
     }
-    void TearDown() override
+
+    imu_ptr make(void *sched = nullptr) { return {imu_new(&config_, iio_.get(), sched, &data_), imu_destroy}; }
+
+    // A module made and started, or none.
+    imu_ptr start()
     {
-        iio_.reset();
-        server_.reset();
-        unsetenv("IIOD_REMOTE");
+        imu_ptr imu = make();
+        if (imu && imu_start(imu.get()) != 0)
+            imu.reset();
+        return imu;
     }
 
-    imu_ptr make(void *sched = nullptr) { return imu_ptr(imu_new(&config_, iio_.get(), sched, &data_)); }
-
-    // imu_new messages with the source line replaced by "L".
-    std::vector<std::string> messages()
+    // Mean accel y over ten batches of a new module.
+    double mean_accel_y()
     {
-        std::vector<std::string> out;
-        for (const std::string &t : cap_.texts("imu"))
-            out.push_back(std::regex_replace(t, std::regex("^imu_new:[0-9]+:"), "imu_new:L:"));
-        return out;
-    }
-
-    // Mean accel y over a few batches.
-    double mean_accel_y(imu_ctx *imu)
-    {
+        imu_ptr imu = start();
+        EXPECT_TRUE(imu);
         double sum = 0;
         int n = 0;
-        for (int b = 0; b < 10; b++) {
+        for (int b = 0; imu && b < 10; b++) {
             uint32_t mask = 0;
-            EXPECT_EQ(imu_wait(imu), 0);
-            EXPECT_EQ(imu_read(imu, &mask), 0);
+            EXPECT_EQ(imu_wait(imu.get()), 0);
+            EXPECT_EQ(imu_read(imu.get(), &mask), 0);
             for (int i = 0; i < data_.nb_samples; i++, n++)
                 sum += data_.accel[i][1];
         }
         return n ? sum / n : 0;
     }
 
-    test_root root_;
-    log_capture cap_;
-    std::unique_ptr<sim::iiod_server> server_;
-    iio_ptr iio_;
     sensors_imu_config config_{};
     sensors_imu_data data_{};
 };
 
-TEST_F(ImuTest, SettingsTheDeviceCannotHonourAreRefusedUpFront)
+// Every refusal of creation, with the one message it leaves.
+TEST_F(ImuTest, CreationFailures)
 {
+    sched_config *imu_only = sched_config_new();
+    sched_config *empty = sched_config_new();
+    sched_entry e{};
+    ASSERT_EQ(sched_config_parse_line("imu other 0 - self", &e), 0);
+    ASSERT_EQ(sched_config_add(imu_only, e), 0);
+    const char *names[] = {"imu", "vcam"};
     struct row {
-        int frequency;
-        int div;
-        const char *message;
+        std::function<void()> arrange;
+        std::string message;
+        sched_config *sched = nullptr;
     };
     const row rows[] = {
-        {0, 5, "invalid imu sampling-frequency 0: must be positive"},
-        {-100, 5, "invalid imu sampling-frequency -100: must be positive"},
-        {1000, 6, "invalid imu sampling-rate-div 6: a batch holds 0 (for 5) to 5 samples"},
-        {1000, -1, "invalid imu sampling-rate-div -1: a batch holds 0 (for 5) to 5 samples"},
-        {2000000, 1, "invalid imu sampling-frequency 2000000: a batch of 1 would last less than 1 us"},
+        {[&] { config_.sampling_frequency = 0; }, "3 invalid imu sampling-frequency 0: must be positive"},
+        {[&] { config_.sampling_frequency = -100; }, "3 invalid imu sampling-frequency -100: must be positive"},
+        {[&] { config_.sampling_rate_div = 6; },
+         "3 invalid imu sampling-rate-div 6: a batch holds 0 (for 5) to 5 samples"},
+        {[&] { config_.sampling_rate_div = -1; },
+         "3 invalid imu sampling-rate-div -1: a batch holds 0 (for 5) to 5 samples"},
+        {[&] {
+             config_.sampling_frequency = 2000000;
+             config_.sampling_rate_div = 1;
+         },
+         "3 invalid imu sampling-frequency 2000000: a batch of 1 would last less than 1 us"},
+        // The default thread names: "imu" is configured, "imu_spi" is not.
+        {[] {}, "3 imu_new:L: can't reconfigure spi imu thread err=2(No such file or directory)", imu_only},
+        {[] {}, "3 imu_new:L: can't reconfigure imu thread: err=2(No such file or directory)", empty},
+        // Configured names replace the defaults.
+        {[&] {
+             config_.thread_cfg = names;
+             config_.thread_cfg_count = 2;
+         },
+         "3 imu_new:L: can't reconfigure vcam thread err=2(No such file or directory)", imu_only},
+        {[&] { root_.write("/factory/flight_imu_thermal_bias", "Temp_0_K nonsense\n"); }, "3 can't init calibration"},
+        {[&] { config_.tlm_section = "not a/section"; }, "3 failed to create sensors_imu tlm"},
     };
+    const sensors_imu_config good = config_;
     for (const row &r : rows) {
-        config_.sampling_frequency = r.frequency;
-        config_.sampling_rate_div = r.div;
-        EXPECT_FALSE(make()) << r.message;
-        EXPECT_THAT(messages(), ElementsAre(r.message));
+        SCOPED_TRACE(r.message);
+        config_ = good;
+        r.arrange();
+        EXPECT_FALSE(make(r.sched));
+        EXPECT_THAT(messages("imu"), ElementsAre(r.message));
+        std::filesystem::remove(root_.at("/factory/flight_imu_thermal_bias"));
     }
+
+    ASSERT_EQ(sched_config_parse_line("vcam other 0 - self", &e), 0);
+    ASSERT_EQ(sched_config_add(imu_only, e), 0);
+    config_ = good;
+    config_.thread_cfg = names;
+    config_.thread_cfg_count = 2;
+    EXPECT_TRUE(make(imu_only));
+    EXPECT_THAT(messages("imu"), IsEmpty());
+    sched_config_destroy(empty);
+    sched_config_destroy(imu_only);
 }
 
 TEST_F(ImuTest, NullArgumentsAndHandles)
 {
-    EXPECT_EQ(imu_new(nullptr, iio_.get(), nullptr, &data_), nullptr);
-    EXPECT_EQ(imu_new(&config_, nullptr, nullptr, &data_), nullptr);
-    EXPECT_EQ(imu_new(&config_, iio_.get(), nullptr, nullptr), nullptr);
-    EXPECT_EQ(imu_start(nullptr), -EINVAL);
-    EXPECT_EQ(imu_stop(nullptr), -EINVAL);
-    EXPECT_EQ(imu_wait(nullptr), -EINVAL);
+    EXPECT_FALSE(imu_new(nullptr, iio_.get(), nullptr, &data_));
+    EXPECT_FALSE(imu_new(&config_, nullptr, nullptr, &data_));
+    EXPECT_FALSE(imu_new(&config_, iio_.get(), nullptr, nullptr));
     uint32_t mask = 0;
-    EXPECT_EQ(imu_read(nullptr, &mask), -EINVAL);
-    EXPECT_EQ(imu_tlm_push(nullptr), -EINVAL);
+    for (int r : {imu_start(nullptr), imu_stop(nullptr), imu_wait(nullptr), imu_read(nullptr, &mask),
+                  imu_tlm_push(nullptr)})
+        EXPECT_EQ(r, -EINVAL);
     imu_destroy(nullptr);
-    EXPECT_TRUE(messages().empty());
-}
-
-TEST_F(ImuTest, SchedulingNamesAreAppliedInOrderAndTheirFailureIsFatal)
-{
-    sched_config *sched = sched_config_new();
-    ASSERT_NE(sched, nullptr);
-    sched_entry e{};
-    ASSERT_EQ(sched_config_parse_line("imu other 0 - self", &e), 0);
-    ASSERT_EQ(sched_config_add(sched, e), 0);
-
-    // The default names: "imu" is there, "imu_spi" is not.
-    EXPECT_FALSE(make(sched));
-    EXPECT_THAT(messages(), ElementsAre("imu_new:L: can't reconfigure spi imu thread err=2(No such file or directory)"));
-
-    // The configured names replace the defaults.
-    const char *names[] = {"imu", "vcam"};
-    config_.thread_cfg = names;
-    config_.thread_cfg_count = 2;
-    EXPECT_FALSE(make(sched));
-    EXPECT_THAT(messages(), ElementsAre("imu_new:L: can't reconfigure vcam thread err=2(No such file or directory)"));
-    ASSERT_EQ(sched_config_parse_line("vcam other 0 - self", &e), 0);
-    ASSERT_EQ(sched_config_add(sched, e), 0);
-    EXPECT_TRUE(make(sched));
-    EXPECT_TRUE(messages().empty());
-
-    config_.thread_cfg = nullptr;
-    config_.thread_cfg_count = 0;
-    sched_config *empty = sched_config_new();
-    EXPECT_FALSE(make(empty));
-    EXPECT_THAT(messages(), ElementsAre("imu_new:L: can't reconfigure imu thread: err=2(No such file or directory)"));
-    sched_config_destroy(empty);
-    sched_config_destroy(sched);
-}
-
-TEST_F(ImuTest, CalibrationAndTelemetryFailuresAreFatal)
-{
-    root_.write("/factory/flight_imu_thermal_bias", "Temp_0_K nonsense\n");
-    EXPECT_FALSE(make());
-    auto texts = messages();
-    ASSERT_FALSE(texts.empty());
-    EXPECT_EQ(texts.back(), "can't init calibration");
-    cap_.take();
-
-    root_.write("/factory/flight_imu_thermal_bias", "Temp_0_K 318.15\nTemp_Min_Max_K 303.15 333.15\n");
-    config_.tlm_section = "not a/section";
-    EXPECT_FALSE(make());
-    EXPECT_THAT(cap_.texts("imu"), ElementsAre("failed to create sensors_imu tlm"));
+    EXPECT_THAT(messages("imu"), IsEmpty());
 }
 
 TEST_F(ImuTest, RateDividerIsWrittenOnlyWhenConfigured)
@@ -173,21 +148,19 @@ TEST_F(ImuTest, RateDividerIsWrittenOnlyWhenConfigured)
     iio_device *trigger = iio_context_find_device(iio_.get(), "orlune-imu-trig");
     ASSERT_NE(trigger, nullptr);
     ASSERT_EQ(iio_device_attr_write_longlong(trigger, "rate_divider", 3), 0);
-
+    long long div = 0;
     config_.sampling_rate_div = 0; // batches of 5, divider left alone
     imu_ptr imu = make();
     ASSERT_TRUE(imu);
-    long long div = 0;
     ASSERT_EQ(iio_device_attr_read_longlong(trigger, "rate_divider", &div), 0);
     EXPECT_EQ(div, 3);
     imu.reset();
 
     config_.sampling_rate_div = 1;
-    imu = make();
+    imu = start();
     ASSERT_TRUE(imu);
     ASSERT_EQ(iio_device_attr_read_longlong(trigger, "rate_divider", &div), 0);
     EXPECT_EQ(div, 1);
-    ASSERT_EQ(imu_start(imu.get()), 0);
     uint32_t mask = 0x80;
     ASSERT_EQ(imu_wait(imu.get()), 0);
     ASSERT_EQ(imu_read(imu.get(), &mask), 0);
@@ -198,14 +171,13 @@ TEST_F(ImuTest, RateDividerIsWrittenOnlyWhenConfigured)
 
 TEST_F(ImuTest, ShortBatchIsPublishedWithAWarning)
 {
-    imu_ptr imu = make();
+    imu_ptr imu = start();
     ASSERT_TRUE(imu);
-    ASSERT_EQ(imu_start(imu.get()), 0);
     uint32_t mask = 0;
     ASSERT_EQ(imu_wait(imu.get()), 0);
     ASSERT_EQ(imu_read(imu.get(), &mask), 0);
     ASSERT_EQ(data_.nb_samples, 5);
-    EXPECT_TRUE(messages().empty());
+    EXPECT_THAT(messages("imu"), IsEmpty());
 
     sim::scenario_fault fault;
     fault.kind = sim::fault_kind::short_batch;
@@ -220,7 +192,7 @@ TEST_F(ImuTest, ShortBatchIsPublishedWithAWarning)
         seen = data_.nb_samples == 3;
     }
     ASSERT_TRUE(seen);
-    EXPECT_THAT(messages(), ElementsAre("samples count mismatch: nb_read:3, fifo_size:5"));
+    EXPECT_THAT(messages("imu"), ElementsAre("4 samples count mismatch: nb_read:3, fifo_size:5"));
     EXPECT_EQ(imu_tlm_push(imu.get()), 0);
 }
 
@@ -230,26 +202,12 @@ TEST_F(ImuTest, CalibrationActsOnVehicleAxesUnlessRotationComesAfterIt)
     root_.write("/factory/flight_imu_thermal_bias",
                 "Temp_0_K 318.15\nTemp_Min_Max_K 303.15 333.15\nPoly_AccY_bias_m_s2_K 1 1.0\n");
     config_.rotation_after_calib = 0;
-    imu_ptr imu = make();
-    ASSERT_TRUE(imu);
-    ASSERT_EQ(imu_start(imu.get()), 0);
-    double vehicle_axes = mean_accel_y(imu.get()); // -raw - 1
-    imu.reset();
-
+    const double vehicle_axes = mean_accel_y(); // -raw - 1
     config_.rotation_after_calib = 1;
-    imu = make();
-    ASSERT_TRUE(imu);
-    ASSERT_EQ(imu_start(imu.get()), 0);
-    double sensor_axes = mean_accel_y(imu.get()); // -(raw - 1)
+    const double sensor_axes = mean_accel_y(); // -(raw - 1)
     EXPECT_NEAR(sensor_axes - vehicle_axes, 2.0, 0.05);
-    imu.reset();
-
     config_.rotation_enabled = 0; // calibrated only: raw - 1
-    imu = make();
-    ASSERT_TRUE(imu);
-    ASSERT_EQ(imu_start(imu.get()), 0);
-    double unrotated = mean_accel_y(imu.get());
-    EXPECT_NEAR(unrotated + sensor_axes, 0.0, 0.05);
+    EXPECT_NEAR(mean_accel_y() + sensor_axes, 0.0, 0.05);
 }
 
 } // namespace

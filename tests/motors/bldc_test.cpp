@@ -2,65 +2,50 @@
 // The motor controller module against the virtual vehicle's controller,
 // through genuine libiio.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <iio.h>
 #include <sensors/motors.h>
-#include <stdlib.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <chrono>
+#include <cstdio>
 #include <cstring>
 #include <functional>
 #include <memory>
 #include <string>
 #include <thread>
 
-#include "platform/failpoint.h"
 #include "platform/shm_telemetry.h"
 #include "platform/time_helpers.h"
-#include "sim/iiod_server.h"
-#include "support/sim_iio.h"
-#include "support/test_env.h"
+#include "support/device_fixture.h"
 
-using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
-using ::testing::Not;
 
 namespace {
 
-struct bldc_deleter {
-    void operator()(bldc_cypress_ctx *c) const { bldc_cypress_destroy(c); }
-};
-using bldc_ptr = std::unique_ptr<bldc_cypress_ctx, bldc_deleter>;
+using bldc_ptr = std::unique_ptr<bldc_cypress_ctx, decltype(&bldc_cypress_destroy)>;
 
-class BldcTest : public ::testing::Test {
+class BldcTest : public device_test {
 protected:
-    void SetUp() override
-    {
-        setenv("ORLUNE_TLM_DIR", (root_.path() + "/tlm").c_str(), 1);
-        ASSERT_EQ(connect_sim(sim::default_scenario(), &server_, &iio_), "");
-        config_ = {1, 0, "orlune-esc", "orlune-esc-trig", 200, 0};
-    }
-    void TearDown() override
-    {
-        bldc_.reset();
-        iio_.reset();
-        server_.reset();
-        failpoint_disarm_all();
-        unsetenv("IIOD_REMOTE");
-    }
-
     bldc_ptr make()
     {
-        return bldc_ptr(bldc_cypress_new(&config_, iio_.get(), spin_dir_, nullptr, &data_.motors, &data_.motors_info));
+        return {bldc_cypress_new(&config_, iio_.get(), spin_dir_, nullptr, &data_.motors, &data_.motors_info),
+                bldc_cypress_destroy};
     }
     void start()
     {
         bldc_ = make();
         ASSERT_TRUE(bldc_);
         ASSERT_EQ(bldc_cypress_start(bldc_.get()), 0);
+    }
+    // Starts the motors and waits until they spin at idle; forgets the
+    // messages of it.
+    void spin_up()
+    {
+        start();
+        ASSERT_TRUE(read_until([](const sensors_motors_data &m) { return m.status[0] == 1; }));
+        command(BLDC_ACTION_START);
+        ASSERT_TRUE(read_until([](const sensors_motors_data &m) { return m.spinning == 1; }));
+        messages("bldc");
     }
 
     // One read with the current time as the IMU's; returns the mask.
@@ -89,45 +74,25 @@ protected:
         sensors_motor_command c{action, {speed, speed, speed, speed}, stop_code};
         EXPECT_EQ(bldc_cypress_write(bldc_.get(), &c), 0);
     }
-    // "bldc_cypress_new:123: ..." as "bldc_cypress_new:L: ...".
-    static std::string without_line(const std::string &text)
-    {
-        const std::string fn = "bldc_cypress_new:";
-        const size_t colon = text.find(':', fn.size());
-        if (text.rfind(fn, 0) != 0 || colon == std::string::npos ||
-            text.find_first_not_of("0123456789", fn.size()) != colon)
-            return text;
-        return fn + "L" + text.substr(colon);
-    }
-    // Messages of the tag "bldc" as "priority text", creation's line numbers as "L".
-    std::vector<std::string> messages()
-    {
-        std::vector<std::string> out;
-        for (const log_record &r : cap_.take())
-            if (r.tag == "bldc")
-                out.push_back(std::to_string(r.priority) + " " + without_line(r.text));
-        return out;
-    }
 
-    // The messages of the status and error rules: without the warnings of
-    // samples that a slow reader let queue up, which depend on timing.
-    std::vector<std::string> rule_messages()
+    // The messages of "bldc" that contain one of the words (keep), or none of them.
+    std::vector<std::string> filtered(std::initializer_list<const char *> words, bool keep)
     {
         std::vector<std::string> out;
-        for (const std::string &m : messages())
-            if (m.find("samples flushed") == std::string::npos)
+        for (const std::string &m : messages("bldc")) {
+            bool found = false;
+            for (const char *w : words)
+                found |= m.find(w) != std::string::npos;
+            if (found == keep)
                 out.push_back(m);
+        }
         return out;
     }
 
-    test_root root_;
-    log_capture cap_;
-    std::unique_ptr<sim::iiod_server> server_;
-    iio_ptr iio_;
-    sensors_bldc_config config_{};
+    sensors_bldc_config config_{1, 0, "orlune-esc", "orlune-esc-trig", 200, 0};
     sensors_data data_{};
     uint8_t spin_dir_[8] = {9, 9, 9, 9, 9, 9, 9, 9};
-    bldc_ptr bldc_;
+    bldc_ptr bldc_{nullptr, bldc_cypress_destroy};
     uint32_t last_mask_ = 0;
 };
 
@@ -151,44 +116,42 @@ TEST_F(BldcTest, CreationFillsInfoSpinDirectionsAndSection)
     EXPECT_EQ(view.sample_count, 400u);
     EXPECT_EQ(view.period_us, 5000u);
     tlm_view_close(&view);
-    EXPECT_THAT(messages(), IsEmpty());
 }
 
+// Every refusal of creation, with what it says under "bldc".
 TEST_F(BldcTest, CreationRefusals)
 {
-    for (int32_t hz : {0, -200, 1000001}) {
-        config_.tlm_frequency = hz;
-        EXPECT_FALSE(make()) << hz;
+    EXPECT_FALSE(bldc_cypress_new(nullptr, iio_.get(), spin_dir_, nullptr, &data_.motors, &data_.motors_info));
+    EXPECT_FALSE(bldc_cypress_new(&config_, iio_.get(), spin_dir_, nullptr, nullptr, &data_.motors_info));
+    EXPECT_FALSE(bldc_cypress_new(&config_, iio_.get(), spin_dir_, nullptr, &data_.motors, nullptr));
+    auto arm = [](const char *point) { return [point] { failpoint_arm(point, -EPERM, 1); }; };
+    const struct row {
+        const char *what;
+        std::function<void()> arrange;
+        std::vector<std::string> messages;
+    } rows[] = {
+        {"0 Hz", [&] { config_.tlm_frequency = 0; }, {}},
+        {"-200 Hz", [&] { config_.tlm_frequency = -200; }, {}},
+        {"1000001 Hz", [&] { config_.tlm_frequency = 1000001; }, {}},
+        {"no trigger", [&] { config_.trigger = "orlune-nothing-trig"; }, {}},
+        {"no device", [&] { config_.device = "orlune-nothing"; }, {}},
+        {"scheduling", arm("sched_config_apply"), {"3 can't reconfigure thread bldc: Operation not permitted"}},
+        {"producer", arm("shm_producer_create"), {"3 failed to create sensors_bldc tlm"}},
+        {"layout", arm("shm_producer_register_struct"),
+         {"3 bldc_cypress_new:L: failed to register tlm bldc struct err=1(Operation not permitted)"}},
+        {"completion", arm("shm_producer_complete"),
+         {"3 bldc_cypress_new:L: producer_complete err=1(Operation not permitted)"}},
+    };
+    const sensors_bldc_config good = config_;
+    for (const row &r : rows) {
+        SCOPED_TRACE(r.what);
+        config_ = good;
+        r.arrange();
+        EXPECT_FALSE(make());
+        EXPECT_EQ(messages("bldc"), r.messages);
     }
-    EXPECT_THAT(messages(), IsEmpty());
     config_.tlm_frequency = 1; // two samples of one second
     EXPECT_TRUE(make());
-
-    config_.tlm_frequency = 200;
-    EXPECT_EQ(bldc_cypress_new(nullptr, iio_.get(), spin_dir_, nullptr, &data_.motors, &data_.motors_info), nullptr);
-    EXPECT_EQ(bldc_cypress_new(&config_, iio_.get(), spin_dir_, nullptr, nullptr, &data_.motors_info), nullptr);
-    EXPECT_EQ(bldc_cypress_new(&config_, iio_.get(), spin_dir_, nullptr, &data_.motors, nullptr), nullptr);
-    config_.trigger = "orlune-nothing-trig";
-    EXPECT_FALSE(make());
-    config_.trigger = "orlune-esc-trig";
-    config_.device = "orlune-nothing";
-    EXPECT_FALSE(make());
-    config_.device = "orlune-esc";
-    messages();
-
-    struct row {
-        const char *failpoint;
-        std::string message;
-    };
-    for (const row &r : {row{"sched_config_apply", "3 can't reconfigure thread bldc: Operation not permitted"},
-                         row{"shm_producer_create", "3 failed to create sensors_bldc tlm"},
-                         row{"shm_producer_register_struct",
-                             "3 bldc_cypress_new:L: failed to register tlm bldc struct err=1(Operation not permitted)"},
-                         row{"shm_producer_complete", "3 bldc_cypress_new:L: producer_complete err=1(Operation not permitted)"}}) {
-        failpoint_arm(r.failpoint, -EPERM, 1);
-        EXPECT_FALSE(make()) << r.failpoint;
-        EXPECT_THAT(messages(), ElementsAre(r.message));
-    }
 }
 
 TEST_F(BldcTest, FirstReadFlushesQuietlyAndReports)
@@ -196,24 +159,21 @@ TEST_F(BldcTest, FirstReadFlushesQuietlyAndReports)
     start();
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
     EXPECT_EQ(read(), SENSORS_UPDATED_MOTORS | SENSORS_UPDATED_MOTORS_INFO);
-    EXPECT_THAT(messages(), ElementsAre("6 orlune-esc: Motors controller HW 5 / FW 2.7.R.1312",
-                                        "5 EVT:ESC;flight_time=3600;last_error='none';device='orlune-esc'"));
+    EXPECT_THAT(messages("bldc"), ElementsAre("6 orlune-esc: Motors controller HW 5 / FW 2.7.R.1312",
+                                              "5 EVT:ESC;flight_time=3600;last_error='none';device='orlune-esc'"));
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
     EXPECT_EQ(read(), SENSORS_UPDATED_MOTORS);
     // Samples stamped on the monotonic clock, at most a period apart from the limit.
     timespec now;
     monotonic_now(&now);
-    int64_t now_ns = 0, stamp_ns = 0;
-    timespec_to_ns(&now, &now_ns);
-    timespec_to_ns(&data_.motors.timestamp, &stamp_ns);
-    EXPECT_LT(std::llabs(now_ns - stamp_ns), 100000000LL);
+    EXPECT_TRUE(age_within(&now, &data_.motors.timestamp, 100000, nullptr));
     EXPECT_EQ(data_.motors.idle, 1u);
     EXPECT_NEAR(data_.motors.voltage, 12.6f, 0.001f);
 
-    messages();
+    messages("bldc");
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     EXPECT_EQ(read(), SENSORS_UPDATED_MOTORS);
-    const std::vector<std::string> warned = messages();
+    const std::vector<std::string> warned = messages("bldc");
     ASSERT_EQ(warned.size(), 1u);
     // About 100 ms of samples at 200 Hz, less the one kept.
     unsigned flushed = 0;
@@ -228,12 +188,8 @@ TEST_F(BldcTest, NoSampleLeavesTheRecordAlone)
     start();
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
     read();
-    sim::scenario_fault stall;
-    stall.kind = sim::fault_kind::stall;
-    stall.device = "orlune-esc";
-    stall.duration_s = 10;
-    ASSERT_EQ(server_->inject(stall), 0);
-    messages();
+    ASSERT_EQ(server_->inject({.kind = sim::fault_kind::stall, .device = "orlune-esc", .duration_s = 10}), 0);
+    messages("bldc");
     // The stall empties the queue: the flush waits in vain for the samples
     // due up to a limit a second ahead.
     timespec later;
@@ -245,7 +201,7 @@ TEST_F(BldcTest, NoSampleLeavesTheRecordAlone)
     EXPECT_EQ(bldc_cypress_read(bldc_.get(), &mask, &later), 0);
     EXPECT_EQ(mask, 0x100u);
     EXPECT_EQ(std::memcmp(&before, &data_.motors, sizeof before), 0);
-    EXPECT_THAT(messages(), IsEmpty());
+    EXPECT_THAT(messages("bldc"), IsEmpty());
 }
 
 TEST_F(BldcTest, StartRampSpinStopBrakeAndFlightTime)
@@ -269,11 +225,8 @@ TEST_F(BldcTest, StartRampSpinStopBrakeAndFlightTime)
     EXPECT_LT(data_.motors.voltage, 11.8f); // the supply sags under load
     std::this_thread::sleep_for(std::chrono::milliseconds(700));
 
-    std::vector<std::string> seen;
-    for (const std::string &m : messages())
-        if (m.find("BLDC_ACTION") != std::string::npos || m.find("write speeds") != std::string::npos)
-            seen.push_back(m);
-    EXPECT_THAT(seen, ElementsAre("7 BLDC_ACTION_START", "7 write speeds : 9000 9000 9000 9000"));
+    EXPECT_THAT(filtered({"BLDC_ACTION", "write speeds"}, true),
+                ElementsAre("7 BLDC_ACTION_START", "7 write speeds : 9000 9000 9000 9000"));
 
     command(BLDC_ACTION_STOP);
     command(BLDC_ACTION_STOP_CODE, 240); // a stop already pending: ignored
@@ -285,14 +238,10 @@ TEST_F(BldcTest, StartRampSpinStopBrakeAndFlightTime)
     EXPECT_EQ(data_.motors.idle, 1u);
     EXPECT_EQ(data_.motors.spinning, 2u);
     EXPECT_GE(data_.motors_info.flight_time, 3601u);
-    std::vector<std::string> events;
-    for (const std::string &m : messages())
-        if (m.find("EVT:ESC") != std::string::npos || m.find("BLDC_ACTION") != std::string::npos ||
-            m.find("Retrieving") != std::string::npos)
-            events.push_back(m);
-    EXPECT_THAT(events, ElementsAre("7 BLDC_ACTION_STOP", "7 Retrieving motor infos",
-                                    "5 EVT:ESC;flight_time=" + std::to_string(data_.motors_info.flight_time) +
-                                        ";device='orlune-esc'"));
+    EXPECT_THAT(filtered({"EVT:ESC", "BLDC_ACTION", "Retrieving"}, true),
+                ElementsAre("7 BLDC_ACTION_STOP", "7 Retrieving motor infos",
+                            "5 EVT:ESC;flight_time=" + std::to_string(data_.motors_info.flight_time) +
+                                ";device='orlune-esc'"));
     // The stop's outcome stays while nothing is pending.
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
     EXPECT_EQ(read(), SENSORS_UPDATED_MOTORS);
@@ -301,17 +250,14 @@ TEST_F(BldcTest, StartRampSpinStopBrakeAndFlightTime)
 
 TEST_F(BldcTest, StopCodesAndUnknownActions)
 {
-    start();
-    ASSERT_TRUE(read_until([](const sensors_motors_data &m) { return m.status[0] == 1; }));
-    command(BLDC_ACTION_START);
-    ASSERT_TRUE(read_until([](const sensors_motors_data &m) { return m.ramp_state == 1; }));
-    messages();
+    ASSERT_NO_FATAL_FAILURE(spin_up());
     for (uint32_t action : {0u, 2u, 6u, 7u, 10u, 0xFFFFFFFFu})
         command(action, 7, 9000);
     for (int i = 0; i < 40; i++)
         read();
     EXPECT_EQ(data_.motors.status[0], 3u); // no speeds taken, no stop
-    EXPECT_THAT(rule_messages(), IsEmpty());
+    // Samples that the reads let queue up are flushed with a warning.
+    EXPECT_THAT(filtered({"samples flushed"}, false), IsEmpty());
 
     // A coded stop stops the motors without a pending request.
     command(BLDC_ACTION_STOP_CODE, 0x307);
@@ -324,20 +270,12 @@ TEST_F(BldcTest, StopCodesAndUnknownActions)
 
 TEST_F(BldcTest, MotorErrorEventsAndFaultStop)
 {
-    start();
-    ASSERT_TRUE(read_until([](const sensors_motors_data &m) { return m.status[0] == 1; }));
-    command(BLDC_ACTION_START);
-    ASSERT_TRUE(read_until([](const sensors_motors_data &m) { return m.spinning == 1; }));
-    messages();
-    sim::scenario_fault f;
-    f.kind = sim::fault_kind::motor_error;
-    f.device = "orlune-esc";
-    f.motor = 2;
-    f.code = 2;
+    ASSERT_NO_FATAL_FAILURE(spin_up());
     // Long enough for a loaded machine's reads to see the controller at rest
     // on the fault (status 6, detail 5) before the error clears.
-    f.duration_s = 1.5;
-    ASSERT_EQ(server_->inject(f), 0);
+    ASSERT_EQ(server_->inject({.kind = sim::fault_kind::motor_error, .device = "orlune-esc", .duration_s = 1.5,
+                               .motor = 2, .code = 2}),
+              0);
     ASSERT_TRUE(read_until([](const sensors_motors_data &m) { return m.error[2] == 2; }));
     EXPECT_EQ(data_.motors.nominal, 2u);
     command(BLDC_ACTION_STOP);
@@ -346,13 +284,10 @@ TEST_F(BldcTest, MotorErrorEventsAndFaultStop)
     EXPECT_EQ(data_.motors.status[0], 6u);
     EXPECT_EQ(data_.motors.status[1], 5u);
     ASSERT_TRUE(read_until([](const sensors_motors_data &m) { return m.error[2] == 0; }));
-    // Flight-time reports depend on timing, not on the error rules.
-    std::vector<std::string> got;
-    for (const std::string &m : rule_messages())
-        if (m.find("flight_time") == std::string::npos)
-            got.push_back(m);
-    EXPECT_THAT(got, ElementsAre("5 EVT:ESC;error_m2='stall';can_clear='yes';device='orlune-esc'",
-                                 "6 orlune-esc: motor(2) error cleared"));
+    // Flushes and flight-time reports depend on timing, not on the error rules.
+    EXPECT_THAT(filtered({"samples flushed", "flight_time"}, false),
+                ElementsAre("5 EVT:ESC;error_m2='stall';can_clear='yes';device='orlune-esc'",
+                            "6 orlune-esc: motor(2) error cleared"));
     EXPECT_EQ(data_.motors_info.last_error, 2u);
 }
 

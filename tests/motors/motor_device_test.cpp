@@ -16,11 +16,12 @@ TEST(MotorScenario, KeysAndFaultsParseAndAreChecked)
                              "supply-voltage = 16.8; flight-time = 42; } ); faults = ( ";
     sim::scenario s;
     std::string error;
-    ASSERT_EQ(sim::scenario_parse(
-                  (head + "{ at = 1.0; kind = \"motor-error\"; device = \"esc\"; motor = 3; code = 11; } ); };").c_str(),
-                  &s, &error),
-              0)
-        << error;
+    // A scenario whose one fault is a motor error with these keys.
+    auto parse = [&](const std::string &keys) {
+        const std::string text = head + "{ at = 1.0; kind = \"motor-error\"; device = \"esc\"; " + keys + " } ); };";
+        return sim::scenario_parse(text.c_str(), &s, &error);
+    };
+    ASSERT_EQ(parse("motor = 3; code = 11;"), 0) << error;
     ASSERT_EQ(s.devices.size(), 1u);
     EXPECT_EQ(s.devices[0].kind, sim::device_kind::motors);
     EXPECT_EQ(s.devices[0].supply_voltage, 16.8);
@@ -30,9 +31,7 @@ TEST(MotorScenario, KeysAndFaultsParseAndAreChecked)
     EXPECT_EQ(s.faults[0].motor, 3);
     EXPECT_EQ(s.faults[0].code, 11);
     for (const char *bad : {"motor = 4; code = 2;", "motor = -1; code = 2;", "motor = 0; code = 256;"}) {
-        const std::string text =
-            head + "{ at = 1.0; kind = \"motor-error\"; device = \"esc\"; " + bad + " } ); };";
-        EXPECT_EQ(sim::scenario_parse(text.c_str(), &s, &error), -EINVAL) << bad;
+        EXPECT_EQ(parse(bad), -EINVAL) << bad;
         EXPECT_EQ(error, "motor-error: motor must be 0..3 and code 0..255") << bad;
     }
 }
@@ -100,11 +99,7 @@ TEST_F(MotorModel, StartRampSpinStopBrake)
 
 TEST_F(MotorModel, MotorErrorStopsTheControllerUnlessSingleStallInFlight)
 {
-    sim::scenario_fault f;
-    f.kind = sim::fault_kind::motor_error;
-    f.motor = 1;
-    f.code = 2;
-    f.duration_s = 1.0;
+    sim::scenario_fault f{.kind = sim::fault_kind::motor_error, .duration_s = 1.0, .motor = 1, .code = 2};
     ASSERT_EQ(model_.write_attr("spin", "1", 0.2), 0);
     ASSERT_EQ(model_.write_attr("speeds", "6000 6000 6000 6000", 1.0), 0);
     ASSERT_EQ(model_.write_attr("single_stall", "1", 1.0), 0);
