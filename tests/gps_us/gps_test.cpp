@@ -42,13 +42,7 @@ protected:
         ASSERT_EQ(message_build(&f, id, fmt, args...), 0);
         ASSERT_EQ(server_broadcast(server_, &f), 1);
     }
-    // One cycle: the bits the module set.
-    uint32_t read()
-    {
-        uint32_t mask = 0;
-        EXPECT_EQ(gps_read(gps_, &mask), 0);
-        return mask;
-    }
+    uint32_t read() { return read_bits(gps_read, gps_); }
 
     msg_server *server_ = nullptr;
     sensors_gps_data data_{};
@@ -114,6 +108,17 @@ TEST_F(Gps, TextsKeepTheirPlaces)
     EXPECT_EQ(data_.updated, SENSORS_GPS_UPDATED_FW);
     EXPECT_EQ(std::string(data_.fw_text_1), sixty.substr(0, 49));
     EXPECT_STREQ(data_.fw_text_2, "v2");
+
+    // The debug lines carry the decoded values, the text as the record keeps it.
+    ASSERT_EQ(log_set_levels("info,gps=debug"), 0);
+    send(0, "%lf%lf%lf%lf%lu", 1.0, 2.0, 3.0, 4.0, uint64_t(5));
+    send(1, "%f%f%f%i%u%s", 1.0, 2.0, 3.0, 4, 5u, "GNSS-L1");
+    send(3, "%s%s", "fw", "hw");
+    read();
+    EXPECT_THAT(cap_.texts("gps"),
+                ElementsAre("loc 1.000000 2.000000 3.000000 4.000000 5",
+                            "ex com 1.000000 2.000000 3.000000 4 5 GNSS", "fw fw hw"));
+    log_set_levels("info");
 }
 
 TEST_F(Gps, UnknownAndUndecodableMessagesAreReported)
@@ -134,19 +139,6 @@ TEST_F(Gps, UnknownAndUndecodableMessagesAreReported)
 
     gps_client_cb(nullptr, 7, nullptr, nullptr, gps_);
     EXPECT_THAT(cap_.texts("gps"), ElementsAre("Unknown msg_socket event : 7"));
-}
-
-TEST_F(Gps, DebugLinesCarryTheDecodedValues)
-{
-    ASSERT_EQ(log_set_levels("info,gps=debug"), 0);
-    send(0, "%lf%lf%lf%lf%lu", 1.0, 2.0, 3.0, 4.0, uint64_t(5));
-    send(1, "%f%f%f%i%u%s", 1.0, 2.0, 3.0, 4, 5u, "GNSS-L1");
-    send(3, "%s%s", "fw", "hw");
-    read();
-    EXPECT_THAT(cap_.texts("gps"),
-                ElementsAre("loc 1.000000 2.000000 3.000000 4.000000 5",
-                            "ex com 1.000000 2.000000 3.000000 4 5 GNSS", "fw fw hw"));
-    log_set_levels("info");
 }
 
 TEST_F(Gps, ADaemonThatRestartsIsFoundAgain)

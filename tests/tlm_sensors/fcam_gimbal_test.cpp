@@ -73,12 +73,11 @@ TEST(FcamGimbal, ACreationThatFailsSaysWhereAndLeavesNothing)
     tlm_root root;
     const sensors_enabled_config config{1};
     sensors_fcam_gimbal_data gimbal{};
-    struct row {
+    const struct row {
         const char *point;
         int err;
         const char *text;
-    };
-    const row rows[] = {
+    } rows[] = {
         {"shm_consumer_create", -ENOMEM, "Unable to create shm_consumer"},
         {"shm_consumer_register", -EIO, "Unable to register telemetry array: Input/output error"},
         {"shm_consumer_complete", -ENOMEM, "Unable to complete telemetry consumer registration"},

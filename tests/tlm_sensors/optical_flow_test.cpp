@@ -5,7 +5,6 @@
 
 #include <sensors/tlm_sensors.h>
 
-#include <cerrno>
 #include <cstring>
 #include <thread>
 

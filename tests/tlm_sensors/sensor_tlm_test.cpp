@@ -1,116 +1,48 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <gtest/gtest.h>
+// The telemetry section reader, reading the carpet estimator's section into
+// a record laid out as the section.
+#include <gmock/gmock.h>
 
 #include <sensors/data.h>
 #include <sensors/sensor_tlm.h>
 
 #include <cerrno>
-#include <cctype>
-#include <string>
+#include <cstring>
 
 #include "platform/failpoint.h"
-#include "platform/shm_telemetry.h"
 #include "platform/telemetry_test_util.h"
+#include "tlm_producer.h"
 
 namespace {
 
-// The carpet estimator's section, described as the carpet module does.
-constexpr tlm_field_desc kCarpetFields[] = {
-    {offsetof(sensors_carpet_data, position_x), "position_x", TLM_TYPE_FLOAT, 0, 4, 1, {}},
-    {offsetof(sensors_carpet_data, position_y), "position_y", TLM_TYPE_FLOAT, 0, 4, 1, {}},
-    {offsetof(sensors_carpet_data, position_z), "position_z", TLM_TYPE_FLOAT, 0, 4, 1, {}},
-    {offsetof(sensors_carpet_data, orientation), "orientation", TLM_TYPE_FLOAT, 0, 4, 1, {}},
-    {offsetof(sensors_carpet_data, nb_targets), "nb_targets", TLM_TYPE_UINT32, 0, 4, 1, {}},
-};
-constexpr tlm_struct_desc kCarpet{0, 5, kCarpetFields};
+using ::testing::ElementsAre;
+using ::testing::MatchesRegex;
+
 constexpr const char *kSection = "vision_carpet_estimation";
 
-// "sensor_tlm_start:<line>: <tail>" with a decimal line number.
-bool start_failure(const std::string &text, const std::string &tail)
+class SensorTlm : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_EQ(sensor_tlm_init(&reader_, kSection, &desc_, &out_, &stamp_), 0); }
+    void TearDown() override { sensor_tlm_clean(&reader_); }
+
+    tlm_root root_;
+    log_capture cap_;
+    const std::vector<tlm_field_desc> fields_ = carpet_fields();
+    const tlm_struct_desc desc_{0, fields_.size(), fields_.data()};
+    carpet_sample out_{};
+    timespec stamp_{};
+    sensor_tlm reader_{};
+};
+
+TEST_F(SensorTlm, FilterErrorRules)
 {
-    const std::string head = "sensor_tlm_start:";
-    size_t colon = text.find(": ", head.size());
-    if (text.rfind(head, 0) != 0 || colon == std::string::npos || colon == head.size())
-        return false;
-    for (size_t i = head.size(); i < colon; i++)
-        if (!isdigit(static_cast<unsigned char>(text[i])))
-            return false;
-    return text.substr(colon + 2) == tail;
-}
-
-// The estimator: publishes one sample per step, ends on 'q'.
-int estimator(const child_process::link &link)
-{
-    struct {
-        float px, py, pz, orientation;
-        uint32_t targets;
-    } out{};
-    static const tlm_field_desc fields[] = {
-        {0, "position_x", TLM_TYPE_FLOAT, 0, 4, 1, {}},  {4, "position_y", TLM_TYPE_FLOAT, 0, 4, 1, {}},
-        {8, "position_z", TLM_TYPE_FLOAT, 0, 4, 1, {}},  {12, "orientation", TLM_TYPE_FLOAT, 0, 4, 1, {}},
-        {16, "nb_targets", TLM_TYPE_UINT32, 0, 4, 1, {}},
-    };
-    static const tlm_struct_desc desc{0, 5, fields};
-    shm_producer *p = producer_create(kSection, 30, 33333);
-    if (!p || producer_register_struct(p, &out, nullptr, &desc) < 0 || producer_complete(p) < 0)
-        return 1;
-    link.signal();
-    for (int i = 1; link.wait() == '.'; i++) {
-        out.px = 1.5f * float(i);
-        out.orientation = 0.1f;
-        out.targets = uint32_t(i);
-        timespec ts{50 + i, 0};
-        producer_put_sample(p, &ts);
-        link.signal();
-    }
-    producer_destroy(p);
-    return 0;
-}
-
-TEST(SensorTlm, ErrorsBeforeTheFirstSampleAreTryAgainAndAfterItAsTheyAre)
-{
-    tlm_root root;
-    sensors_carpet_data carpet{};
-    sensor_tlm reader{};
-    ASSERT_EQ(sensor_tlm_init(&reader, kSection, &kCarpet, &carpet, &carpet.timestamp), 0);
-    ASSERT_EQ(sensor_tlm_start(&reader), 0);
-    EXPECT_EQ(sensor_tlm_read_latest(&reader), -EAGAIN); // no section at all
-    EXPECT_TRUE(reader.no_sample_yet);
-
-    child_process child(estimator);
-    ASSERT_TRUE(child.wait_step());
-    EXPECT_EQ(sensor_tlm_read_latest(&reader), -EAGAIN); // a section without a sample
-    child.step();
-    ASSERT_TRUE(child.wait_step());
-    ASSERT_EQ(sensor_tlm_read_latest(&reader), 0);
-    EXPECT_FALSE(reader.no_sample_yet);
-    EXPECT_EQ(carpet.position_x, 1.5f);
-    EXPECT_EQ(carpet.orientation, 0.1f);
-    EXPECT_EQ(carpet.nb_targets, 1);
-    EXPECT_EQ(carpet.timestamp.tv_sec, 51);
-
-    child.step('q');
-    EXPECT_EQ(child.join(), 0);
-    EXPECT_EQ(sensor_tlm_read_latest(&reader), -ENOENT); // the producer has gone
-
-    // Cleaned and started again, the grace does not come back.
-    sensor_tlm_clean(&reader);
-    EXPECT_EQ(reader.consumer, nullptr);
-    ASSERT_EQ(sensor_tlm_start(&reader), 0);
-    EXPECT_EQ(sensor_tlm_read_latest(&reader), -ENOENT);
-    sensor_tlm_clean(&reader);
-}
-
-TEST(SensorTlm, FilterErrorRules)
-{
-    struct row {
+    const struct row {
         bool have_reader;
         bool no_sample_yet;
         int result;
         int expected;
         bool flag_after;
-    };
-    const row rows[] = {
+    } rows[] = {
         {false, true, -EIO, -EIO, true},         {true, true, -EIO, -EAGAIN, true},
         {true, true, -ENOENT, -EAGAIN, true},    {true, true, 0, 0, false},
         {true, true, 3, 3, false},               {true, false, -EIO, -EIO, false},
@@ -123,77 +55,91 @@ TEST(SensorTlm, FilterErrorRules)
         EXPECT_EQ(sensor_tlm_filter_error(r.have_reader ? &reader : nullptr, r.result), r.expected);
         EXPECT_EQ(reader.no_sample_yet, r.flag_after);
     }
+
+    // The same rules through the reader: no section and a section without a
+    // sample are "try again"; after the first sample a producer that has gone
+    // is a failure, and cleaning and starting again does not bring the grace back.
+    ASSERT_EQ(sensor_tlm_start(&reader_), 0);
+    EXPECT_EQ(sensor_tlm_read_latest(&reader_), -EAGAIN);
+    test_producer<carpet_sample> estimator(kSection, carpet_fields());
+    EXPECT_EQ(sensor_tlm_read_latest(&reader_), -EAGAIN);
+    EXPECT_TRUE(reader_.no_sample_yet);
+    estimator.record = {1.5f, 0.0f, 0.0f, 0.1f, 1};
+    estimator.put({51, 0});
+    ASSERT_EQ(sensor_tlm_read_latest(&reader_), 0);
+    EXPECT_FALSE(reader_.no_sample_yet);
+    EXPECT_EQ(out_.px, 1.5f);
+    EXPECT_EQ(out_.orientation, 0.1f);
+    EXPECT_EQ(out_.targets, 1);
+    EXPECT_EQ(stamp_.tv_sec, 51);
+
+    estimator.stop();
+    EXPECT_EQ(sensor_tlm_read_latest(&reader_), -ENOENT);
+    sensor_tlm_clean(&reader_);
+    EXPECT_EQ(reader_.consumer, nullptr);
+    ASSERT_EQ(sensor_tlm_start(&reader_), 0);
+    EXPECT_EQ(sensor_tlm_read_latest(&reader_), -ENOENT);
 }
 
-TEST(SensorTlm, InitChecksItsArgumentsAndNeverTouchesAStartedReader)
+TEST_F(SensorTlm, InitChecksItsArgumentsAndNeverTouchesAStartedReader)
 {
-    tlm_root root;
-    sensors_carpet_data carpet{};
-    timespec *ts = &carpet.timestamp;
-    sensor_tlm reader{};
-    EXPECT_EQ(sensor_tlm_init(nullptr, kSection, &kCarpet, &carpet, ts), -EINVAL);
-    EXPECT_EQ(sensor_tlm_init(&reader, nullptr, &kCarpet, &carpet, ts), -EINVAL);
-    EXPECT_EQ(sensor_tlm_init(&reader, kSection, nullptr, &carpet, ts), -EINVAL);
-    EXPECT_EQ(sensor_tlm_init(&reader, kSection, &kCarpet, nullptr, ts), -EINVAL);
-    EXPECT_EQ(sensor_tlm_init(&reader, kSection, &kCarpet, &carpet, nullptr), -EINVAL);
+    sensor_tlm fresh{};
+    EXPECT_EQ(sensor_tlm_init(nullptr, kSection, &desc_, &out_, &stamp_), -EINVAL);
+    EXPECT_EQ(sensor_tlm_init(&fresh, nullptr, &desc_, &out_, &stamp_), -EINVAL);
+    EXPECT_EQ(sensor_tlm_init(&fresh, kSection, nullptr, &out_, &stamp_), -EINVAL);
+    EXPECT_EQ(sensor_tlm_init(&fresh, kSection, &desc_, nullptr, &stamp_), -EINVAL);
+    EXPECT_EQ(sensor_tlm_init(&fresh, kSection, &desc_, &out_, nullptr), -EINVAL);
 
-    ASSERT_EQ(sensor_tlm_init(&reader, kSection, &kCarpet, &carpet, ts), 0);
-    EXPECT_TRUE(reader.no_sample_yet);
-    EXPECT_EQ(reader.consumer, nullptr); // init creates nothing
-    ASSERT_EQ(sensor_tlm_start(&reader), 0);
-    EXPECT_EQ(sensor_tlm_start(&reader), -EINVAL);
-    sensor_tlm before = reader;
+    EXPECT_TRUE(reader_.no_sample_yet);
+    EXPECT_EQ(reader_.consumer, nullptr); // init creates nothing
+    ASSERT_EQ(sensor_tlm_start(&reader_), 0);
+    EXPECT_EQ(sensor_tlm_start(&reader_), -EINVAL);
+    const sensor_tlm before = reader_;
     sensors_vision_position_data other{};
-    EXPECT_EQ(sensor_tlm_init(&reader, "vcam_position", &kCarpet, &other, &other.timestamp), -EINVAL);
-    EXPECT_EQ(memcmp(&before, &reader, sizeof reader), 0);
+    EXPECT_EQ(sensor_tlm_init(&reader_, "vcam_position", &desc_, &other, &other.timestamp), -EINVAL);
+    EXPECT_EQ(memcmp(&before, &reader_, sizeof reader_), 0);
     EXPECT_EQ(sensor_tlm_start(nullptr), -EINVAL);
     EXPECT_EQ(sensor_tlm_read_latest(nullptr), -EINVAL);
-    sensor_tlm_clean(&reader);
-    sensor_tlm_clean(&reader); // nothing left to clean
-    EXPECT_EQ(reader.consumer, nullptr);
+    sensor_tlm_clean(&reader_);
+    sensor_tlm_clean(&reader_); // nothing left to clean
+    EXPECT_EQ(reader_.consumer, nullptr);
 }
 
-TEST(SensorTlm, AFailedStartSaysWhyAndLeavesTheReaderReadyForAnotherStart)
+TEST_F(SensorTlm, AFailedStartSaysWhyAndLeavesTheReaderReadyForAnotherStart)
 {
-    tlm_root root;
-    sensors_carpet_data carpet{};
-    sensor_tlm reader{};
-    ASSERT_EQ(sensor_tlm_init(&reader, kSection, &kCarpet, &carpet, &carpet.timestamp), 0);
-    log_capture cap;
-
-    failpoint_arm("shm_consumer_create", -ENOMEM, 1);
-    EXPECT_EQ(sensor_tlm_start(&reader), -ENOMEM);
-    EXPECT_EQ(reader.consumer, nullptr);
-    EXPECT_EQ(cap.texts("sensor_tlm"), std::vector<std::string>{"consumer_create failed"});
-
-    failpoint_arm("shm_consumer_register", -EIO, 1);
-    EXPECT_EQ(sensor_tlm_start(&reader), -EIO);
-    EXPECT_EQ(reader.consumer, nullptr);
-    std::vector<std::string> texts = cap.texts("sensor_tlm");
-    ASSERT_EQ(texts.size(), 1u);
-    EXPECT_TRUE(start_failure(texts[0], "consumer_register_struct err=5(Input/output error)")) << texts[0];
-
-    failpoint_arm("shm_consumer_complete", -ENOMEM, 1);
-    EXPECT_EQ(sensor_tlm_start(&reader), -ENOMEM);
-    EXPECT_EQ(reader.consumer, nullptr);
-    texts = cap.texts("sensor_tlm");
-    ASSERT_EQ(texts.size(), 1u);
-    EXPECT_TRUE(start_failure(texts[0], "consumer_complete err=12(Cannot allocate memory)")) << texts[0];
+    const struct {
+        const char *point;
+        int err;
+        const char *text;
+    } rows[] = {
+        {"shm_consumer_create", -ENOMEM, "consumer_create failed"},
+        {"shm_consumer_register", -EIO,
+         "sensor_tlm_start:[0-9]+: consumer_register_struct err=5\\(Input/output error\\)"},
+        {"shm_consumer_complete", -ENOMEM,
+         "sensor_tlm_start:[0-9]+: consumer_complete err=12\\(Cannot allocate memory\\)"},
+    };
+    for (const auto &r : rows) {
+        SCOPED_TRACE(r.point);
+        failpoint_arm(r.point, r.err, 1);
+        EXPECT_EQ(sensor_tlm_start(&reader_), r.err);
+        EXPECT_EQ(reader_.consumer, nullptr);
+        EXPECT_THAT(cap_.texts("sensor_tlm"), ElementsAre(MatchesRegex(r.text)));
+    }
 
     // A description the telemetry service refuses is a registration failure too.
-    const tlm_struct_desc empty{0, 0, kCarpetFields};
+    const tlm_struct_desc empty{0, 0, desc_.fields};
     sensor_tlm bad{};
-    ASSERT_EQ(sensor_tlm_init(&bad, kSection, &empty, &carpet, &carpet.timestamp), 0);
+    ASSERT_EQ(sensor_tlm_init(&bad, kSection, &empty, &out_, &stamp_), 0);
     EXPECT_EQ(sensor_tlm_start(&bad), -EINVAL);
     EXPECT_EQ(bad.consumer, nullptr);
-    cap.take();
+    cap_.take();
 
-    EXPECT_EQ(sensor_tlm_start(&reader), 0);
-    sensor_tlm_clean(&reader);
-    EXPECT_TRUE(cap.texts("sensor_tlm").empty());
+    EXPECT_EQ(sensor_tlm_start(&reader_), 0);
+    sensor_tlm_clean(&reader_);
+    EXPECT_TRUE(cap_.texts("sensor_tlm").empty());
 
     sensor_tlm_clean(nullptr);
-    EXPECT_EQ(cap.texts("sensor_tlm"), std::vector<std::string>{"sensor_tlm_clean: sensor=(nil)"});
+    EXPECT_THAT(cap_.texts("sensor_tlm"), ElementsAre("sensor_tlm_clean: sensor=(nil)"));
 }
 
 } // namespace

@@ -1,9 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-// An in-process producer of one telemetry section for the module tests:
-// the test fills the record and publishes it with the time it chooses.
+// Helpers of the telemetry-fed sensor tests: an in-process producer of one
+// telemetry section (the test fills the record and publishes it with the
+// time it chooses), the sections' layouts, and the four modules of a record.
 #pragma once
 
 #include <gtest/gtest.h>
+
+#include <sensors/tlm_sensors.h>
 
 #include <string>
 #include <vector>
@@ -101,16 +104,39 @@ inline std::vector<tlm_field_desc> gimbal_fields()
     return {f32(0, "ef_rate", 3), f32(12, "ef_q.w"), f32(16, "ef_q.x"), f32(20, "ef_q.y"), f32(24, "ef_q.z")};
 }
 
-// "<function>:<line>: <tail>" with a decimal line number, the shape of a
-// failed platform call's report.
-inline bool call_failed(const std::string &text, const std::string &function, const std::string &tail)
-{
-    const std::string head = function + ":";
-    size_t colon = text.find(": ", head.size());
-    if (text.rfind(head, 0) != 0 || colon == std::string::npos || colon == head.size())
-        return false;
-    for (size_t i = head.size(); i < colon; i++)
-        if (text[i] < '0' || text[i] > '9')
-            return false;
-    return text.substr(colon + 2) == tail;
-}
+// The four telemetry-fed modules of one record, started as the driver
+// starts them, with carpet detection active.
+struct modules {
+    sensors_data record{};
+    sensors_enabled_config gimbal_config{1};
+    carpet_detection_ctx *carpet = carpet_detection_new(&record.carpet);
+    vision_position_ctx *position = vision_position_new(&record.vision_position, "vcam_position", 0x400);
+    vision_optical_flow_ctx *flow = vision_optical_flow_new(&record.optical_flow);
+    fcam_gimbal_ctx *gimbal = fcam_gimbal_new(&gimbal_config, nullptr, &record.fcam_gimbal);
+
+    modules()
+    {
+        EXPECT_EQ(carpet_detection_activate(carpet), 0);
+        EXPECT_EQ(vision_position_start(position), 0);
+        EXPECT_EQ(vision_optical_flow_start(flow), 0);
+        EXPECT_EQ(fcam_gimbal_start(gimbal), 0);
+    }
+    ~modules()
+    {
+        carpet_detection_destroy(carpet);
+        vision_position_destroy(position);
+        vision_optical_flow_destroy(flow);
+        fcam_gimbal_destroy(gimbal);
+    }
+
+    // One acquisition cycle of the four readers: the bits they set.
+    uint32_t cycle()
+    {
+        record.updated_sensors = 0;
+        carpet_detection_read(carpet, &record.updated_sensors);
+        vision_position_read(position, &record.updated_sensors);
+        vision_optical_flow_read(flow, &record.updated_sensors);
+        fcam_gimbal_read(gimbal, &record.updated_sensors);
+        return record.updated_sensors;
+    }
+};

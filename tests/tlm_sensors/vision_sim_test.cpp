@@ -4,8 +4,6 @@
 // convert it, and each scripted fault shows as the modules report it.
 #include <gtest/gtest.h>
 
-#include <sensors/tlm_sensors.h>
-
 #include <algorithm>
 #include <cmath>
 #include <thread>
@@ -13,6 +11,7 @@
 #include "platform/telemetry_test_util.h"
 #include "platform/time_helpers.h"
 #include "sim/vision.h"
+#include "tlm_producer.h"
 
 using namespace std::chrono_literals;
 
@@ -22,9 +21,7 @@ int64_t mono_ns()
 {
     timespec t;
     monotonic_now(&t);
-    int64_t ns = 0;
-    timespec_to_ns(&t, &ns);
-    return ns;
+    return int64_t(t.tv_sec) * kNsPerSec + t.tv_nsec;
 }
 
 // A flight that climbs 2 m and turns 0.5 rad in its first second, then holds.
@@ -37,79 +34,6 @@ sim::scenario held_flight()
     return s;
 }
 
-struct modules {
-    sensors_data record{};
-    sensors_enabled_config gimbal_config{1};
-    carpet_detection_ctx *carpet = carpet_detection_new(&record.carpet);
-    vision_position_ctx *position = vision_position_new(&record.vision_position, "vcam_position", 0x400);
-    vision_optical_flow_ctx *flow = vision_optical_flow_new(&record.optical_flow);
-    fcam_gimbal_ctx *gimbal = fcam_gimbal_new(&gimbal_config, nullptr, &record.fcam_gimbal);
-
-    modules()
-    {
-        EXPECT_EQ(carpet_detection_activate(carpet), 0);
-        EXPECT_EQ(vision_position_start(position), 0);
-        EXPECT_EQ(vision_optical_flow_start(flow), 0);
-        EXPECT_EQ(fcam_gimbal_start(gimbal), 0);
-    }
-    ~modules()
-    {
-        carpet_detection_destroy(carpet);
-        vision_position_destroy(position);
-        vision_optical_flow_destroy(flow);
-        fcam_gimbal_destroy(gimbal);
-    }
-    // One acquisition cycle of the four readers.
-    uint32_t cycle()
-    {
-        record.updated_sensors = 0;
-        carpet_detection_read(carpet, &record.updated_sensors);
-        vision_position_read(position, &record.updated_sensors);
-        vision_optical_flow_read(flow, &record.updated_sensors);
-        fcam_gimbal_read(gimbal, &record.updated_sensors);
-        return record.updated_sensors;
-    }
-};
-
-TEST(VisionSim, TheModulesRecoverTheTruth)
-{
-    tlm_root root;
-    sim::vision_settings settings;
-    settings.carpet_ne_m = {3.0, 0.0};
-    std::string error;
-    // Five seconds into the flight: 2 m up, heading 0.5 rad, holding still.
-    auto producers = sim::vision_producers::start(held_flight(), settings, mono_ns() - 5000000000, &error);
-    ASSERT_TRUE(producers) << error;
-    modules m;
-    const uint32_t all = SENSORS_UPDATED_VISION_POSITION | SENSORS_UPDATED_OPTICAL_FLOW | SENSORS_UPDATED_FCAM_GIMBAL;
-    uint32_t seen = 0;
-    ASSERT_TRUE(eventually([&] {
-        seen |= m.cycle();
-        return seen == all && m.record.fcam_gimbal.count == 4 && m.record.optical_flow.defined;
-    })) << std::hex << seen;
-
-    const double yaw = 0.5;
-    EXPECT_NEAR(m.record.carpet.position_x, 3.0 * std::cos(yaw), 1e-3);
-    EXPECT_NEAR(m.record.carpet.position_y, -3.0 * std::sin(yaw), 1e-3);
-    EXPECT_NEAR(m.record.carpet.position_z, 2.0, 1e-3);
-    EXPECT_NEAR(m.record.carpet.orientation, -yaw, 1e-6);
-    EXPECT_EQ(m.record.carpet.nb_targets, 1);
-    EXPECT_NEAR(m.record.vision_position.z, -2.0, 1e-5);
-    EXPECT_EQ(m.record.vision_position.x, 0.0f);
-    EXPECT_EQ(m.record.optical_flow.defined, 1);
-    EXPECT_EQ(m.record.optical_flow.defective, 0);
-    EXPECT_EQ(m.record.optical_flow.flow_z, 0.0f);
-    EXPECT_EQ(m.record.optical_flow.corr_cam_z_m_s, 0.0f);
-    for (int k = 0; k < SENSORS_GIMBAL_MAX_SAMPLES; k++) {
-        EXPECT_NEAR(m.record.fcam_gimbal.ef_q_w[k], std::cos(yaw / 2), 1e-6);
-        EXPECT_NEAR(m.record.fcam_gimbal.ef_q_z[k], std::sin(yaw / 2), 1e-6);
-        EXPECT_EQ(m.record.fcam_gimbal.ef_rate[k][2], 0.0f);
-    }
-    // Five distinct samples, the latest first.
-    for (int k = 1; k < SENSORS_GIMBAL_MAX_SAMPLES; k++)
-        EXPECT_GT(timespec_compare(&m.record.fcam_gimbal.timestamps[k - 1], &m.record.fcam_gimbal.timestamps[k]), 0);
-}
-
 // Each fault in its own window of 1.5 s; states are judged only in the
 // middle of a window, so a busy machine shifts nothing that is checked.
 TEST(VisionSim, FaultsShowAsTheModulesReportThem)
@@ -120,6 +44,7 @@ TEST(VisionSim, FaultsShowAsTheModulesReportThem)
     // 100 Hz leaves a busy machine 54 ms to deliver each flow sample fresh.
     ASSERT_EQ(sim::vision_settings_parse(R"(simulator = { vision = {
         rate = 100.0;
+        carpet-position = [3.0, 0.0];
         faults = (
           { at = 1.5; kind = "late-start"; producer = "position"; },
           { at = 1.5; kind = "stop";       producer = "optical-flow"; duration = 1.5; },
@@ -137,10 +62,7 @@ TEST(VisionSim, FaultsShowAsTheModulesReportThem)
     modules m;
 
     struct window_state {
-        int cycles = 0;
-        int position_updates = 0;
-        int flow_defined = 0;
-        int gimbal_updates = 0;
+        int cycles = 0, position_updates = 0, flow_defined = 0, gimbal_updates = 0;
         int64_t gimbal_newest_ns = 0;
     };
     // Windows: [0.25, 1.25] before, [1.75, 2.75] during, [3.25, 4.25] between, [4.75, 5.75] stale/restart, [6.25, 7.25] after.
@@ -194,15 +116,43 @@ TEST(VisionSim, FaultsShowAsTheModulesReportThem)
     // The stale window says so at least once, the throttle at most once in 10 s.
     EXPECT_EQ(count("Optical flow measure too old: "), 1);
     EXPECT_EQ(count("VISION_OPTICAL_FLOW_DEFECTIVE_TIMEOUT"), 0);
+
+    // Past its first second the flight holds 2 m up at heading 0.5 rad: every
+    // module recovers that truth.
+    const uint32_t all = SENSORS_UPDATED_VISION_POSITION | SENSORS_UPDATED_OPTICAL_FLOW | SENSORS_UPDATED_FCAM_GIMBAL;
+    uint32_t seen = 0;
+    ASSERT_TRUE(eventually([&] {
+        seen |= m.cycle();
+        return seen == all && m.record.fcam_gimbal.count == 4 && m.record.optical_flow.defined;
+    })) << std::hex << seen;
+    const double yaw = 0.5;
+    EXPECT_NEAR(m.record.carpet.position_x, 3.0 * std::cos(yaw), 1e-3);
+    EXPECT_NEAR(m.record.carpet.position_y, -3.0 * std::sin(yaw), 1e-3);
+    EXPECT_NEAR(m.record.carpet.position_z, 2.0, 1e-3);
+    EXPECT_NEAR(m.record.carpet.orientation, -yaw, 1e-6);
+    EXPECT_EQ(m.record.carpet.nb_targets, 1);
+    EXPECT_NEAR(m.record.vision_position.z, -2.0, 1e-5);
+    EXPECT_EQ(m.record.vision_position.x, 0.0f);
+    EXPECT_EQ(m.record.optical_flow.defined, 1);
+    EXPECT_EQ(m.record.optical_flow.defective, 0);
+    EXPECT_EQ(m.record.optical_flow.flow_z, 0.0f);
+    EXPECT_EQ(m.record.optical_flow.corr_cam_z_m_s, 0.0f);
+    for (int k = 0; k < SENSORS_GIMBAL_MAX_SAMPLES; k++) {
+        EXPECT_NEAR(m.record.fcam_gimbal.ef_q_w[k], std::cos(yaw / 2), 1e-6);
+        EXPECT_NEAR(m.record.fcam_gimbal.ef_q_z[k], std::sin(yaw / 2), 1e-6);
+        EXPECT_EQ(m.record.fcam_gimbal.ef_rate[k][2], 0.0f);
+    }
+    // Five distinct samples, the latest first.
+    for (int k = 1; k < SENSORS_GIMBAL_MAX_SAMPLES; k++)
+        EXPECT_GT(timespec_compare(&m.record.fcam_gimbal.timestamps[k - 1], &m.record.fcam_gimbal.timestamps[k]), 0);
 }
 
 TEST(VisionSim, SettingsAreCheckedWithTheirLine)
 {
-    struct row {
+    const struct row {
         const char *text;
         const char *error; // empty: accepted
-    };
-    const row rows[] = {
+    } rows[] = {
         {"simulator = { name = \"x\"; };", ""},
         {"simulator = { vision = { rate = 15; gimbal-rate = 200.0; carpet-position = [1.5, -2.0]; enabled = false; }; };",
          ""},
