@@ -7,6 +7,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <string>
+#include <tuple>
 
 #include "sim/iio_devices.h"
 #include "sim/scenario.h"
@@ -26,30 +27,19 @@ TEST(Scenario, DefaultFileMatchesTheBuiltInScenario)
     std::string error;
     ASSERT_EQ(sim::scenario_load(example("default.cfg").c_str(), &loaded, &error), 0) << error;
     const sim::scenario builtin = sim::default_scenario();
-    EXPECT_EQ(loaded.name, builtin.name);
-    EXPECT_EQ(loaded.seed, builtin.seed);
-    EXPECT_EQ(loaded.ground_altitude_m, builtin.ground_altitude_m);
-    EXPECT_EQ(loaded.earth_field_gauss, builtin.earth_field_gauss);
+    EXPECT_EQ(std::tie(loaded.name, loaded.seed, loaded.ground_altitude_m, loaded.earth_field_gauss),
+              std::tie(builtin.name, builtin.seed, builtin.ground_altitude_m, builtin.earth_field_gauss));
+    const auto device = [](const sim::scenario_device &d) {
+        return std::tie(d.kind, d.name, d.trigger, d.sampling_frequency, d.rate_divider, d.mount_matrix, d.noise_counts,
+                        d.warm.rise_k, d.warm.time_constant_s, d.delivery_delay_s);
+    };
     ASSERT_EQ(loaded.devices.size(), builtin.devices.size());
-    for (size_t i = 0; i < loaded.devices.size(); i++) {
-        const sim::scenario_device &a = loaded.devices[i], &b = builtin.devices[i];
-        EXPECT_EQ(a.kind, b.kind);
-        EXPECT_EQ(a.name, b.name);
-        EXPECT_EQ(a.trigger, b.trigger);
-        EXPECT_EQ(a.sampling_frequency, b.sampling_frequency);
-        EXPECT_EQ(a.rate_divider, b.rate_divider);
-        EXPECT_EQ(a.mount_matrix, b.mount_matrix);
-        EXPECT_EQ(a.noise_counts, b.noise_counts);
-        EXPECT_EQ(a.warm.rise_k, b.warm.rise_k);
-        EXPECT_EQ(a.warm.time_constant_s, b.warm.time_constant_s);
-        EXPECT_EQ(a.delivery_delay_s, b.delivery_delay_s);
-    }
+    for (size_t i = 0; i < loaded.devices.size(); i++)
+        EXPECT_EQ(device(loaded.devices[i]), device(builtin.devices[i])) << i;
+    const auto phase = [](const sim::scenario_phase &p) { return std::tie(p.duration_s, p.yaw_rate, p.climb_rate); };
     ASSERT_EQ(loaded.phases.size(), builtin.phases.size());
-    for (size_t i = 0; i < loaded.phases.size(); i++) {
-        EXPECT_EQ(loaded.phases[i].duration_s, builtin.phases[i].duration_s);
-        EXPECT_EQ(loaded.phases[i].yaw_rate, builtin.phases[i].yaw_rate);
-        EXPECT_EQ(loaded.phases[i].climb_rate, builtin.phases[i].climb_rate);
-    }
+    for (size_t i = 0; i < loaded.phases.size(); i++)
+        EXPECT_EQ(phase(loaded.phases[i]), phase(builtin.phases[i])) << i;
 }
 
 TEST(Scenario, FaultsFileScriptsEveryFaultKind)
@@ -59,12 +49,9 @@ TEST(Scenario, FaultsFileScriptsEveryFaultKind)
     ASSERT_EQ(sim::scenario_load(example("faults.cfg").c_str(), &s, &error), 0) << error;
     ASSERT_EQ(s.faults.size(), 6u);
     EXPECT_EQ(s.faults[5].kind, sim::fault_kind::motor_error);
-    EXPECT_EQ(s.faults[0].kind, sim::fault_kind::refill_error);
-    EXPECT_EQ(s.faults[0].count, 2);
-    EXPECT_EQ(s.faults[1].kind, sim::fault_kind::short_batch);
-    EXPECT_EQ(s.faults[1].scans, 3);
-    EXPECT_EQ(s.faults[3].kind, sim::fault_kind::stall);
-    EXPECT_EQ(s.faults[3].duration_s, 3.0);
+    EXPECT_EQ(std::tie(s.faults[0].kind, s.faults[0].count), std::tuple(sim::fault_kind::refill_error, 2));
+    EXPECT_EQ(std::tie(s.faults[1].kind, s.faults[1].scans), std::tuple(sim::fault_kind::short_batch, 3));
+    EXPECT_EQ(std::tie(s.faults[3].kind, s.faults[3].duration_s), std::tuple(sim::fault_kind::stall, 3.0));
     EXPECT_EQ(s.faults[4].kind, sim::fault_kind::disconnect);
 }
 
@@ -108,14 +95,12 @@ TEST(Scenario, RejectsWhatTheServerCouldNotServe)
         {"simulator = { faults = ( { at = 1; kind = \"stall\"; device = \"orlune-gps\"; } ); };",
          "stall: unknown device 'orlune-gps'"},
     };
+    sim::scenario s;
+    std::string error;
     for (const row &r : rows) {
-        sim::scenario s;
-        std::string error;
         EXPECT_EQ(sim::scenario_parse(r.text, &s, &error), -EINVAL) << r.text;
         EXPECT_EQ(error, r.error) << r.text;
     }
-    sim::scenario s;
-    std::string error;
     EXPECT_EQ(sim::scenario_load("/nonexistent/scenario.cfg", &s, &error), -ENOENT);
 }
 
@@ -168,11 +153,6 @@ TEST(Vehicle, PressureFallsWithAltitudeAndDiesWarmUp)
     EXPECT_LT(v.die_temperature_k(warm, 1e6), 303.15 + 1e-9);
 }
 
-// The plug-in's conversions of the raw counts, as its modules apply them.
-struct forward {
-    static sim::vec3 rotate(const sim::mat3 &m, const sim::vec3 &v) { return sim::mat_mul(m, v); }
-};
-
 TEST(DeviceModels, RawCountsConvertBackToTheTruth)
 {
     sim::scenario s = sim::default_scenario();
@@ -187,8 +167,8 @@ TEST(DeviceModels, RawCountsConvertBackToTheTruth)
     auto imu = sim::make_device_model(s.devices[0], 1);
     imu->sample(v, t, 1, raw);
     const sim::mat3 &m = s.devices[0].mount_matrix;
-    const sim::vec3 accel = forward::rotate(m, {raw[0] * 0.002394202, raw[1] * 0.002394202, raw[2] * 0.002394202});
-    const sim::vec3 gyro = forward::rotate(m, {raw[3] * 0.001065264, raw[4] * 0.001065264, raw[5] * 0.001065264});
+    const sim::vec3 accel = sim::mat_mul(m, {raw[0] * 0.002394202, raw[1] * 0.002394202, raw[2] * 0.002394202});
+    const sim::vec3 gyro = sim::mat_mul(m, {raw[3] * 0.001065264, raw[4] * 0.001065264, raw[5] * 0.001065264});
     for (int i = 0; i < 3; i++) {
         EXPECT_NEAR(accel[i], truth.specific_force[i], 0.0024) << i;
         EXPECT_NEAR(gyro[i], truth.rates[i], 0.0011) << i;
@@ -202,8 +182,8 @@ TEST(DeviceModels, RawCountsConvertBackToTheTruth)
 
     auto magneto = sim::make_device_model(s.devices[2], 1);
     magneto->sample(v, t, 1, raw);
-    const sim::vec3 field = forward::rotate(s.devices[2].mount_matrix,
-                                            {raw[0] * 0.001 * 100, raw[1] * 0.001 * 100, raw[2] * 0.00125 * 100});
+    const sim::vec3 field = sim::mat_mul(s.devices[2].mount_matrix,
+                                         {raw[0] * 0.001 * 100, raw[1] * 0.001 * 100, raw[2] * 0.00125 * 100});
     for (int i = 0; i < 3; i++)
         EXPECT_NEAR(field[i], truth.magnetic_field[i] * 100, 0.13) << i;
     EXPECT_NEAR((raw[3] + 200 + 273149.9938964844 / 125) * 0.125, v.die_temperature_k(s.devices[2].warm, t), 0.13);

@@ -4,14 +4,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <sys/wait.h>
-
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
-#include <filesystem>
 #include <map>
-#include <sstream>
 #include <thread>
 
 #include "host_record.h"
@@ -20,30 +17,12 @@
 #include "sim/truth_recorder.h"
 #include "sim/vehicle.h"
 #include "support/test_env.h"
+#include "tool_test_util.h"
 
 using ::testing::ElementsAreArray;
 using ::testing::HasSubstr;
 
 namespace {
-
-std::vector<std::string> split(const std::string &line)
-{
-    std::vector<std::string> fields;
-    size_t start = 0;
-    for (size_t comma; (comma = line.find(',', start)) != std::string::npos; start = comma + 1)
-        fields.push_back(line.substr(start, comma - start));
-    fields.push_back(line.substr(start));
-    return fields;
-}
-
-std::vector<std::string> lines(const std::string &text)
-{
-    std::vector<std::string> out;
-    std::istringstream in(text);
-    for (std::string l; std::getline(in, l);)
-        out.push_back(l);
-    return out;
-}
 
 // The recording's row for data, by column name.
 std::map<std::string, std::string> record_one(const timespec &at, const sensors_data &data)
@@ -65,11 +44,6 @@ std::map<std::string, std::string> record_one(const timespec &at, const sensors_
     for (size_t i = 0; i < names.size() && i < values.size(); i++)
         row[names[i]] = values[i];
     return row;
-}
-
-timespec ts(time_t s, long ns)
-{
-    return timespec{s, ns};
 }
 
 TEST(HostRecord, HeaderNamesEveryColumnOthersReadByName)
@@ -95,7 +69,7 @@ TEST(HostRecord, RowCarriesBatchMeansAndLatestValuesAndNoImuWithoutABatch)
     for (int i = 0; i < 5; i++) {
         d->imu.gyro[i][2] = gyro_z[i];
         d->imu.accel[i][0] = float(i);
-        d->imu.timestamps[i] = ts(12345, 100000000 + i * 1000000);
+        d->imu.timestamps[i] = timespec{12345, 100000000 + i * 1000000};
     }
     d->motors.error[2] = 2;
     d->gps.loc_values[0] = 45.1885;
@@ -103,7 +77,7 @@ TEST(HostRecord, RowCarriesBatchMeansAndLatestValuesAndNoImuWithoutABatch)
     d->vision_position.z = -6.0f;
     d->fcam_gimbal.count = 4;
 
-    auto row = record_one(ts(12345, 104500001), *d);
+    auto row = record_one(timespec{12345, 104500001}, *d);
     EXPECT_EQ(row["t"], "12345.104500");
     EXPECT_EQ(row["updated"], "0x1041");
     EXPECT_EQ(row["imu_n"], "3");
@@ -122,7 +96,7 @@ TEST(HostRecord, RowCarriesBatchMeansAndLatestValuesAndNoImuWithoutABatch)
     d->imu.nb_samples = 0;
     d->updated_sensors = SENSORS_UPDATED_BARO;
     d->battery.rsoc = 81;
-    row = record_one(ts(7, 250000000), *d);
+    row = record_one(timespec{7, 250000000}, *d);
     EXPECT_EQ(row["updated"], "0x2");
     EXPECT_EQ(row["imu_n"], "0");
     for (const char *c : {"imu_t0", "imu_t1", "gyro_z", "accel_x", "imu_temp"})
@@ -174,20 +148,6 @@ TEST(TruthRecorder, RowsLieOnTheScenarioGridWithTheVehicleState)
     EXPECT_STREQ(sim::truth_recorder::phase_at(s, 1e6), "end");
 }
 
-// Runs a command line through the shell; its exit status, and its output in *out.
-int shell(const std::string &command, std::string *out)
-{
-    FILE *p = popen((command + " 2>&1").c_str(), "r");
-    if (!p)
-        return -1;
-    char buf[512];
-    out->clear();
-    for (size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;)
-        out->append(buf, n);
-    const int status = pclose(p);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
 bool is_png(const std::string &path)
 {
     const std::string head = read_file(path).substr(0, 8);
@@ -196,8 +156,7 @@ bool is_png(const std::string &path)
 
 TEST(PlotScript, DrawsEveryPlotFromARecordingTruthAndLog)
 {
-    std::string ignored;
-    if (shell("command -v gnuplot", &ignored) != 0)
+    if (run("command -v gnuplot").status != 0)
         GTEST_SKIP() << "gnuplot is not installed (Debian package gnuplot-nox)";
     test_root root;
 
@@ -221,7 +180,7 @@ TEST(PlotScript, DrawsEveryPlotFromARecordingTruthAndLog)
             const int64_t at = epoch + 1000000000 + int64_t(i) * 5000000;
             d->updated_sensors = i % 10 ? 0x1 | 0x8 : 0x7f | 0x400;
             for (int k = 0; k < 5; k++)
-                d->imu.timestamps[k] = ts(time_t(at / 1000000000), long(at % 1000000000));
+                d->imu.timestamps[k] = timespec{time_t(at / 1000000000), long(at % 1000000000)};
             d->baro.pressure = 101325.0f - float(i);
             d->magneto.field[0] = 21.0f * std::cos(i * 0.0025f);
             d->magneto.field[1] = -21.0f * std::sin(i * 0.0025f);
@@ -229,7 +188,7 @@ TEST(PlotScript, DrawsEveryPlotFromARecordingTruthAndLog)
             d->motors.error[2] = i > 200 && i < 300 ? 2 : 0;
             d->gps.loc_values[0] = 45.0;
             d->battery.rsoc = 80;
-            record->row(ts(time_t(at / 1000000000), long(at % 1000000000 + 300000)), *d);
+            record->row(timespec{time_t(at / 1000000000), long(at % 1000000000 + 300000)}, *d);
         }
     }
     char stamp[64];
@@ -245,15 +204,12 @@ TEST(PlotScript, DrawsEveryPlotFromARecordingTruthAndLog)
                    log_line(2.41, "E sensors_orlune: vcam_position read failed: No such file or directory"));
 
     const std::string script = ORLUNE_PLOT_SCRIPT, out_dir = root.path() + "/plots";
-    std::string out;
-    ASSERT_EQ(shell(script + " " + root.path() + "/flight.csv --truth " + root.path() + "/truth.csv --log " +
-                        root.path() + "/host.log --out " + out_dir,
-                    &out),
-              0)
-        << out;
+    run_result r = run(script + " " + root.path() + "/flight.csv --truth " + root.path() + "/truth.csv --log " +
+                       root.path() + "/host.log --out " + out_dir);
+    ASSERT_EQ(r.status, 0) << r.output;
     for (const char *png : {"imu_rates.png", "imu_accel.png", "altitude.png", "heading.png", "motors.png",
                             "battery.png", "events.png"}) {
-        EXPECT_THAT(out, HasSubstr(out_dir + "/" + png)) << "listed";
+        EXPECT_THAT(r.output, HasSubstr(out_dir + "/" + png)) << "listed";
         EXPECT_TRUE(is_png(out_dir + "/" + png)) << png;
     }
 
@@ -261,8 +217,9 @@ TEST(PlotScript, DrawsEveryPlotFromARecordingTruthAndLog)
     std::string old = read_file(root.path() + "/flight.csv");
     old.replace(old.find("bat_voltage"), 11, "bat_volts");
     write_file(root.path() + "/old.csv", old);
-    EXPECT_NE(shell(script + " " + root.path() + "/old.csv --out " + root.path() + "/old", &out), 0);
-    EXPECT_THAT(out, HasSubstr("no column bat_voltage"));
+    r = run(script + " " + root.path() + "/old.csv --out " + root.path() + "/old");
+    EXPECT_NE(r.status, 0);
+    EXPECT_THAT(r.output, HasSubstr("no column bat_voltage"));
 }
 
 } // namespace

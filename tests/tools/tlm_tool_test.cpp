@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <memory>
@@ -14,38 +14,11 @@
 #include "platform/shm_telemetry.h"
 #include "platform/telemetry_test_util.h"
 #include "platform/time_helpers.h"
+#include "tool_test_util.h"
 
 namespace {
 
-struct run_result {
-    int status;
-    std::string output;
-};
-
-// Runs the inspector with args, stdout and stderr together.
-run_result run_tool(const std::string &args)
-{
-    std::string cmd = std::string(ORLUNE_TLM_TOOL) + " " + args + " 2>&1";
-    FILE *f = popen(cmd.c_str(), "r");
-    if (!f)
-        throw std::runtime_error("popen");
-    std::string out;
-    char buf[4096];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof buf, f)) > 0)
-        out.append(buf, n);
-    int status = pclose(f);
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, out};
-}
-
-std::vector<std::string> lines_of(const std::string &text)
-{
-    std::vector<std::string> lines;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);)
-        lines.push_back(line);
-    return lines;
-}
+const std::string kTool = ORLUNE_TLM_TOOL " ";
 
 struct sample_record {
     float rate[3];
@@ -93,23 +66,22 @@ TEST(TlmTool, ShowPrintsTheLatestSampleFieldByField)
 {
     tlm_root root;
     published pub("vcam_test");
-    run_result empty = run_tool("show vcam_test");
+    run_result empty = run(kTool + "show vcam_test");
     EXPECT_EQ(empty.status, 0);
     EXPECT_NE(empty.output.find("no sample written yet"), std::string::npos) << empty.output;
 
     pub.put(1);
     pub.put(2);
-    run_result r = run_tool("show vcam_test");
+    run_result r = run(kTool + "show vcam_test");
     ASSERT_EQ(r.status, 0) << r.output;
-    std::vector<std::string> lines = lines_of(r.output);
-    ASSERT_EQ(lines.size(), 6u) << r.output;
-    EXPECT_EQ(lines[0], "section vcam_test: 4 fields, 32-byte samples, ring of 50, period 10000 us, producer pid " +
-                            std::to_string(getpid()));
-    EXPECT_EQ(lines[1].rfind("sample 1 at ", 0), 0u) << lines[1];
-    EXPECT_EQ(lines[2], "  est.rate = [2, 0.5, -2]");
-    EXPECT_EQ(lines[3], "  est.status = 20");
-    EXPECT_EQ(lines[4], "  est.label = \"s2\"");
-    EXPECT_EQ(lines[5], "  est.height = 1.25");
+    const std::vector<std::string> out = lines(r.output);
+    ASSERT_EQ(out.size(), 6u) << r.output;
+    EXPECT_EQ(out[0], "section vcam_test: 4 fields, 32-byte samples, ring of 50, period 10000 us, producer pid " +
+                          std::to_string(getpid()));
+    EXPECT_EQ(out[1].rfind("sample 1 at ", 0), 0u) << out[1];
+    EXPECT_EQ(std::vector(out.begin() + 2, out.end()),
+              (std::vector<std::string>{"  est.rate = [2, 0.5, -2]", "  est.status = 20", "  est.label = \"s2\"",
+                                        "  est.height = 1.25"}));
 }
 
 TEST(TlmTool, ListShowsEverySectionWithItsFigures)
@@ -122,26 +94,23 @@ TEST(TlmTool, ListShowsEverySectionWithItsFigures)
     write_file(root.file("broken"), "not a section");
     published c("gamma"); // a file that anyone could have rewritten is refused, with the reason
     ASSERT_EQ(chmod(root.file("gamma").c_str(), 0666), 0);
-    run_result r = run_tool("list");
+    run_result r = run(kTool + "list");
     ASSERT_EQ(r.status, 0) << r.output;
-    std::vector<std::string> lines = lines_of(r.output);
-    ASSERT_EQ(lines.size(), 5u) << r.output;
-    EXPECT_EQ(lines[0].rfind("SECTION", 0), 0u);
-    std::istringstream alpha(lines[1]);
+    const std::vector<std::string> out = lines(r.output);
+    ASSERT_EQ(out.size(), 5u) << r.output;
+    EXPECT_EQ(out[0].rfind("SECTION", 0), 0u);
+    std::istringstream alpha(out[1]);
     std::string name, size, period, written, rate, age;
     alpha >> name >> size >> period >> written >> rate >> age;
-    EXPECT_EQ(name, "alpha");
-    EXPECT_EQ(size, "32");
-    EXPECT_EQ(period, "10000");
-    EXPECT_EQ(written, "5");
+    EXPECT_EQ(name + " " + size + " " + period + " " + written, "alpha 32 10000 5") << out[1];
     EXPECT_NE(rate, "-");
     EXPECT_EQ(age.back(), 's');
-    EXPECT_EQ(lines[2].rfind("beta", 0), 0u);
-    EXPECT_NE(lines[2].find(" 0 "), std::string::npos) << lines[2];
-    EXPECT_EQ(lines[3], "broken                           invalid section file (Bad message)");
+    EXPECT_EQ(out[2].rfind("beta", 0), 0u);
+    EXPECT_NE(out[2].find(" 0 "), std::string::npos) << out[2];
+    EXPECT_EQ(out[3], "broken                           invalid section file (Bad message)");
     const std::string refusal = "refused: " + root.file("gamma") + " is writable by others (mode 0666)";
-    EXPECT_EQ(lines[4], "gamma                            " + refusal);
-    r = run_tool("show gamma");
+    EXPECT_EQ(out[4], "gamma                            " + refusal);
+    r = run(kTool + "show gamma");
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.output, "orlune-tlm: section \"gamma\" " + refusal + "\n");
 }
@@ -157,20 +126,17 @@ TEST(TlmTool, FollowWritesALinePerNewSampleAsCsv)
             std::this_thread::sleep_for(std::chrono::milliseconds(3));
         }
     });
-    run_result r = run_tool("follow follow_me --csv --count 3");
+    run_result r = run(kTool + "follow follow_me --csv --count 3");
     done = true;
     writer.join();
     ASSERT_EQ(r.status, 0) << r.output;
-    std::vector<std::string> lines = lines_of(r.output);
-    ASSERT_EQ(lines.size(), 4u) << r.output;
-    EXPECT_EQ(lines[0], "time,est.rate[0],est.rate[1],est.rate[2],est.status,est.label,est.height");
+    const std::vector<std::string> out = lines(r.output);
+    ASSERT_EQ(out.size(), 4u) << r.output;
+    EXPECT_EQ(out[0], "time,est.rate[0],est.rate[1],est.rate[2],est.status,est.label,est.height");
     int first = -1;
     for (int k = 1; k <= 3; k++) {
-        std::vector<std::string> cells;
-        std::istringstream in(lines[size_t(k)]);
-        for (std::string cell; std::getline(in, cell, ',');)
-            cells.push_back(cell);
-        ASSERT_EQ(cells.size(), 7u) << lines[size_t(k)];
+        const std::vector<std::string> cells = split(out[size_t(k)]);
+        ASSERT_EQ(cells.size(), 7u) << out[size_t(k)];
         int i = std::stoi(cells[1]);
         if (first < 0)
             first = i;
@@ -212,10 +178,8 @@ TEST(TlmTool, FollowGoesOnWithARestartedProducer)
     writer.join();
     EXPECT_EQ(WEXITSTATUS(status), 0);
     ASSERT_EQ(lines.size(), 31u); // 30 samples and the note
-    size_t note = 0;
-    while (note < lines.size() && lines[note] != "orlune-tlm: section \"restart_me\" restarted\n")
-        note++;
-    ASSERT_LT(note, lines.size());
+    const size_t note = size_t(std::find(lines.begin(), lines.end(), "orlune-tlm: section \"restart_me\" restarted\n") -
+                               lines.begin());
     // After the note, the new producer's samples from its first one.
     ASSERT_LT(note + 1, lines.size());
     EXPECT_NE(lines[note + 1].find(" est.status=10000 "), std::string::npos) << lines[note + 1];
@@ -225,11 +189,11 @@ TEST(TlmTool, ASectionThatDoesNotExistIsSaidSo)
 {
     tlm_root root;
     for (const char *cmd : {"show", "follow"}) {
-        run_result r = run_tool(std::string(cmd) + " nosuch");
+        run_result r = run(kTool + cmd + " nosuch");
         EXPECT_EQ(r.status, 1);
         EXPECT_EQ(r.output, "orlune-tlm: no section \"nosuch\" in " + root.dir() + "\n");
     }
-    EXPECT_EQ(run_tool("bogus").status, 2);
+    EXPECT_EQ(run(kTool + "bogus").status, 2);
 }
 
 } // namespace
