@@ -13,13 +13,17 @@ namespace {
 constexpr const char *kBaroFile = "/factory/flight_baro_thermal_bias";
 constexpr const char *kMagnetoFile = "/factory/flight_magneto_thermal_bias";
 
-sensors_baro_data baro_sample(float pressure_pa, float temperature_k)
+// The pressure of a sample after correction; the rest of it passes unchanged.
+float corrected(baro_calib *calib, float pressure_pa, float temperature_k)
 {
     sensors_baro_data d{};
     d.pressure = pressure_pa;
     d.temperature = temperature_k;
     d.flags = 3;
-    return d;
+    EXPECT_EQ(baro_calib_apply(calib, &d), 0);
+    EXPECT_EQ(d.temperature, temperature_k);
+    EXPECT_EQ(d.flags, 3u);
+    return d.pressure;
 }
 
 TEST(BaroCalib, SubtractsThePolynomialAtAnyTemperature)
@@ -29,18 +33,11 @@ TEST(BaroCalib, SubtractsThePolynomialAtAnyTemperature)
     baro_calib_ptr calib = new_baro_calib({using_line("Baro", "298.15", "303.15", "333.15")});
     ASSERT_TRUE(calib);
 
-    sensors_baro_data d = baro_sample(101325.0f, 308.15f);
-    ASSERT_EQ(baro_calib_apply(calib.get(), &d), 0);
-    EXPECT_EQ(d.pressure, 101307.5f);
-    EXPECT_EQ(d.temperature, 308.15f);
-    EXPECT_EQ(d.flags, 3u);
+    EXPECT_EQ(corrected(calib.get(), 101325.0f, 308.15f), 101307.5f);
 
     // Far outside the characterised range: still the polynomial, no clamping.
-    for (float t : {400.0f, 200.0f}) {
-        d = baro_sample(101325.0f, t);
-        ASSERT_EQ(baro_calib_apply(calib.get(), &d), 0);
-        EXPECT_NEAR(d.pressure, 101325.0 - 12.5 - 0.5 * (t - 298.15), 0.008) << t;
-    }
+    for (float t : {400.0f, 200.0f})
+        EXPECT_NEAR(corrected(calib.get(), 101325.0f, t), 101325.0 - 12.5 - 0.5 * (t - 298.15), 0.008) << t;
 }
 
 // At 101325 Pa an f32 step is 0.0078125 Pa: two terms of 0.003 Pa each vanish
@@ -51,9 +48,7 @@ TEST(BaroCalib, ThePressureIsRoundedAfterEachTerm)
     root.write(kBaroFile, calib_header("300", "303.15", "333.15") + "Poly_Baro_bias_Pa_K 2 0.003 0.0003\n");
     baro_calib_ptr calib{baro_calib_new()};
     ASSERT_TRUE(calib);
-    sensors_baro_data d = baro_sample(101325.0f, 310.0f);
-    ASSERT_EQ(baro_calib_apply(calib.get(), &d), 0);
-    EXPECT_EQ(d.pressure, 101325.0f);
+    EXPECT_EQ(corrected(calib.get(), 101325.0f, 310.0f), 101325.0f);
     EXPECT_NEAR(baro_calib_bias_at(*calib, 310.0), 0.006, 1e-12);
 }
 
@@ -81,9 +76,7 @@ TEST(BaroCalib, WithoutAPolynomialThePressurePassesUnchanged)
             root.write(r.fixed, r.content);
         baro_calib_ptr calib = new_baro_calib(r.messages);
         ASSERT_TRUE(calib);
-        sensors_baro_data d = baro_sample(99000.25f, 320.0f);
-        ASSERT_EQ(baro_calib_apply(calib.get(), &d), 0);
-        EXPECT_EQ(d.pressure, 99000.25f);
+        EXPECT_EQ(corrected(calib.get(), 99000.25f, 320.0f), 99000.25f);
     }
 }
 

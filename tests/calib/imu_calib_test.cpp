@@ -14,6 +14,8 @@ constexpr const char *kFactoryBias = "/factory/flight_imu_thermal_bias";
 constexpr const char *kDataOrtho = "/data/flight_imu_thermal_ortho";
 constexpr const char *kFactoryOrtho = "/factory/flight_imu_thermal_ortho";
 
+constexpr float kSentinel = -777.0f;
+
 // A batch of n samples at temperature_k; slots beyond n hold a sentinel that
 // the correction must not touch.
 sensors_imu_data batch(unsigned n, float temperature_k, float gx, float gy, float gz, float ax, float ay, float az)
@@ -25,8 +27,8 @@ sensors_imu_data batch(unsigned n, float temperature_k, float gx, float gy, floa
         const float g[3] = {gx, gy, gz};
         const float a[3] = {ax, ay, az};
         for (int k = 0; k < 3; k++) {
-            d.gyro[i][k] = used ? g[k] : -777.0f;
-            d.accel[i][k] = used ? a[k] : -777.0f;
+            d.gyro[i][k] = used ? g[k] : kSentinel;
+            d.accel[i][k] = used ? a[k] : kSentinel;
         }
         d.temperature[i] = used ? temperature_k : 1000.0f;
     }
@@ -34,18 +36,18 @@ sensors_imu_data batch(unsigned n, float temperature_k, float gx, float gy, floa
     return d;
 }
 
-void expect_sample(const sensors_imu_data &d, unsigned i, std::array<float, 3> gyro, std::array<float, 3> accel)
+// Corrects d: every sample becomes (gyro, accel); the slots beyond keep the sentinel.
+void expect_corrected(imu_calib *calib, sensors_imu_data d, std::array<float, 3> gyro, std::array<float, 3> accel)
 {
-    for (int k = 0; k < 3; k++) {
-        EXPECT_EQ(d.gyro[i][k], gyro[k]) << "gyro sample " << i << " axis " << k;
-        EXPECT_EQ(d.accel[i][k], accel[k]) << "accel sample " << i << " axis " << k;
+    const unsigned n = d.nb_samples;
+    ASSERT_EQ(imu_calib_apply(calib, &d), 0);
+    for (unsigned i = 0; i < SENSORS_IMU_MAX_SAMPLES; i++) {
+        const bool used = i < n;
+        for (int k = 0; k < 3; k++) {
+            EXPECT_EQ(d.gyro[i][k], used ? gyro[k] : kSentinel) << "gyro sample " << i << " axis " << k;
+            EXPECT_EQ(d.accel[i][k], used ? accel[k] : kSentinel) << "accel sample " << i << " axis " << k;
+        }
     }
-}
-
-void expect_untouched_beyond(const sensors_imu_data &d)
-{
-    for (unsigned i = d.nb_samples; i < SENSORS_IMU_MAX_SAMPLES; i++)
-        expect_sample(d, i, {-777.0f, -777.0f, -777.0f}, {-777.0f, -777.0f, -777.0f});
 }
 
 TEST(ImuCalib, WithoutFilesTheCorrectionIsTheIdentity)
@@ -56,10 +58,8 @@ TEST(ImuCalib, WithoutFilesTheCorrectionIsTheIdentity)
     imu_calib_ptr calib = new_imu_calib({"no IMU thermal calibration"});
     ASSERT_TRUE(calib);
 
-    sensors_imu_data d = batch(5, 250.0f, 0.1f, -0.2f, 0.3f, 0.5f, -9.81f, 1e-3f);
-    ASSERT_EQ(imu_calib_apply(calib.get(), &d), 0);
-    for (unsigned i = 0; i < 5; i++)
-        expect_sample(d, i, {0.1f, -0.2f, 0.3f}, {0.5f, -9.81f, 1e-3f});
+    expect_corrected(calib.get(), batch(5, 250.0f, 0.1f, -0.2f, 0.3f, 0.5f, -9.81f, 1e-3f), {0.1f, -0.2f, 0.3f},
+                     {0.5f, -9.81f, 1e-3f});
 }
 
 TEST(ImuCalib, AGyroZBiasAloneShiftsOnlyGyroZAtAnyTemperature)
@@ -72,16 +72,11 @@ TEST(ImuCalib, AGyroZBiasAloneShiftsOnlyGyroZAtAnyTemperature)
 
     for (float t : {250.0f, 303.15f, 318.15f, 333.15f, 400.0f}) {
         SCOPED_TRACE(t);
-        sensors_imu_data d = batch(2, t, 0.5f, -0.25f, 1.0f, 0.5f, -0.25f, 1.0f);
-        ASSERT_EQ(imu_calib_apply(calib.get(), &d), 0);
-        for (unsigned i = 0; i < 2; i++)
-            expect_sample(d, i, {0.5f, -0.25f, static_cast<float>(1.0 - 0.01)}, {0.5f, -0.25f, 1.0f});
-        expect_untouched_beyond(d);
+        expect_corrected(calib.get(), batch(2, t, 0.5f, -0.25f, 1.0f, 0.5f, -0.25f, 1.0f),
+                         {0.5f, -0.25f, static_cast<float>(1.0 - 0.01)}, {0.5f, -0.25f, 1.0f});
     }
     // A batch without samples is left alone.
-    sensors_imu_data empty = batch(0, 300.0f, 1, 2, 3, 4, 5, 6);
-    EXPECT_EQ(imu_calib_apply(calib.get(), &empty), 0);
-    expect_untouched_beyond(empty);
+    expect_corrected(calib.get(), batch(0, 300.0f, 1, 2, 3, 4, 5, 6), {}, {});
 }
 
 TEST(ImuCalib, TheBatchUsesTheMeanTemperatureOfItsSamples)
@@ -98,10 +93,7 @@ TEST(ImuCalib, TheBatchUsesTheMeanTemperatureOfItsSamples)
     d.temperature[0] = 300.0f;
     d.temperature[1] = 302.0f;
     d.temperature[2] = 304.0f;
-    ASSERT_EQ(imu_calib_apply(calib.get(), &d), 0);
-    for (unsigned i = 0; i < 3; i++)
-        expect_sample(d, i, {-2.0f, -2.0f, -2.0f}, {0, 0, 0});
-    expect_untouched_beyond(d);
+    expect_corrected(calib.get(), d, {-2.0f, -2.0f, -2.0f}, {0, 0, 0});
 }
 
 // Each matrix polynomial lands on its own entry: with the input (1, 10, 100)
@@ -137,11 +129,7 @@ TEST(ImuCalib, MatrixPolynomialsFillTheirEntriesAfterTheBias)
     imu_calib_ptr calib = new_imu_calib({using_line("IMU", "300.00", "290.00", "310.00")});
     ASSERT_TRUE(calib);
 
-    sensors_imu_data d = batch(4, 300.0f, 2, 12, 103, 0, 8, 97);
-    ASSERT_EQ(imu_calib_apply(calib.get(), &d), 0);
-    for (unsigned i = 0; i < 4; i++)
-        expect_sample(d, i, {321, 654, 987}, {789, 456, 123});
-    expect_untouched_beyond(d);
+    expect_corrected(calib.get(), batch(4, 300.0f, 2, 12, 103, 0, 8, 97), {321, 654, 987}, {789, 456, 123});
 }
 
 TEST(ImuCalib, AnOmittedScaleFactorStaysOne)
@@ -158,9 +146,7 @@ TEST(ImuCalib, AnOmittedScaleFactorStaysOne)
                                          "incomplete IMU ortho calibration file"});
     ASSERT_TRUE(calib);
 
-    sensors_imu_data d = batch(1, 300.0f, 1, 1, 1, 1, 1, 1);
-    ASSERT_EQ(imu_calib_apply(calib.get(), &d), 0);
-    expect_sample(d, 0, {2, 2, 2}, {2, 1, 2});
+    expect_corrected(calib.get(), batch(1, 300.0f, 1, 1, 1, 1, 1, 1), {2, 2, 2}, {2, 1, 2});
 }
 
 // 1 + 2x + 3x^2 (x = T - 300 K) characterised on [310, 330] K: inside the
@@ -207,17 +193,13 @@ TEST(ImuCalib, TheFieldCopyWinsOverTheFactoryCopy)
                      "incomplete IMU bias calibration file", "incomplete IMU ortho calibration file"};
     imu_calib_ptr calib = new_imu_calib(messages);
     ASSERT_TRUE(calib);
-    sensors_imu_data d = batch(1, 300.0f, 1, 1, 1, 1, 1, 1);
-    ASSERT_EQ(imu_calib_apply(calib.get(), &d), 0);
-    expect_sample(d, 0, {1.0f, 2, 2}, {1, 1, 1});
+    expect_corrected(calib.get(), batch(1, 300.0f, 1, 1, 1, 1, 1, 1), {1.0f, 2, 2}, {1, 1, 1});
 
     root.write(kDataOrtho, "Poly_GyroZ_sfe_K 1 4\n");
     messages.insert(messages.end() - 1, "using " + root.at(kDataOrtho));
     calib = new_imu_calib(messages);
     ASSERT_TRUE(calib);
-    d = batch(1, 300.0f, 1, 1, 1, 1, 1, 1);
-    ASSERT_EQ(imu_calib_apply(calib.get(), &d), 0);
-    expect_sample(d, 0, {0.5f, 1, 4}, {1, 1, 1});
+    expect_corrected(calib.get(), batch(1, 300.0f, 1, 1, 1, 1, 1, 1), {0.5f, 1, 4}, {1, 1, 1});
 }
 
 // Any known name is taken from either file, and counts for the file it is in.
@@ -234,9 +216,7 @@ TEST(ImuCalib, NamesAreLookedUpAcrossBothFiles)
     imu_calib_ptr calib =
         new_imu_calib({using_line("IMU", "300.00", "290.00", "310.00"), "incomplete IMU ortho calibration file"});
     ASSERT_TRUE(calib);
-    sensors_imu_data d = batch(1, 300.0f, 0, 0, 0, 1, 1, 1);
-    ASSERT_EQ(imu_calib_apply(calib.get(), &d), 0);
-    expect_sample(d, 0, {0, 0, 0}, {3, 1, 0});
+    expect_corrected(calib.get(), batch(1, 300.0f, 0, 0, 0, 1, 1, 1), {0, 0, 0}, {3, 1, 0});
 }
 
 } // namespace

@@ -8,6 +8,7 @@
 #include <stdlib.h>
 
 #include <algorithm>
+#include <initializer_list>
 #include <memory>
 #include <string>
 #include <vector>
@@ -86,6 +87,15 @@ inline std::string enabled_line(const std::vector<std::string> &texts)
         if (t.rfind("enabled sensors:", 0) == 0 && t.rfind("enabled sensors: tof ", 0) != 0)
             return t;
     return "(no enabled sensors line)";
+}
+
+// Strings of a record, a null one as "(null)", to compare several at once.
+inline std::vector<std::string> texts_of(std::initializer_list<const char *> values)
+{
+    std::vector<std::string> out;
+    for (const char *v : values)
+        out.push_back(v ? v : "(null)");
+    return out;
 }
 
 // A parameterised test's name from free text: anything but letters and digits becomes '_'.

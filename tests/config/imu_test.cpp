@@ -2,6 +2,8 @@
 // The two IMU sections, the rotation switch and the matrix reader.
 #include <gmock/gmock.h>
 
+#include <tuple>
+
 #include "config/sensorscfg.h"
 #include "config_fixture.h"
 
@@ -15,31 +17,23 @@ TEST_F(ConfigTest, FlightImuFieldsAndMessages)
     config_ptr config = load(cfg_text::complete());
     ASSERT_TRUE(config);
     const sensors_imu_config &imu = config->imu;
-    EXPECT_STREQ(imu.device, "imu-dev");
-    EXPECT_STREQ(imu.trigger, "imu-trig");
-    EXPECT_DOUBLE_EQ(imu.temperature_sensitivity, 326.8);
-    EXPECT_DOUBLE_EQ(imu.temperature_offset, 25.0);
-    EXPECT_DOUBLE_EQ(imu.accelero_scale, 0.5);
-    EXPECT_DOUBLE_EQ(imu.gyro_scale, 0.25);
-    EXPECT_EQ(imu.sampling_frequency, 1000);
-    EXPECT_EQ(imu.sampling_rate_div, 4);
-    EXPECT_EQ(imu.matrix_from_device_tree, 0);
+    EXPECT_THAT(texts_of({imu.device, imu.trigger, imu.tlm_section}), ElementsAre("imu-dev", "imu-trig", "flight_imu"));
+    EXPECT_EQ(std::tie(imu.temperature_sensitivity, imu.temperature_offset, imu.accelero_scale, imu.gyro_scale),
+              std::make_tuple(326.8, 25.0, 0.5, 0.25));
+    EXPECT_EQ(std::tie(imu.sampling_frequency, imu.sampling_rate_div, imu.matrix_from_device_tree,
+                       imu.rotation_after_calib, imu.rotation_enabled),
+              std::make_tuple(1000, 4, 0, 1, 1));
     EXPECT_THAT(imu.rotation_matrix, ElementsAreArray({1.f, 0.f, 0.f, 0.f, -1.f, 0.f, 0.f, 0.f, -1.f}));
-    EXPECT_EQ(imu.rotation_after_calib, 1);
-    EXPECT_EQ(imu.rotation_enabled, 1);
     ASSERT_EQ(imu.thread_cfg_count, 3);
     EXPECT_THAT(std::vector<std::string>(imu.thread_cfg, imu.thread_cfg + 3),
                 ElementsAre("imu", "imu_spi", "imu_spi_ksoftirq"));
-    EXPECT_STREQ(imu.tlm_section, "flight_imu");
 
     const sensors_imu_config &vcam = config->imu_vcam;
-    EXPECT_STREQ(vcam.device, "vcam-imu");
-    EXPECT_EQ(vcam.sampling_rate_div, 0);
-    EXPECT_EQ(vcam.matrix_from_device_tree, 1);
-    EXPECT_EQ(vcam.rotation_after_calib, 0);
+    EXPECT_THAT(texts_of({vcam.device, vcam.tlm_section}), ElementsAre("vcam-imu", "sensors_imu_vcam"));
+    EXPECT_EQ(std::tie(vcam.sampling_rate_div, vcam.matrix_from_device_tree, vcam.rotation_after_calib,
+                       vcam.thread_cfg_count),
+              std::make_tuple(0, 1, 0, 0));
     EXPECT_EQ(vcam.thread_cfg, nullptr);
-    EXPECT_EQ(vcam.thread_cfg_count, 0);
-    EXPECT_STREQ(vcam.tlm_section, "sensors_imu_vcam");
 
     std::vector<std::string> t = texts();
     auto at = [&](const std::string &text) { return std::find(t.begin(), t.end(), text) - t.begin(); };

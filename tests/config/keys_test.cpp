@@ -9,14 +9,11 @@ using ::testing::ElementsAreArray;
 
 namespace {
 
-constexpr int kNotice = LOG_NOTICE;
-constexpr int kError = LOG_ERR;
-
 struct required_case {
     const char *section;
     const char *key;
     const char *wrong; // a value of another type
-    int priority;      // of the report
+    int priority = LOG_ERR; // of the report
 };
 
 // Every required key of the complete file: missing and mistyped, each is
@@ -46,32 +43,19 @@ TEST_P(RequiredKey, WrongTypeIsFatal)
 
 INSTANTIATE_TEST_SUITE_P(
     Config, RequiredKey,
-    ::testing::Values(required_case{"barometer", "enabled", "1", kError},
-                      required_case{"barometer", "device", "7", kError},
-                      required_case{"barometer", "trigger", "true", kError},
-                      required_case{"barometer", "sampling-frequency", "75.0", kError},
-                      required_case{"bldc", "enabled", "\"yes\"", kError},
-                      required_case{"bldc", "device", "1.5", kError},
-                      required_case{"bldc", "trigger", "[\"t\"]", kError},
-                      required_case{"gps", "enabled", "0", kError},
-                      required_case{"imu", "enabled", "1", kNotice},
-                      required_case{"imu", "device", "3", kError},
-                      required_case{"imu", "sampling-frequency", "1000.0", kError},
-                      required_case{"imu", "trigger", "false", kError},
-                      required_case{"imu", "temperature.sensitivity", "326", kError},
-                      required_case{"imu", "temperature.offset", "25", kError},
-                      required_case{"imu", "accelero_scale", "1", kError},
-                      required_case{"imu", "gyro_scale", "\"0.25\"", kError},
-                      required_case{"magnetometer", "enabled", "\"true\"", kError},
-                      required_case{"magnetometer", "device", "0", kError},
-                      required_case{"magnetometer", "trigger", "{ name = \"t\"; }", kError},
-                      required_case{"battery", "enabled", "1.0", kError},
-                      required_case{"battery", "device", "false", kError},
-                      required_case{"ultrasound", "enabled", "1", kError},
-                      required_case{"carpet_detection", "enabled", "\"on\"", kError},
-                      required_case{"vcam_position", "enabled", "1", kError},
-                      required_case{"fstcam_position", "enabled", "1", kError},
-                      required_case{"vcam_optical_flow", "enabled", "1", kError}),
+    ::testing::ValuesIn(std::vector<required_case>{
+        {"barometer", "enabled", "1"}, {"barometer", "device", "7"}, {"barometer", "trigger", "true"},
+        {"barometer", "sampling-frequency", "75.0"},
+        {"bldc", "enabled", "\"yes\""}, {"bldc", "device", "1.5"}, {"bldc", "trigger", "[\"t\"]"},
+        {"gps", "enabled", "0"},
+        {"imu", "enabled", "1", LOG_NOTICE}, {"imu", "device", "3"}, {"imu", "sampling-frequency", "1000.0"},
+        {"imu", "trigger", "false"}, {"imu", "temperature.sensitivity", "326"}, {"imu", "temperature.offset", "25"},
+        {"imu", "accelero_scale", "1"}, {"imu", "gyro_scale", "\"0.25\""},
+        {"magnetometer", "enabled", "\"true\""}, {"magnetometer", "device", "0"},
+        {"magnetometer", "trigger", "{ name = \"t\"; }"},
+        {"battery", "enabled", "1.0"}, {"battery", "device", "false"},
+        {"ultrasound", "enabled", "1"}, {"carpet_detection", "enabled", "\"on\""}, {"vcam_position", "enabled", "1"},
+        {"fstcam_position", "enabled", "1"}, {"vcam_optical_flow", "enabled", "1"}}),
     [](const auto &info) { return case_name(std::string(info.param.section) + "_" + info.param.key); });
 
 TEST_F(ConfigTest, CompleteFileFillsEveryField)
@@ -199,21 +183,12 @@ class HostFilter : public ConfigTest {};
 TEST_F(HostFilter, OnlyTheAcceptedKindStaysEnabled)
 {
     const std::pair<uint32_t, const char *> rows[] = {
-        {0, ""},
-        {SENSORS_KIND_MAGNETO, " magneto"},
-        {SENSORS_KIND_BARO, " baro"},
-        {SENSORS_KIND_IMU, " imu"},
-        {SENSORS_KIND_GPS, " gps"},
-        {SENSORS_KIND_BLDC, " bldc"},
-        {SENSORS_KIND_ULTRASOUND, " ultrasound"},
-        {SENSORS_KIND_BATTERY, " battery"},
-        {SENSORS_KIND_TOF, ""},
-        {SENSORS_KIND_CARPET_DETECTION, " carpet_detection"},
-        {SENSORS_KIND_VCAM_POSITION, " vcam_position"},
-        {SENSORS_KIND_VCAM_OPTICAL_FLOW, " vcam_optical_flow"},
-        {SENSORS_KIND_FCAM_GIMBAL, " fcam_gimbal"},
-        {SENSORS_KIND_FSTCAM_POSITION, " fstcam_position"},
-        {SENSORS_KIND_IMU_VCAM, " imu_vcam"},
+        {0, ""}, {SENSORS_KIND_MAGNETO, " magneto"}, {SENSORS_KIND_BARO, " baro"}, {SENSORS_KIND_IMU, " imu"},
+        {SENSORS_KIND_GPS, " gps"}, {SENSORS_KIND_BLDC, " bldc"}, {SENSORS_KIND_ULTRASOUND, " ultrasound"},
+        {SENSORS_KIND_BATTERY, " battery"}, {SENSORS_KIND_TOF, ""},
+        {SENSORS_KIND_CARPET_DETECTION, " carpet_detection"}, {SENSORS_KIND_VCAM_POSITION, " vcam_position"},
+        {SENSORS_KIND_VCAM_OPTICAL_FLOW, " vcam_optical_flow"}, {SENSORS_KIND_FCAM_GIMBAL, " fcam_gimbal"},
+        {SENSORS_KIND_FSTCAM_POSITION, " fstcam_position"}, {SENSORS_KIND_IMU_VCAM, " imu_vcam"},
         {SENSORS_KIND_BARO | SENSORS_KIND_IMU_VCAM | SENSORS_KIND_GPS, " baro gps imu_vcam"}};
     for (const auto &[mask, line] : rows) {
         SCOPED_TRACE(testing::Message() << "mask 0x" << std::hex << mask);

@@ -19,10 +19,10 @@ std::string marked(bool gps)
 
 struct selection_case {
     const char *name;
-    const char *properties;
+    const char *revision;           // of the hardware "board"; null: no properties at all
     std::vector<std::string> files; // written under /etc/sensors
     const char *checked;            // first name tried
-    const char *loaded;             // name loaded
+    const char *loaded = nullptr;   // name loaded, when not the one tried first
 };
 
 class Selection : public ConfigTest, public ::testing::WithParamInterface<selection_case> {};
@@ -30,7 +30,7 @@ class Selection : public ConfigTest, public ::testing::WithParamInterface<select
 TEST_P(Selection, PicksTheFileFromHardwareNameAndRevision)
 {
     const selection_case &c = GetParam();
-    root_.properties(c.properties);
+    root_.properties(c.revision ? std::string("ro.hardware=board\nro.revision=") + c.revision + "\n" : "");
     for (const std::string &f : c.files)
         root_.write("/etc/sensors/" + f, cfg_text::all_disabled().str());
     config_ptr config = load_selected();
@@ -39,23 +39,18 @@ TEST_P(Selection, PicksTheFileFromHardwareNameAndRevision)
     const std::string dir = root_.at("/etc/sensors/");
     ASSERT_GE(t.size(), 2u);
     EXPECT_EQ(t[0], "check config file: '" + dir + c.checked + "'");
-    EXPECT_EQ(t[1], "load config from '" + dir + c.loaded + "'");
+    EXPECT_EQ(t[1], "load config from '" + dir + (c.loaded ? c.loaded : c.checked) + "'");
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Config, Selection,
     ::testing::Values(
-        selection_case{"RevisionFileFirst", "ro.hardware=board\nro.revision=4\n", {"board.hw04.cfg", "board.cfg"},
-                       "board.hw04.cfg", "board.hw04.cfg"},
-        selection_case{"NameFileWhenNoRevisionFile", "ro.hardware=board\nro.revision=4\n", {"board.cfg"},
-                       "board.hw04.cfg", "board.cfg"},
-        selection_case{"TwoDigitRevision", "ro.hardware=board\nro.revision=12\n", {"board.hw12.cfg"},
-                       "board.hw12.cfg", "board.hw12.cfg"},
-        selection_case{"ThreeDigitRevision", "ro.hardware=board\nro.revision=123\n", {"board.hw123.cfg"},
-                       "board.hw123.cfg", "board.hw123.cfg"},
-        selection_case{"NonNumericRevisionIsZero", "ro.hardware=board\nro.revision=rev-b\n", {"board.hw00.cfg"},
-                       "board.hw00.cfg", "board.hw00.cfg"},
-        selection_case{"NoPropertiesAtAll", "", {".hw00.cfg"}, ".hw00.cfg", ".hw00.cfg"}),
+        selection_case{"RevisionFileFirst", "4", {"board.hw04.cfg", "board.cfg"}, "board.hw04.cfg"},
+        selection_case{"NameFileWhenNoRevisionFile", "4", {"board.cfg"}, "board.hw04.cfg", "board.cfg"},
+        selection_case{"TwoDigitRevision", "12", {"board.hw12.cfg"}, "board.hw12.cfg"},
+        selection_case{"ThreeDigitRevision", "123", {"board.hw123.cfg"}, "board.hw123.cfg"},
+        selection_case{"NonNumericRevisionIsZero", "rev-b", {"board.hw00.cfg"}, "board.hw00.cfg"},
+        selection_case{"NoPropertiesAtAll", nullptr, {".hw00.cfg"}, ".hw00.cfg"}),
     [](const auto &info) { return std::string(info.param.name); });
 
 TEST_F(ConfigTest, OverrideWinsOverTheProperties)

@@ -2,46 +2,30 @@
 // The rangefinder lists "tofs" and "tofs_lib".
 #include <gmock/gmock.h>
 
+#include <tuple>
+
 #include "config/sensorscfg.h"
 #include "config_fixture.h"
 
+using ::testing::ElementsAre;
+
 namespace {
 
-const std::string kTofElement = R"({
-    enabled = true;
-    device = "tof-dev";
-    trigger = "tof-trig";
-    calib = "/factory/tof.bin";
-    sampling-frequency = 30;
-    type = "vertical";
-    min_distance = 0.05;
-    max_distance = 4.0;
-    min_amplitude = 12.5;
-  })";
+const std::string kTofElement = "{ enabled = true; device = \"tof-dev\"; trigger = \"tof-trig\";"
+                                " calib = \"/factory/tof.bin\"; sampling-frequency = 30; type = \"vertical\";"
+                                " min_distance = 0.05; max_distance = 4.0; min_amplitude = 12.5; }";
 
-const std::string kTofLibElement = R"({
-    enabled = true;
-    device = "/dev/i2c-3";
-    calib = "/factory/tof_lib.bin";
-    type = "vertical";
-    i2c_addr = 0x29;
-    hw_type = "vl53";
-    gpio = "tof_reset";
-    flags = 3;
-    min_distance = 0.1;
-    max_distance = 2.5;
-    min_amplitude = 1.5;
-  })";
+const std::string kTofLibElement = "{ enabled = true; device = \"/dev/i2c-3\"; calib = \"/factory/tof_lib.bin\";"
+                                   " type = \"vertical\"; i2c_addr = 0x29; hw_type = \"vl53\"; gpio = \"tof_reset\";"
+                                   " flags = 3; min_distance = 0.1; max_distance = 2.5; min_amplitude = 1.5; }";
 
 std::string with_key(std::string element, const std::string &key, const char *value)
 {
-    size_t at = element.find("\n    " + key + " = ");
-    if (at != std::string::npos) {
-        size_t end = element.find(';', at);
-        element.erase(at, end + 1 - at);
-    }
+    size_t at = element.find(" " + key + " = ");
+    if (at != std::string::npos)
+        element.erase(at, element.find(';', at) + 1 - at);
     if (value)
-        element.insert(element.rfind('}'), "  " + key + " = " + value + ";\n  ");
+        element.insert(element.rfind('}'), key + " = " + value + "; ");
     return element;
 }
 
@@ -51,29 +35,17 @@ TEST_F(ConfigTest, TofElementsAreRead)
                                                       kTofLibElement + ");\n"));
     ASSERT_TRUE(config);
     const sensors_tof_config &tof = config->tof;
-    EXPECT_STREQ(tof.device, "tof-dev");
-    EXPECT_STREQ(tof.trigger, "tof-trig");
-    EXPECT_STREQ(tof.calib, "/factory/tof.bin");
-    EXPECT_EQ(tof.sampling_frequency, 30);
-    EXPECT_EQ(tof.type_index, 0);
-    EXPECT_FLOAT_EQ(tof.min_distance, 0.05f);
-    EXPECT_FLOAT_EQ(tof.max_distance, 4.0f);
-    EXPECT_FLOAT_EQ(tof.min_amplitude, 12.5f);
+    EXPECT_THAT(texts_of({tof.device, tof.trigger, tof.calib}), ElementsAre("tof-dev", "tof-trig", "/factory/tof.bin"));
+    EXPECT_EQ(std::tie(tof.sampling_frequency, tof.type_index, tof.min_distance, tof.max_distance, tof.min_amplitude),
+              std::make_tuple(30, 0, 0.05f, 4.0f, 12.5f));
 
     const sensors_tof_lib_config &lib = config->tof_lib;
-    EXPECT_EQ(lib.enabled, 1);
-    EXPECT_STREQ(lib.device, "/dev/i2c-3");
-    EXPECT_STREQ(lib.calib, "/factory/tof_lib.bin");
+    EXPECT_THAT(texts_of({lib.device, lib.calib, lib.type, lib.hw_type, lib.gpio}),
+                ElementsAre("/dev/i2c-3", "/factory/tof_lib.bin", "vertical", "vl53", "tof_reset"));
     EXPECT_EQ(lib.calib_per_design, nullptr);
-    EXPECT_STREQ(lib.type, "vertical");
-    EXPECT_EQ(lib.i2c_addr, 0x29);
-    EXPECT_STREQ(lib.hw_type, "vl53");
-    EXPECT_STREQ(lib.gpio, "tof_reset");
-    EXPECT_EQ(lib.flags, 3);
-    EXPECT_FLOAT_EQ(lib.min_distance, 0.1f);
-    EXPECT_FLOAT_EQ(lib.max_distance, 2.5f);
-    EXPECT_FLOAT_EQ(lib.min_amplitude, 1.5f);
-    EXPECT_EQ(lib.type_index, 0);
+    EXPECT_EQ(std::tie(lib.enabled, lib.i2c_addr, lib.flags, lib.type_index, lib.min_distance, lib.max_distance,
+                       lib.min_amplitude),
+              std::make_tuple(1, 0x29, 3, 0, 0.1f, 2.5f, 1.5f));
 
     // The rangefinder's own line: enabled, and its type.
     std::vector<log_record> m = messages();
@@ -198,7 +170,7 @@ TEST(ConfigTof, TypeIndex)
     EXPECT_EQ(sensorscfg_tof_index("vertical "), -1);
     EXPECT_EQ(sensorscfg_tof_index(""), -1);
     EXPECT_THAT(cap.texts("sensors_config"),
-                ::testing::ElementsAre("unknown tof type: vertical ", "unknown tof type: "));
+                ElementsAre("unknown tof type: vertical ", "unknown tof type: "));
 }
 
 } // namespace

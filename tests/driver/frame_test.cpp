@@ -23,13 +23,6 @@ using ::testing::HasSubstr;
 
 namespace {
 
-// The nine operations are called by the tests below.
-TEST_F(FrameTest, TableNamesTheDriverAndEndsWithNull)
-{
-    EXPECT_STREQ(drv_.name, "sensors_orlune");
-    EXPECT_EQ(drv_.end, nullptr);
-}
-
 TEST_F(FrameTest, DifferingHeaderWordsAndNoRecordAreRefusedBeforeAnythingHappens)
 {
     configure(cfg_text::all_disabled());
@@ -73,6 +66,8 @@ TEST_F(FrameTest, ProbeFailuresReleaseEverythingWithTheirResults)
 
 TEST_F(FrameTest, NothingEnabledStillAcquiresTheBatteryFallback)
 {
+    EXPECT_STREQ(drv_.name, "sensors_orlune");
+    EXPECT_EQ(drv_.end, nullptr);
     start_server();
     configure(cfg_text::all_disabled());
     ASSERT_EQ(probe(), 0);
@@ -185,11 +180,7 @@ TEST_F(FrameTest, ImuWaitFailureEndsTheCycleWithNothingUpdated)
     ASSERT_EQ(probe(), 0);
     ASSERT_EQ(drv_.start(ctx_), 0);
     ASSERT_EQ(drv_.read(&data_, ctx_), 0);
-    sim::scenario_fault fault;
-    fault.kind = sim::fault_kind::refill_error;
-    fault.device = "orlune-imu";
-    fault.error = EIO;
-    fault.count = 1;
+    sim::scenario_fault fault{.kind = sim::fault_kind::refill_error, .device = "orlune-imu", .error = EIO, .count = 1};
     ASSERT_EQ(server_->inject(fault), 0);
     frame_messages();
     int r = 0;
@@ -413,10 +404,7 @@ TEST_P(MotorPacing, BatchesGetTheNewestControllerSampleUpToThemAndNeverQueueUp)
 
     // The controller falls silent for 100 ms: the read waits for the sample
     // due (the IMU's kernel buffer overflows meanwhile), then the backlog drains.
-    sim::scenario_fault stall;
-    stall.kind = sim::fault_kind::stall;
-    stall.device = "orlune-esc";
-    stall.duration_s = 0.1;
+    sim::scenario_fault stall{.kind = sim::fault_kind::stall, .device = "orlune-esc", .duration_s = 0.1};
     ASSERT_EQ(server_->inject(stall), 0);
     EXPECT_LE(drain(false), 10);
     const int updates = motor_updates_;
