@@ -22,13 +22,6 @@ constexpr const char *kGpsSocketName = "gps";
 // Granularity of the daemon's clock: messages leave within this of their time.
 constexpr int kTickMs = 5;
 
-int64_t now_ns()
-{
-    timespec t{};
-    monotonic_now(&t);
-    return int64_t(t.tv_sec) * kNsPerSec + t.tv_nsec;
-}
-
 std::string where(const config_setting_t *s)
 {
     int line = s ? config_setting_source_line(s) : 0;
@@ -219,7 +212,7 @@ struct gps_daemon::impl {
         owner->serving_ = false;
     }
 
-    double scenario_time() const { return double(now_ns() - epoch_ns) / 1e9; }
+    double scenario_time() const { return double(monotonic_ns() - epoch_ns) / 1e9; }
 
     void run();
 };

@@ -21,6 +21,7 @@
 #include <thread>
 #include <vector>
 
+#include "platform/time_helpers.h"
 #include "sim/iiod_command.h"
 #include "sim/replay.h"
 
@@ -34,13 +35,6 @@ constexpr size_t kMaxAttrValue = 4096;     // longer written values are read and
 constexpr size_t kMaxBufferBytes = 16 << 20; // per open buffer
 constexpr size_t kMaxChannels = 64;
 constexpr size_t kDefaultKernelLength = 64; // scans, the kernel's default buffer length
-
-int64_t now_ns()
-{
-    timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return ts.tv_sec * 1000000000LL + ts.tv_nsec;
-}
 
 std::chrono::steady_clock::time_point to_steady(int64_t mono_ns)
 {
@@ -290,7 +284,7 @@ struct iiod_server::impl {
             // the original pace, one a vehicle would not have made yet.
             int64_t from = replay->now();
             if (pace == replay_pace::original && s.model->blocking())
-                from = std::max(from, now_ns() - pace_offset);
+                from = std::max(from, monotonic_ns() - pace_offset);
             s.replay_first = s.recorded->until(from);
         }
         for (reader_state &r : s.readers)
@@ -311,7 +305,7 @@ struct iiod_server::impl {
                 r.enabled = enable;
             }
         if (restart)
-            restart_stream(s, now_ns());
+            restart_stream(s, monotonic_ns());
         cv.notify_all();
     }
     // Scans that have reached the kernel buffer by now: those sampled at
@@ -454,12 +448,12 @@ struct iiod_server::impl {
         case fault_kind::stall:
             // The trigger falls silent: what it had not delivered is lost and
             // scans resume once the stall is over.
-            restart_stream(*s, now_ns() + static_cast<int64_t>(f.duration_s * 1e9));
+            restart_stream(*s, monotonic_ns() + static_cast<int64_t>(f.duration_s * 1e9));
             break;
         case fault_kind::disconnect:
             break;
         case fault_kind::motor_error: {
-            const int rc = s->model->arm_fault(f, static_cast<double>(now_ns() - epoch) / 1e9);
+            const int rc = s->model->arm_fault(f, static_cast<double>(monotonic_ns() - epoch) / 1e9);
             if (rc)
                 return rc;
             break;
@@ -561,7 +555,7 @@ struct iiod_server::impl {
             for (connection &c : connections)
                 if (c.fd >= 0)
                     shutdown(c.fd, SHUT_RDWR);
-            restart_at = now_ns() + static_cast<int64_t>(down_s * 1e9);
+            restart_at = monotonic_ns() + static_cast<int64_t>(down_s * 1e9);
             cv.notify_all();
         }
         old.join();
@@ -577,7 +571,7 @@ struct iiod_server::impl {
             int64_t next = restart_at;
             if (next_fault < schedule.size())
                 next = std::min(next, epoch + static_cast<int64_t>(schedule[next_fault].at_s * 1e9));
-            const int64_t now = now_ns();
+            const int64_t now = monotonic_ns();
             if (now < next) {
                 if (next == kNever)
                     cv.wait(lock);
@@ -592,7 +586,7 @@ struct iiod_server::impl {
                 if (open_listener(&error) != 0) {
                     std::fprintf(stderr, "orlune-sim: cannot listen again: %s\n", error.c_str());
                     lock.lock();
-                    restart_at = now_ns() + 100 * kNsPerMs;
+                    restart_at = monotonic_ns() + 100 * kNsPerMs;
                     continue;
                 }
                 lock.lock();
@@ -869,7 +863,7 @@ struct iiod_server::impl {
                 // A direct reading: the channel's value now.
                 const auto &ch = s.model->channels();
                 int64_t raw[kMaxChannels];
-                const int64_t now = now_ns();
+                const int64_t now = monotonic_ns();
                 s.model->sample(server.truth, static_cast<double>(now - server.epoch) / 1e9,
                                 static_cast<uint64_t>(now), raw);
                 for (size_t i = 0; i < ch.size(); i++)
@@ -879,7 +873,7 @@ struct iiod_server::impl {
                     }
                 return -ENXIO;
             }
-            if (s.model->read_attr(file, static_cast<double>(now_ns() - server.epoch) / 1e9, value))
+            if (s.model->read_attr(file, static_cast<double>(monotonic_ns() - server.epoch) / 1e9, value))
                 return 0;
             for (const auto &[name, v] : s.values)
                 if (name == file) {
@@ -934,13 +928,13 @@ struct iiod_server::impl {
                 for (auto &[name, stored] : s->values)
                     if (name == file)
                         stored = std::to_string(v);
-                server.restart_stream(*s, now_ns());
+                server.restart_stream(*s, monotonic_ns());
                 return reply(static_cast<long>(cmd.number));
             }
             // Commands the model carries out; anything else is read-only, as
             // its sysfs file.
             const int written =
-                s->model->write_attr(file, value, static_cast<double>(now_ns() - server.epoch) / 1e9);
+                s->model->write_attr(file, value, static_cast<double>(monotonic_ns() - server.epoch) / 1e9);
             return reply(written ? written : static_cast<long>(cmd.number));
         }
 
@@ -974,7 +968,7 @@ struct iiod_server::impl {
             }
             if (t != s->attached) {
                 s->attached = t;
-                server.restart_stream(*s, now_ns());
+                server.restart_stream(*s, monotonic_ns());
             }
             return 0;
         }
@@ -1002,7 +996,7 @@ struct iiod_server::impl {
             r.enabled = true;
             // The first reader starts the device; a later one joins its
             // stream at the newest scan, leaving the others undisturbed.
-            const int64_t now = now_ns();
+            const int64_t now = monotonic_ns();
             const bool running = server.producing(*s);
             r.consumed = running ? server.delivered(*s, now) : 0;
             s->readers.push_back(std::move(r));
@@ -1045,11 +1039,11 @@ struct iiod_server::impl {
                     return lock.unlock(), reply(0);
             }
             const int64_t deadline =
-                server.timeout_ms ? now_ns() + static_cast<int64_t>(server.timeout_ms) * kNsPerMs : kNever;
+                server.timeout_ms ? monotonic_ns() + static_cast<int64_t>(server.timeout_ms) * kNsPerMs : kNever;
             for (;;) {
                 if (server.stopping || conn.generation != server.generation)
                     return false;
-                const int64_t now = now_ns();
+                const int64_t now = monotonic_ns();
                 const uint64_t ready = server.waiting(*s, *r, now);
                 if (ready >= want)
                     break;
@@ -1117,7 +1111,7 @@ iiod_server::iiod_server(std::unique_ptr<impl> p) : impl_(std::move(p)) {}
 // The clock starts, the port opens and the controller runs.
 std::unique_ptr<iiod_server> iiod_server::launch(std::unique_ptr<impl> p, std::string *error)
 {
-    p->epoch = now_ns();
+    p->epoch = monotonic_ns();
     if (p->open_listener(error) != 0)
         return nullptr;
     impl *raw = p.get();

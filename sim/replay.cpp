@@ -135,8 +135,6 @@ struct replay_services::impl {
     int64_t loop_ns = 0;
     int64_t shift = 0; // this pass's: times are served this much later than recorded
     std::thread thread;
-    std::atomic<uint64_t> served{0};
-    std::atomic<bool> finished{false};
 
     // One served stream: where it is in its records.
     struct cursor {
@@ -322,7 +320,6 @@ struct replay_services::impl {
                     break;
                 content = content || r.kind == capture::record_kind::file;
                 apply(c, r, true);
-                served++;
             }
             c.after_start = c.next;
         }
@@ -336,16 +333,11 @@ struct replay_services::impl {
             // Everything up to now, stream by stream: within one instant
             // their order does not matter to a reader. A loop's pass ends
             // with its last record; the next starts over after the state.
-            bool left = false;
             for (;;) {
-                left = false;
                 for (cursor &c : cursors) {
                     const auto &records = c.stream->records;
-                    for (; c.next < records.size() && records[c.next].time_ns + shift <= now; c.next++) {
+                    for (; c.next < records.size() && records[c.next].time_ns + shift <= now; c.next++)
                         apply(c, records[c.next], false);
-                        served++;
-                    }
-                    left = left || c.next < records.size();
                 }
                 if (!loop_ns || now < start_ns + shift + loop_ns)
                     break;
@@ -354,8 +346,6 @@ struct replay_services::impl {
                     c.next = c.after_start;
             }
             clock.served_up_to(now);
-            if (!left)
-                finished = true;
             // Between advances: accept clients and read their requests.
             bool listening = false;
             for (cursor &c : cursors)
@@ -382,8 +372,6 @@ replay_services::~replay_services()
         impl_->thread.join();
 }
 
-uint64_t replay_services::served() const { return impl_->served; }
-bool replay_services::finished() const { return impl_->finished; }
 
 std::unique_ptr<replay_services> replay_services::start(const replay_capture &capture, replay_clock &clock,
                                                         const std::string &battery_dir, int64_t loop_ns,

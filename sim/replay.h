@@ -10,7 +10,6 @@
 // other stream follows the IMU (see replay_clock).
 #pragma once
 
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -132,10 +131,6 @@ public:
     ~replay_services();
     replay_services(const replay_services &) = delete;
     replay_services &operator=(const replay_services &) = delete;
-
-    // Records served so far, and whether every stream reached its end.
-    uint64_t served() const;
-    bool finished() const;
 
     struct impl;
 

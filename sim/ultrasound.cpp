@@ -25,13 +25,6 @@ namespace {
 constexpr uint64_t kMinPeriodUs = 10000;
 constexpr int kTickMs = 2;
 
-int64_t now_ns()
-{
-    timespec t{};
-    monotonic_now(&t);
-    return int64_t(t.tv_sec) * kNsPerSec + t.tv_nsec;
-}
-
 int parse_ultrasound(const config_setting_t *g, ultrasound_settings *out, std::string *error)
 {
     if (!g)
@@ -135,7 +128,7 @@ struct ultrasound_service::impl {
             client &c = self->clients[conn];
             c.period_us = std::max(period_us, kMinPeriodUs);
             c.max_range_m = max_range > 0 ? double(max_range) : self->settings.max_range_m;
-            c.next_ns = now_ns();
+            c.next_ns = monotonic_ns();
         }
         self->count_ranging();
     }
@@ -189,7 +182,7 @@ struct ultrasound_service::impl {
 
     void follow_outages()
     {
-        const int change = outages.step(double(now_ns() - epoch_ns) / 1e9, server != nullptr);
+        const int change = outages.step(double(monotonic_ns() - epoch_ns) / 1e9, server != nullptr);
         if (change > 0 && open(nullptr))
             outages.reopened(); // a name taken meanwhile: tried again next tick
         else if (change < 0)
@@ -205,7 +198,7 @@ struct ultrasound_service::impl {
                 continue;
             }
             server_process(server, kTickMs);
-            const int64_t now = now_ns();
+            const int64_t now = monotonic_ns();
             std::vector<msg_connection *> due;
             for (auto &[conn, c] : clients)
                 if (c.period_us && now >= c.next_ns)

@@ -218,14 +218,6 @@ int parse_config(config_t *cfg, vision_settings *out, std::string *error)
 
 // ---- the producers -------------------------------------------------------------
 
-int64_t now_ns()
-{
-    timespec t{};
-    monotonic_now(&t);
-    int64_t ns = 0;
-    timespec_to_ns(&t, &ns);
-    return ns;
-}
 
 struct producer_state {
     vision_producer_id id;
@@ -390,7 +382,7 @@ struct vision_producers::impl {
             int64_t due = INT64_MAX;
             for (producer_state &p : producers)
                 due = std::min(due, p.next_ns);
-            const int64_t now = now_ns();
+            const int64_t now = monotonic_ns();
             if (due > now) {
                 // steady_clock is the monotonic clock the samples are stamped with.
                 wake.wait_for(guard, std::chrono::nanoseconds(due - now));
@@ -448,7 +440,7 @@ std::unique_ptr<vision_producers> vision_producers::start(const scenario &s, con
                                                           int64_t epoch_ns, std::string *error)
 {
     auto p = std::make_unique<impl>(s, v, epoch_ns);
-    const int64_t now = now_ns();
+    const int64_t now = monotonic_ns();
     for (size_t i = 0; i < kVisionProducerCount; i++) {
         producer_state &st = p->producers[i];
         st.id = vision_producer_id(i);

@@ -13,6 +13,13 @@ int monotonic_now(timespec *now)
     return 0;
 }
 
+int64_t monotonic_ns()
+{
+    timespec t{};
+    monotonic_now(&t);
+    return int64_t(t.tv_sec) * kNsPerSec + t.tv_nsec;
+}
+
 int timespec_compare(const timespec *a, const timespec *b)
 {
     if (!a || !b)

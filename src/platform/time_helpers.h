@@ -17,6 +17,8 @@ inline constexpr int64_t kUsPerSec = 1000000;
 
 // Reads CLOCK_MONOTONIC.
 int monotonic_now(timespec *now);
+// The same in nanoseconds, for the simulator and the tools.
+int64_t monotonic_ns();
 
 // <0, 0 or >0 as a is before, equal to or after b. A null timespec sorts
 // before any other; two nulls are equal.

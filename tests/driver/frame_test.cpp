@@ -314,19 +314,13 @@ struct pacing_case {
 class MotorPacing : public FrameTest, public ::testing::WithParamInterface<pacing_case> {
 protected:
     static int64_t ns(const timespec &t) { return int64_t(t.tv_sec) * 1000000000 + t.tv_nsec; }
-    static int64_t now_ns()
-    {
-        timespec t;
-        monotonic_now(&t);
-        return ns(t);
-    }
 
     // One read; counts the controller samples it chose wrongly and returns
     // whether the IMU's next batch was already complete when it returned.
     bool cycle(bool controller_on_grid)
     {
         EXPECT_EQ(drv_.read(&data_, ctx_), 0);
-        const int64_t returned = now_ns();
+        const int64_t returned = monotonic_ns();
         EXPECT_TRUE(data_.updated_sensors & SENSORS_UPDATED_IMU);
         EXPECT_EQ(data_.imu.nb_samples, 5);
         const int64_t first = ns(data_.imu.timestamps[0]);

@@ -15,13 +15,6 @@ namespace {
 
 using ::testing::HasSubstr;
 
-int64_t now_ns()
-{
-    timespec t{};
-    monotonic_now(&t);
-    return int64_t(t.tv_sec) * kNsPerSec + t.tv_nsec;
-}
-
 // Climbs 2 m in its first second from the ground at 100 m, then hovers.
 sim::scenario climb_then_hover()
 {
@@ -89,9 +82,9 @@ TEST_F(SimServices, GpsFixesFollowTheTruthThroughARestart)
     settings.altitude_noise_m = 0;
     settings.outages = {{0.4, 0.4}};
     std::string error;
-    auto daemon = sim::gps_daemon::start(settings, s, now_ns(), &error);
+    auto daemon = sim::gps_daemon::start(settings, s, monotonic_ns(), &error);
     ASSERT_NE(daemon, nullptr) << error;
-    EXPECT_EQ(sim::gps_daemon::start(settings, s, now_ns(), &error), nullptr);
+    EXPECT_EQ(sim::gps_daemon::start(settings, s, monotonic_ns(), &error), nullptr);
     EXPECT_THAT(error, HasSubstr("cannot listen on \"gps\""));
 
     sensors_gps_data data{};
@@ -126,7 +119,7 @@ TEST_F(SimServices, UltrasoundMeasuresTheHeightAboveTheGround)
     settings.short_range_limit_m = 3.0;
     std::string error;
     // Ten seconds into the scenario: hovering 2 m above the ground.
-    auto service = sim::ultrasound_service::start(settings, climb_then_hover(), now_ns() - 10 * kNsPerSec, &error);
+    auto service = sim::ultrasound_service::start(settings, climb_then_hover(), monotonic_ns() - 10 * kNsPerSec, &error);
     ASSERT_NE(service, nullptr) << error;
     sensors_us_data data{};
     us_ctx *us = us_new(&data);

@@ -40,14 +40,6 @@ protected:
         unsetenv("IIOD_REMOTE");
     }
 
-    static int64_t now_ns()
-    {
-        timespec now;
-        monotonic_now(&now);
-        int64_t ns = 0;
-        timespec_to_ns(&now, &ns);
-        return ns;
-    }
     int64_t current_stamp()
     {
         timespec t{};
@@ -81,13 +73,13 @@ TEST_F(MotorClientTest, FlushKeepsTheNewestSampleUpToTheLimitAndHoldsLaterOnesBa
     // The first sample is taken a period after the stream starts, after this
     // limit: it is held back for a later flush.
     ASSERT_GE(controller_enable(client_.get()), 0);
-    const timespec before = ns_to_timespec(now_ns());
+    const timespec before = ns_to_timespec(monotonic_ns());
     EXPECT_EQ(samples_flush(client_.get(), &before, &count), -EAGAIN);
     EXPECT_EQ(count, 0u);
     EXPECT_EQ(sample_read(client_.get()), -ENODATA);
 
     std::this_thread::sleep_for(std::chrono::milliseconds(150));
-    const int64_t limit_ns = now_ns() - 50000000;
+    const int64_t limit_ns = monotonic_ns() - 50000000;
     const timespec limit = ns_to_timespec(limit_ns);
     ASSERT_EQ(samples_flush(client_.get(), &limit, &count), 0);
     // About 100 ms of samples up to the limit, the held one among them, all
@@ -122,13 +114,13 @@ TEST_F(MotorClientTest, FlushKeepsTheNewestSampleUpToTheLimitAndHoldsLaterOnesBa
     EXPECT_EQ(current_stamp(), kept + 2 * kPeriodNs);
 
     // A limit ahead of the stream waits for the samples due up to it.
-    const int64_t ahead_ns = now_ns() + 30000000;
+    const int64_t ahead_ns = monotonic_ns() + 30000000;
     const timespec ahead = ns_to_timespec(ahead_ns);
     ASSERT_EQ(samples_flush(client_.get(), &ahead, &count), 0);
     ASSERT_EQ(sample_read(client_.get()), 0);
     EXPECT_LE(current_stamp(), ahead_ns);
     EXPECT_GT(current_stamp(), ahead_ns - kPeriodNs);
-    EXPECT_GE(now_ns(), current_stamp());
+    EXPECT_GE(monotonic_ns(), current_stamp());
 
     uint32_t status[5];
     uint32_t detail = 9;

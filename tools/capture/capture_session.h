@@ -13,8 +13,6 @@
 
 namespace capture {
 
-int64_t now_ns();
-
 // The writer is shared by every thread: one record at a time. The first
 // failure is kept and reported at the end.
 struct shared_writer {

@@ -30,17 +30,10 @@
 
 namespace capture {
 
-int64_t now_ns()
-{
-    timespec t;
-    monotonic_now(&t);
-    return t.tv_sec * kNsPerSec + t.tv_nsec;
-}
-
 void shared_writer::record(record_kind kind, uint16_t stream, const void *data, size_t size)
 {
     std::lock_guard<std::mutex> lock(mu);
-    const int rc = out.write(kind, stream, now_ns(), data, size);
+    const int rc = out.write(kind, stream, monotonic_ns(), data, size);
     if (rc && !error)
         error = rc;
 }
@@ -49,7 +42,7 @@ void shared_writer::attr(uint16_t stream, attr_scope scope, std::string_view cha
                          std::string_view value)
 {
     std::lock_guard<std::mutex> lock(mu);
-    const int rc = out.write_attr(stream, now_ns(), scope, channel, name, value);
+    const int rc = out.write_attr(stream, monotonic_ns(), scope, channel, name, value);
     if (rc && !error)
         error = rc;
 }
@@ -58,7 +51,7 @@ int shared_writer::stream(stream_kind kind, std::string_view name)
 {
     std::lock_guard<std::mutex> lock(mu);
     uint16_t id;
-    const int rc = out.add_stream(kind, name, now_ns(), &id);
+    const int rc = out.add_stream(kind, name, monotonic_ns(), &id);
     if (rc) {
         if (!error)
             error = rc;
@@ -262,7 +255,7 @@ void follow_sources(const source_settings &settings, shared_writer *w, counters 
         for (const auto &s : sockets)
             if (s->context)
                 context_process_fd(s->context);
-        const int64_t now = now_ns();
+        const int64_t now = monotonic_ns();
         for (section_stream &s : sections)
             follow_section(s, now, w, c);
         if (!settings.battery_dir.empty() && now >= next_files) {

@@ -33,7 +33,6 @@
 
 namespace {
 
-using capture::now_ns;
 using capture::shared_writer;
 
 std::atomic<bool> g_stop{false};
@@ -457,12 +456,12 @@ int main(int argc, char **argv)
     std::thread sources_thread(capture::follow_sources, std::cref(sources), &w, &others, &g_stop);
 
     const bool tty = isatty(STDERR_FILENO);
-    const int64_t start = now_ns();
+    const int64_t start = monotonic_ns();
     int64_t next_attrs = start + static_cast<int64_t>(attr_period * 1e9);
     int64_t next_progress = start + kNsPerSec;
     while (!g_stop) {
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        const int64_t now = now_ns();
+        const int64_t now = monotonic_ns();
         if (duration > 0 && now - start >= static_cast<int64_t>(duration * 1e9))
             break;
         if (now >= next_attrs) {
@@ -515,7 +514,7 @@ int main(int argc, char **argv)
         }
     }
     int rc = w.error;
-    const int closed = w.out.close(now_ns());
+    const int closed = w.out.close(monotonic_ns());
     if (!rc)
         rc = closed;
     if (rc) {
