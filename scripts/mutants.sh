@@ -11,8 +11,8 @@
 #
 # The working tree is never touched: the files git tracks or would add, with
 # their current contents (uncommitted edits included), are copied to
-# build-mutants/tree, which is configured once as scripts/build.sh configures
-# a build for tests (fail points on) in build-mutants/build and built there.
+# build-mutants/tree, which the copy's scripts/build.sh builds for tests
+# (fail points on) in build-mutants/build.
 # Each fault is then applied to the copy, rebuilt incrementally, tested and
 # undone, also when the run is interrupted. Before any fault, the selected
 # tests must pass on the unchanged copy: a test that already fails catches
@@ -109,7 +109,6 @@ fi
 
 # --- The copy and its build -------------------------------------------------
 start=$(date +%s)
-"$root/scripts/deps.sh" all
 mkdir -p "$tree" "$build" "$logs"
 
 # The files git knows of or would add (new files not yet added count, as
@@ -132,21 +131,10 @@ done <"$work/files"
 (cd "$tree" && find . -type f -printf '%P\0') | sort -z >"$work/copied"
 comm -z -23 "$work/copied" "$work/files" | (cd "$tree" && xargs -0 -r rm -f)
 
-if [ ! -f "$build/build.ninja" ]; then
-  echo "mutants: configuring $build"
-  if ! cmake -S "$tree" -B "$build" -G Ninja -DORLUNE_FAILPOINTS=ON >"$work/configure.log" 2>&1; then
-    cat "$work/configure.log" >&2
-    echo "mutants: configuring failed (log: $work/configure.log)" >&2
-    exit 1
-  fi
-fi
-left_out=$(sed -n 's/^ORLUNE_LEFT_OUT:INTERNAL=//p' "$build/CMakeCache.txt")
-if [ -n "$left_out" ]; then
-  echo "mutants: the $left_out are left out for want of packages (log: $work/configure.log)" >&2
-  exit 1
-fi
+# Configured and built by the copy's own scripts/build.sh, as a build for
+# tests is (fail points on, nothing left out).
 echo "mutants: building the unchanged copy"
-if ! cmake --build "$build" -j "$(nproc)" >"$work/build.log" 2>&1; then
+if ! "$tree/scripts/build.sh" "$build" >"$work/build.log" 2>&1; then
   tail -n 40 "$work/build.log" >&2
   echo "mutants: the unchanged copy does not build (log: $work/build.log)" >&2
   exit 1
