@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "platform/log.h"
 
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -11,11 +13,16 @@
 #include <ctime>
 #include <mutex>
 
+#include "platform/paths.h"
+#include "platform/time_helpers.h"
+
 namespace {
 
 constexpr size_t kMaxTagOverrides = 32;
 constexpr size_t kTagNameMax = 32;
 constexpr size_t kMessageMax = 1024;
+// "<PRI>Mmm dd hh:mm:ss ident[pid]: " with an ident of at most 255 characters.
+constexpr size_t kSyslogHeaderMax = 320;
 
 struct tag_level {
     char name[kTagNameMax];
@@ -30,32 +37,34 @@ struct level_table {
 
 enum class log_output { stderr_out, syslog_out, none };
 
-// The syslog sink collapses identical consecutive lines, as system loggers
-// do: the first is written, the repeats are counted and reported as "last
-// message repeated N times" when a different line comes, or at the next
-// repeat once a second has passed since the count began.
-struct syslog_repeats {
-    std::mutex lock;
-    bool have_last = false;
-    int priority = 0;
-    char tag[kTagNameMax] = {};
-    char text[kMessageMax] = {};
-    uint32_t count = 0;
-    int64_t since_ms = 0;
+// The system logger's socket, relocated by ORLUNE_ROOT like every fixed path.
+constexpr const char *kSystemLoggerSocket = "/dev/log";
+// A logger that is absent or restarting is asked again once a second at most.
+constexpr int64_t kReconnectIntervalNs = kNsPerSec;
 
-    void flush()
+// The syslog output: one datagram a line to the system logger, never waited
+// for. A line the logger does not take at once is dropped and counted; the
+// count goes out as a line of its own ahead of the next line it takes.
+struct syslog_sink {
+    std::mutex lock;
+    int fd = -1;
+    bool tried = false; // a connection was attempted since the output was chosen
+    int64_t tried_ns = 0;
+    uint64_t dropped = 0;
+
+    void disconnect()
     {
-        if (count)
-            syslog(priority, "%s: last message repeated %u times", tag, count);
-        count = 0;
+        if (fd >= 0)
+            close(fd);
+        fd = -1;
     }
-    ~syslog_repeats() { flush(); }
+    ~syslog_sink() { disconnect(); }
 };
 
 struct log_state {
     level_table levels;
-    log_output output = log_output::stderr_out;
-    syslog_repeats repeats;
+    std::atomic<log_output> output{log_output::stderr_out};
+    syslog_sink sink;
     std::atomic<uint64_t> formatted{0};
     std::atomic<bool> capturing{false};
     std::mutex capture_lock;
@@ -118,8 +127,9 @@ log_state &state()
         if (levels && !parse_levels(levels, &s.levels))
             fprintf(stderr, "sensors log: ignoring malformed SENSORS_LOG_LEVEL '%s'\n", levels);
         const char *output = secure_getenv("SENSORS_LOG_OUTPUT");
-        if (output)
-            parse_output(output, &s.output);
+        log_output chosen;
+        if (output && parse_output(output, &chosen))
+            s.output.store(chosen);
         return true;
     }();
     (void)configured;
@@ -149,27 +159,108 @@ size_t text_length(const char *text)
     return len;
 }
 
-void emit_syslog(syslog_repeats &r, const log_tag &tag, int priority, const char *text)
+// "Mmm dd hh:mm:ss ident[pid]: ", the header the system's syslog(3) writes
+// after the priority: local time, English month names whatever the locale.
+void syslog_stamp(char *out, size_t size)
 {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    const int64_t now_ms = int64_t(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
-    const size_t len = text_length(text);
-    std::lock_guard<std::mutex> lock(r.lock);
-    if (r.have_last && r.priority == priority && strcmp(r.tag, tag.name) == 0 && strlen(r.text) == len &&
-        strncmp(r.text, text, len) == 0) {
-        if (r.count++ == 0)
-            r.since_ms = now_ms;
-        if (now_ms - r.since_ms >= 1000)
-            r.flush();
-        return;
+    static constexpr const char *kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                              "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+    const time_t now = time(nullptr);
+    tm local{};
+    localtime_r(&now, &local);
+    const unsigned month = unsigned(local.tm_mon) < 12 ? unsigned(local.tm_mon) : 0;
+    snprintf(out, size, "%s %2d %02d:%02d:%02d %.255s[%d]: ", kMonths[month], local.tm_mday, local.tm_hour,
+             local.tm_min, local.tm_sec, program_invocation_short_name, int(getpid()));
+}
+
+enum class delivery { taken, not_taken, logger_gone };
+
+delivery send_datagram(int fd, const char *data, int len)
+{
+    if (len < 0)
+        return delivery::not_taken;
+    if (send(fd, data, size_t(len), MSG_DONTWAIT | MSG_NOSIGNAL) >= 0)
+        return delivery::taken;
+    switch (errno) {
+    case ECONNREFUSED: // the logger closed its socket (stopped or restarting)
+    case ECONNRESET:
+    case ENOTCONN:
+    case ENOENT:
+    case EPIPE:
+        return delivery::logger_gone;
+    default: // EAGAIN, ENOBUFS: its queue is full
+        return delivery::not_taken;
     }
-    r.flush();
-    syslog(priority, "%s: %.*s", tag.name, int(len), text);
-    r.have_last = true;
-    r.priority = priority;
-    snprintf(r.tag, sizeof r.tag, "%s", tag.name);
-    snprintf(r.text, sizeof r.text, "%.*s", int(len), text);
+}
+
+// Connects when no socket is open, a second at least after the previous
+// attempt. Connecting a datagram socket to a local path does not block.
+bool syslog_connect(syslog_sink &k, int64_t now_ns)
+{
+    if (k.fd >= 0)
+        return true;
+    if (k.tried && now_ns - k.tried_ns < kReconnectIntervalNs)
+        return false;
+    k.tried = true;
+    k.tried_ns = now_ns;
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    if (platform_path(kSystemLoggerSocket, addr.sun_path, sizeof addr.sun_path) != 0)
+        return false;
+    const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (fd < 0)
+        return false;
+    if (connect(fd, reinterpret_cast<const sockaddr *>(&addr), sizeof addr) != 0) {
+        close(fd);
+        return false;
+    }
+    k.fd = fd;
+    return true;
+}
+
+delivery send_dropped_report(syslog_sink &k, const char *stamp)
+{
+    char report[kSyslogHeaderMax + 96];
+    const int n = snprintf(report, sizeof report, "<%d>%slog: %llu line%s dropped: the system logger did not take them",
+                           LOG_USER | LOG_WARNING, stamp, static_cast<unsigned long long>(k.dropped),
+                           k.dropped == 1 ? "" : "s");
+    const delivery d = send_datagram(k.fd, report, n < int(sizeof report) ? n : int(sizeof report) - 1);
+    if (d == delivery::taken)
+        k.dropped = 0;
+    return d;
+}
+
+void emit_syslog(syslog_sink &k, const log_tag &tag, int priority, const char *text)
+{
+    char stamp[kSyslogHeaderMax];
+    syslog_stamp(stamp, sizeof stamp);
+    size_t len = text_length(text);
+    if (len > kMessageMax - 1)
+        len = kMessageMax - 1;
+    char line[kSyslogHeaderMax + kMessageMax + 64];
+    int n = snprintf(line, sizeof line, "<%d>%s%s: %.*s", LOG_USER | (priority & LOG_PRIMASK), stamp, tag.name,
+                     int(len), text);
+    if (n >= int(sizeof line))
+        n = int(sizeof line) - 1;
+    const int64_t now_ns = monotonic_ns();
+
+    std::lock_guard<std::mutex> lock(k.lock);
+    // A logger found gone is asked again at once when the last attempt is a
+    // second old, so a restart costs no line.
+    for (int attempt = 0; attempt < 2; attempt++) {
+        if (!syslog_connect(k, now_ns))
+            break;
+        // The count goes first; while it is not taken, neither is the line.
+        delivery d = k.dropped ? send_dropped_report(k, stamp) : delivery::taken;
+        if (d == delivery::taken)
+            d = send_datagram(k.fd, line, n);
+        if (d == delivery::taken)
+            return;
+        if (d == delivery::not_taken)
+            break;
+        k.disconnect();
+    }
+    k.dropped++;
 }
 
 void emit(log_state &s, const log_tag &tag, int priority, const char *text)
@@ -179,11 +270,11 @@ void emit(log_state &s, const log_tag &tag, int priority, const char *text)
         s.captured.push_back(log_record{priority, tag.name, text});
         return;
     }
-    switch (s.output) {
+    switch (s.output.load(std::memory_order_relaxed)) {
     case log_output::none:
         return;
     case log_output::syslog_out:
-        emit_syslog(s.repeats, tag, priority, text);
+        emit_syslog(s.sink, tag, priority, text);
         return;
     case log_output::stderr_out:
         break;
@@ -283,12 +374,13 @@ int log_set_output(const char *name)
     log_output output;
     if (!parse_output(name, &output))
         return -EINVAL;
-    {
-        std::lock_guard<std::mutex> lock(s.repeats.lock);
-        s.repeats.flush();
-        s.repeats.have_last = false;
-    }
-    s.output = output;
+    s.output.store(output, std::memory_order_relaxed);
+    // The next syslog line connects afresh, to the logger's socket where
+    // ORLUNE_ROOT then places it. Lines dropped so far stay counted until
+    // the system logger takes a line again.
+    std::lock_guard<std::mutex> lock(s.sink.lock);
+    s.sink.disconnect();
+    s.sink.tried = false;
     return 0;
 }
 

@@ -5,9 +5,19 @@
 // admits its priority (priority <= level). Levels come from SENSORS_LOG_LEVEL,
 // for instance "info,imu=debug,bldc=warning"; output goes to stderr (default)
 // or syslog, chosen by SENSORS_LOG_OUTPUT ("stderr", "syslog" or "none").
-// Each output ends a record with exactly one newline, whether the text ends
-// in one or not. The syslog output collapses identical consecutive records
-// into "last message repeated N times" (a second at most between reports).
+// Each output makes one line of a record, whether the text ends in newlines
+// or not: stderr ends it with exactly one, syslog sends it without them.
+//
+// The syslog output sends each message as one datagram to the system
+// logger's socket /dev/log (under ORLUNE_ROOT when set), in the system log's
+// form "<PRI>Mmm dd hh:mm:ss ident[pid]: tag: text" (facility user, no
+// newline). It never blocks the caller: a line the logger does not take at
+// once (its queue is full, or it is absent or restarting) is dropped and
+// counted, and the count is sent, as the warning "log: N lines dropped: the
+// system logger did not take them", just before the next line it takes. A
+// lost logger is looked for again once a second at most. Every line is sent,
+// identical ones included: flood control of the system log is the system
+// logger's job.
 #pragma once
 
 #include <syslog.h>
