@@ -415,10 +415,9 @@ struct msg_context {
     sockaddr_un address;
     socklen_t address_len;
     trust_policy policy;
-    // The untrusted server last refused (its user id), reported once until
-    // a trusted server is found or another user squats the name.
-    bool refusing;
-    uid_t refused_uid;
+    // What the refusals of untrusted servers have logged (keyed by their
+    // user id), until a trusted server is found.
+    trust_refusals refusals;
     int64_t next_attempt_ms;
     size_t rx_len;
     uint8_t rx[kMsgMaxFrame];
@@ -446,18 +445,23 @@ bool peer_trusted(msg_context *c, int fd)
     if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &len) != 0)
         peer.uid = uid_t(-1);
     if (trust_allows(&c->policy, peer.uid)) {
-        c->refusing = false;
+        trust_refusals_clear(&c->refusals);
         return true;
     }
-    if (!c->refusing || c->refused_uid != peer.uid) {
-        const char *name = c->address.sun_path[0] ? c->address.sun_path : c->address.sun_path + 1;
-        size_t room = c->address_len - offsetof(sockaddr_un, sun_path) - (c->address.sun_path[0] ? 0 : 1);
-        log_msg(kTag, LOG_ERR, "refusing the server on %s%.*s: process %d runs as uid %u, not a trusted user",
-                c->address.sun_path[0] ? "" : "@", static_cast<int>(strnlen(name, room)), name, int(peer.pid),
-                unsigned(peer.uid));
-    }
-    c->refusing = true;
-    c->refused_uid = peer.uid;
+    char key[32];
+    snprintf(key, sizeof key, "uid %u", unsigned(peer.uid));
+    trust_report report = trust_refusal_seen(&c->refusals, key);
+    if (report == trust_report::quiet)
+        return false;
+    const char *name = c->address.sun_path[0] ? c->address.sun_path : c->address.sun_path + 1;
+    int shown = static_cast<int>(
+        strnlen(name, c->address_len - offsetof(sockaddr_un, sun_path) - (c->address.sun_path[0] ? 0 : 1)));
+    const char *at = c->address.sun_path[0] ? "" : "@";
+    log_msg(kTag, LOG_ERR, "refusing the server on %s%.*s: process %d runs as uid %u, not a trusted user", at, shown,
+            name, int(peer.pid), unsigned(peer.uid));
+    if (report == trust_report::last)
+        log_msg(kTag, LOG_ERR, "%s%.*s: further refusals are not reported until a trusted server is found", at,
+                shown, name);
     return false;
 }
 

@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -18,6 +19,7 @@
 #include "common/owned.h"
 #include "platform/failpoint.h"
 #include "platform/log.h"
+#include "platform/paths.h"
 #include "platform/trust.h"
 
 namespace {
@@ -209,7 +211,7 @@ int tlm_dir(char *out, size_t size)
         return -EINVAL;
     const char *dir = secure_getenv(kTlmDirEnv);
     if (!dir || !*dir)
-        dir = kTlmDefaultDir;
+        return platform_path(kTlmDefaultDir, out, size);
     int n = snprintf(out, size, "%s", dir);
     if (n < 0 || size_t(n) >= size)
         return -ENAMETOOLONG;
@@ -257,62 +259,37 @@ int split_path(const char *path, char *dir, size_t size, const char **file)
     return n < 0 || size_t(n) >= size ? -ENAMETOOLONG : 0;
 }
 
-// Opens the directory of path, checks it, then opens the file inside it
-// through that descriptor and checks the file: what is checked is what is
-// mapped, whatever happens to the names meanwhile. The file's descriptor, or
-// a negative errno; -EPERM with the reason in refusal.
-int open_trusted(const char *path, const trust_policy *policy, char *refusal, size_t size)
+// Opens the file (named path in a refusal) inside the directory dir_fd,
+// which the caller reached through trust_open_dir, and checks it: what is
+// checked is what is mapped, whatever happens to the names meanwhile. Then
+// maps and validates it into view. 0 or a negative errno; -EPERM with the
+// reason in view->refusal.
+int view_open_at(int dir_fd, const char *file, const char *path, const trust_policy *policy,
+                 tlm_section_view *view)
 {
-    char dir[512];
-    const char *file = nullptr;
-    int r = split_path(path, dir, sizeof dir, &file);
-    if (r < 0)
-        return r;
-    int dir_fd = open(dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (dir_fd < 0)
-        return -errno;
-    scope_guard close_dir{[dir_fd] { close(dir_fd); }};
-    char what[sizeof dir + 16];
-    snprintf(what, sizeof what, "directory %s", dir);
-    if ((r = trust_check_fd(policy, dir_fd, true, what, refusal, size)) < 0)
-        return r;
+    tlm_view_close(view);
     // Non-blocking: a FIFO planted under a section's name must not hang the reader.
     int fd = openat(dir_fd, file, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW);
     if (fd < 0 && errno == ELOOP) {
-        snprintf(refusal, size, "%s is a symbolic link", path);
+        snprintf(view->refusal, sizeof view->refusal, "%s is a symbolic link", path);
         return -EPERM;
     }
     if (fd < 0)
         return -errno;
-    if ((r = trust_check_fd(policy, fd, false, path, refusal, size)) < 0) {
-        close(fd);
-        return r;
-    }
-    return fd;
-}
-
-} // namespace
-
-int tlm_view_open_path(const char *path, tlm_section_view *view)
-{
-    trust_policy policy;
-    trust_policy_load(&policy);
-    return tlm_view_open_trusted(path, &policy, view);
-}
-
-int tlm_view_open_trusted(const char *path, const trust_policy *policy, tlm_section_view *view)
-{
-    if (!path || !policy || !view)
-        return -EINVAL;
-    tlm_view_close(view);
-    int fd = open_trusted(path, policy, view->refusal, sizeof view->refusal);
-    if (fd < 0)
-        return fd;
     scope_guard close_fd{[fd] { close(fd); }};
+    int r = trust_check_fd(policy, fd, false, path, view->refusal, sizeof view->refusal);
+    if (r < 0)
+        return r;
     struct stat st;
     if (fstat(fd, &st) < 0)
         return -errno;
     if (!S_ISREG(st.st_mode) || st.st_size < off_t(sizeof(file_header)) || uint64_t(st.st_size) > kTlmMaxFileSize)
+        return -EBADMSG;
+    // Reading a page of the mapping that has no storage behind it, on a full
+    // file system, kills the reader (SIGBUS): only a file whose every byte
+    // is stored is mapped. Producers reserve the whole file before it
+    // appears under its name.
+    if (uint64_t(st.st_blocks) * 512 < uint64_t(st.st_size))
         return -EBADMSG;
     size_t size = size_t(st.st_size);
     void *map = mmap(nullptr, size, PROT_READ, MAP_SHARED, fd, 0);
@@ -357,6 +334,33 @@ int tlm_view_open_trusted(const char *path, const trust_policy *policy, tlm_sect
     }
     *view = v;
     return 0;
+}
+
+} // namespace
+
+int tlm_view_open_path(const char *path, tlm_section_view *view)
+{
+    trust_policy policy;
+    trust_policy_load(&policy);
+    return tlm_view_open_trusted(path, &policy, view);
+}
+
+int tlm_view_open_trusted(const char *path, const trust_policy *policy, tlm_section_view *view)
+{
+    if (!path || !policy || !view)
+        return -EINVAL;
+    tlm_view_close(view);
+    char dir[512];
+    const char *file = nullptr;
+    int r = split_path(path, dir, sizeof dir, &file);
+    if (r < 0)
+        return r;
+    // Every directory on the way checked, no link followed.
+    int dir_fd = trust_open_dir(policy, dir, false, view->refusal, sizeof view->refusal);
+    if (dir_fd < 0)
+        return dir_fd;
+    scope_guard close_dir{[dir_fd] { close(dir_fd); }};
+    return view_open_at(dir_fd, file, path, policy, view);
 }
 
 int tlm_view_open(const char *section, tlm_section_view *view)
@@ -456,18 +460,37 @@ bool append(T **items, size_t *count, const T &item)
 }
 
 // Sets closed in the header of the section file open on fd, when it is one.
+// Written through the descriptor, not a mapping: a file that another
+// producer left without storage behind it must not kill this one.
 void mark_closed(int fd)
 {
     struct stat st;
-    if (fstat(fd, &st) < 0 || !S_ISREG(st.st_mode) || st.st_size < off_t(sizeof(file_header)))
+    char magic[sizeof kMagic];
+    if (fstat(fd, &st) < 0 || !S_ISREG(st.st_mode) || st.st_size < off_t(sizeof(file_header)) ||
+        pread(fd, magic, sizeof magic, 0) != ssize_t(sizeof magic) || memcmp(magic, kMagic, sizeof kMagic) != 0)
         return;
-    void *map = mmap(nullptr, sizeof(file_header), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-    if (map == MAP_FAILED)
-        return;
-    auto *h = static_cast<file_header *>(map);
-    if (memcmp(h->magic, kMagic, sizeof kMagic) == 0)
-        std::atomic_ref<uint32_t>(h->closed).store(1, std::memory_order_release);
-    munmap(map, sizeof(file_header));
+    const uint32_t closed = 1;
+    ssize_t ignored = pwrite(fd, &closed, sizeof closed, offsetof(file_header, closed));
+    (void)ignored;
+}
+
+// Creates a file of a name nobody can foresee in dir_fd: "<file>.<random>.tmp".
+int create_temporary(int dir_fd, const char *file, char *tmp, size_t size)
+{
+    for (int attempt = 0; attempt < 8; attempt++) {
+        uint64_t nonce = 0;
+        if (getrandom(&nonce, sizeof nonce, GRND_NONBLOCK) != ssize_t(sizeof nonce)) {
+            timespec now{};
+            clock_gettime(CLOCK_MONOTONIC, &now);
+            nonce ^= (uint64_t(now.tv_nsec) << 20) ^ uint64_t(now.tv_sec) ^ (uint64_t(getpid()) << 40) ^
+                      uint64_t(uintptr_t(&nonce));
+        }
+        snprintf(tmp, size, "%s.%016llx.tmp", file, static_cast<unsigned long long>(nonce));
+        int fd = openat(dir_fd, tmp, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
+        if (fd >= 0 || errno != EEXIST)
+            return fd < 0 ? -errno : fd;
+    }
+    return -EEXIST;
 }
 
 uint64_t new_generation()
@@ -594,30 +617,22 @@ int producer_complete(shm_producer *producer)
     char path[512];
     if ((err = tlm_dir(dir, sizeof dir)) < 0 || (err = tlm_section_path(producer->section, path, sizeof path)) < 0)
         return err;
-    if (mkdir(dir, 0755) < 0 && errno != EEXIST) {
-        err = -errno;
-        log_msg(kTag, LOG_ERR, "cannot create telemetry directory %s: %s", dir, strerror(-err));
-        return err;
-    }
     // Published only where consumers will read: a directory that a trusted
-    // user owns and others cannot write to (unless sticky).
-    int dir_fd = open(dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    // user owns and others cannot write to (unless sticky), reached through
+    // such directories only. The directory is made when missing, not its parents.
+    trust_policy policy;
+    trust_policy_load(&policy);
+    char reason[kTrustReasonMax];
+    int dir_fd = trust_open_dir(&policy, dir, true, reason, sizeof reason);
     if (dir_fd < 0) {
-        err = -errno;
-        log_msg(kTag, LOG_ERR, "cannot open telemetry directory %s: %s", dir, strerror(-err));
+        err = dir_fd;
+        if (err == -EPERM)
+            log_msg(kTag, LOG_ERR, "cannot publish section \"%s\": %s", producer->section, reason);
+        else
+            log_msg(kTag, LOG_ERR, "cannot open telemetry directory %s: %s", dir, strerror(-err));
         return err;
     }
     scope_guard close_dir{[dir_fd] { close(dir_fd); }};
-    trust_policy policy;
-    trust_policy_load(&policy);
-    char what[sizeof dir + 16];
-    char reason[kTrustReasonMax];
-    snprintf(what, sizeof what, "directory %s", dir);
-    if ((err = trust_check_fd(&policy, dir_fd, true, what, reason, sizeof reason)) < 0) {
-        log_msg(kTag, LOG_ERR, "cannot publish section \"%s\": %s", producer->section,
-                err == -EPERM ? reason : strerror(-err));
-        return err;
-    }
 
     uint32_t slot_size = slot_size_for(producer->sample_size);
     uint64_t slots_offset = slots_offset_for(uint32_t(producer->field_count));
@@ -628,18 +643,22 @@ int producer_complete(shm_producer *producer)
     char file[kTlmNameMax + 8];
     char tmp[kTlmNameMax + 32];
     snprintf(file, sizeof file, "%s%s", producer->section, kTlmFileSuffix);
-    snprintf(tmp, sizeof tmp, "%s.%d.tmp", file, int(getpid()));
-    unlinkat(dir_fd, tmp, 0); // left by a process of this pid that died
-    int fd = openat(dir_fd, tmp, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
+    int fd = create_temporary(dir_fd, file, tmp, sizeof tmp);
     if (fd < 0) {
-        err = -errno;
-        log_msg(kTag, LOG_ERR, "cannot create %s/%s: %s", dir, tmp, strerror(-err));
-        return err;
+        log_msg(kTag, LOG_ERR, "cannot create %s/%s: %s", dir, tmp, strerror(-fd));
+        return fd;
     }
     scope_guard close_fd{[fd] { close(fd); }};
     scope_guard remove_tmp{[dir_fd, &tmp] { unlinkat(dir_fd, tmp, 0); }};
+    // Every page is given its storage now: a store into a page that a full
+    // file system cannot back would kill the process (SIGBUS) in flight.
+    if ((err = posix_fallocate(fd, 0, off_t(size))) != 0) {
+        log_msg(kTag, LOG_ERR, "cannot publish section \"%s\": no room for its %llu bytes in %s: %s",
+                producer->section, static_cast<unsigned long long>(size), dir, strerror(err));
+        return -err;
+    }
     struct stat st;
-    if (ftruncate(fd, off_t(size)) < 0 || fstat(fd, &st) < 0)
+    if (fstat(fd, &st) < 0)
         return -errno;
     void *map = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
     if (map == MAP_FAILED)
@@ -772,9 +791,12 @@ struct consumer_section {
     dev_t refused_dev;
     ino_t refused_ino;
     uint64_t refused_generation;
-    // The reason the section was last refused by the trust check, empty
-    // while its producer is trusted: each reason is reported once.
-    char distrust[kTrustReasonMax];
+    // What the trust check's refusals of the section have logged.
+    trust_refusals refusals;
+    // The section's directory, walked and checked once and kept while it
+    // exists, so that looking for an absent section costs a lookup.
+    bool have_dir;
+    int dir_fd;
 };
 
 } // namespace
@@ -828,6 +850,34 @@ bool still_named(consumer_section &s)
     return stat(s.path, &st) == 0 && st.st_dev == s.view.dev && st.st_ino == s.view.ino;
 }
 
+void forget_dir(consumer_section &s)
+{
+    if (s.have_dir)
+        close(s.dir_fd);
+    s.have_dir = false;
+}
+
+// Opens the directory of s when s has none, or when the one it has was
+// removed since: 0, or a negative errno (-EPERM with the reason in the view).
+int open_section_dir(shm_consumer *c, consumer_section &s)
+{
+    struct stat st;
+    if (s.have_dir && fstat(s.dir_fd, &st) == 0 && st.st_nlink > 0)
+        return 0;
+    forget_dir(s);
+    char dir[512];
+    const char *file = nullptr;
+    int r = split_path(s.path, dir, sizeof dir, &file);
+    if (r < 0)
+        return r;
+    int fd = trust_open_dir(&c->policy, dir, false, s.view.refusal, sizeof s.view.refusal);
+    if (fd < 0)
+        return fd;
+    s.dir_fd = fd;
+    s.have_dir = true;
+    return 0;
+}
+
 // Attaches s to its section file if it is not attached, and follows a
 // producer that has closed it. 0 when s is attached and its layout matches.
 int attach(shm_consumer *c, uint32_t index)
@@ -839,18 +889,20 @@ int attach(shm_consumer *c, uint32_t index)
         tlm_view_close(&s.view);
     }
     s.reads_since_check = 0;
-    int r = tlm_view_open_trusted(s.path, &c->policy, &s.view);
+    int r = open_section_dir(c, s);
+    if (r == 0)
+        r = view_open_at(s.dir_fd, strrchr(s.path, '/') + 1, s.path, &c->policy, &s.view);
     if (r == -EPERM) {
-        if (strcmp(s.distrust, s.view.refusal) != 0) {
-            memcpy(s.distrust, s.view.refusal, sizeof s.distrust);
-            log_msg(kTag, LOG_ERR, "section \"%s\" refused: %s", s.name, s.distrust);
-        }
+        trust_report report = trust_refusal_seen(&s.refusals, s.view.refusal);
+        if (report != trust_report::quiet)
+            log_msg(kTag, LOG_ERR, "section \"%s\" refused: %s", s.name, s.view.refusal);
+        if (report == trust_report::last)
+            log_msg(kTag, LOG_ERR, "section \"%s\": further refusals are not reported until it is read again",
+                    s.name);
         return r;
     }
-    if (r == 0 && s.distrust[0]) {
-        s.distrust[0] = '\0';
+    if (r == 0 && trust_refusals_clear(&s.refusals))
         log_msg(kTag, LOG_INFO, "section \"%s\" read again: its producer is trusted", s.name);
-    }
     if (r == 0 && strcmp(s.view.name, s.name) != 0) {
         tlm_view_close(&s.view);
         r = -EBADMSG;
@@ -1143,8 +1195,10 @@ void consumer_destroy(shm_consumer *consumer)
 {
     if (!consumer)
         return;
-    for (size_t i = 0; i < consumer->section_count; i++)
+    for (size_t i = 0; i < consumer->section_count; i++) {
         tlm_view_close(&consumer->sections[i].view);
+        forget_dir(consumer->sections[i]);
+    }
     free(consumer->sections);
     free(consumer->fields);
     free(consumer->scratch);

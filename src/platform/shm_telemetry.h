@@ -3,7 +3,7 @@
 // producer and read by any number of consumers in other processes.
 //
 // A section file "<dir>/<section>.tlm" (dir: ORLUNE_TLM_DIR, else
-// /dev/shm/orlune-tlm) holds a header (magic, version, geometry, period,
+// /run/orlune-tlm under ORLUNE_ROOT) holds a header (magic, version, geometry, period,
 // generation), the field table (name, type, offset, size, count of every
 // field) and a ring of sample slots. Each slot carries a sequence word: the
 // producer makes it odd while it writes the slot and even, naming the sample
@@ -17,14 +17,22 @@
 // closed; consumers see the mark and follow the new file. Every 256 reads a
 // consumer also checks that the name still leads to the file it reads, so a
 // file removed or replaced without the mark is followed as well. The
-// directory is looked up when a section is registered.
+// directory's path is fixed when a section is registered; the directory is
+// reached and checked when a section is first attached, and again only once
+// it has been removed, so that looking for an absent section costs a lookup.
 //
 // Trust: a section is read only from a trusted producer (platform/trust.h).
 // Its directory and then its file are opened and checked through their
-// descriptors before the file is mapped: the directory owned by a trusted
-// user and not writable by others unless sticky, the file a regular file (not
-// a symbolic link) owned by a trusted user and not writable by others. A
-// producer publishes only into such a directory and makes such files.
+// descriptors before the file is mapped: every directory on the way owned by
+// a trusted user, not writable by others unless sticky, and reached without
+// following a symbolic link; the file a regular file (not a symbolic link)
+// owned by a trusted user and not writable by others. A producer publishes
+// only into such a directory and makes such files.
+//
+// Storage: a producer reserves its whole file before the file appears under
+// its name (a full file system fails producer_complete, not a later store
+// into the mapping), and a consumer maps only a file whose every byte is
+// stored.
 //
 // Read results: 0 with the sample copied; -EAGAIN when the section exists
 // but no sample was ever written (destinations untouched); -ENOENT when the
@@ -32,8 +40,8 @@
 // is not a valid section; -EPROTO when the section lacks a registered field or
 // its type, size or count differ (logged once per section file); -EPERM when
 // the section or its directory fails the trust check (logged with the reason
-// once per reason, and again, at info level, when a trusted producer is read
-// again).
+// when it differs from the last one, at most three times until a trusted
+// producer is read again, which is logged at info level).
 #pragma once
 
 #include <sensors/sensor_tlm.h>
@@ -47,7 +55,7 @@
 #include <ctime>
 
 inline constexpr const char *kTlmDirEnv = "ORLUNE_TLM_DIR";
-inline constexpr const char *kTlmDefaultDir = "/dev/shm/orlune-tlm";
+inline constexpr const char *kTlmDefaultDir = "/run/orlune-tlm";
 inline constexpr const char *kTlmFileSuffix = ".tlm";
 
 // Longest section name and longest field name, in characters.
@@ -66,7 +74,8 @@ const char *tlm_type_name(uint32_t type);
 // Section names: 1 to 63 characters among letters, digits, '_' and '-'.
 bool tlm_section_name_valid(const char *name);
 
-// Directory of the section files; 0 or -ENAMETOOLONG.
+// Directory of the section files: ORLUNE_TLM_DIR, else kTlmDefaultDir under
+// ORLUNE_ROOT; 0 or -ENAMETOOLONG.
 int tlm_dir(char *out, size_t size);
 // Path of a section's file; 0, -EINVAL for an invalid name, -ENAMETOOLONG.
 int tlm_section_path(const char *section, char *out, size_t size);
@@ -89,8 +98,10 @@ int producer_register_struct(shm_producer *producer, const void *address, const 
                              const tlm_struct_desc *layout);
 
 // Creates the section file (replacing a previous one of the same name, which
-// is marked closed). 0; -EINVAL without a registered record; -errno of the
-// file system.
+// is marked closed), with its whole size reserved. 0; -EINVAL without a
+// registered record; -EPERM for a directory that fails the trust check;
+// -ENOSPC when the file system cannot hold the file; -errno of the file
+// system.
 int producer_complete(shm_producer *producer);
 
 // Publishes the registered records as one sample stamped with timestamp.

@@ -1,5 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <unistd.h>
 
 #include <sensors/sensor_tlm.h>
@@ -473,6 +476,87 @@ TEST(ShmTelemetry, ProducersRefuseWhatNoConsumerCouldRead)
     tlm_view_close(&view);
     producer_destroy(p);
     EXPECT_EQ(access(root.file("ok").c_str(), F_OK), -1);
+}
+
+// A telemetry file system that somebody filled (another user, a leak): a
+// producer that cannot have its file's storage fails its creation with a
+// message; one that got it publishes through several turns of its ring; a
+// consumer refuses a section whose ring has no storage behind it. Nobody
+// dies of SIGBUS. Runs in a child, in a mount namespace of its own, on a
+// small file system (root only).
+TEST(ShmTelemetry, AFullFileSystemFailsACreationAndKillsNobody)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "mounting a small file system needs root (CI runs as root)";
+    tlm_root root;
+    const std::string dir = root.dir(), filler = dir + "/filler";
+    auto fill = [&filler] {
+        int fd = open(filler.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+        static const char page[4096] = {};
+        while (fd >= 0 && write(fd, page, sizeof page) > 0) {
+        }
+        bool full = errno == ENOSPC;
+        close(fd);
+        return full;
+    };
+    // A section of 64 samples of 2 KiB, whose ring spans 33 pages.
+    static float big[512];
+    const tlm_field_desc big_field[] = {{0, "values", TLM_TYPE_FLOAT, 0, 4, 512, {}}};
+    const tlm_struct_desc big_desc{0, 1, big_field};
+    auto make = [&](const char *section) {
+        shm_producer *p = producer_create(section, 64, 1000);
+        if (p && producer_register_struct(p, big, nullptr, &big_desc) == 0 && producer_complete(p) == 0)
+            return p;
+        producer_destroy(p);
+        return static_cast<shm_producer *>(nullptr);
+    };
+    child_process child([&](const child_process::link &) {
+        log_capture cap;
+        // A section file whose ring was never stored, made elsewhere: its first page only.
+        setenv(kTlmDirEnv, root.at("/elsewhere").c_str(), 1);
+        shm_producer *model = make("sparse");
+        timespec ts{5, 0};
+        for (int i = 0; i < 64 && model; i++)
+            producer_put_sample(model, &ts);
+        std::string sparse = read_file(root.at("/elsewhere/sparse.tlm"));
+        producer_destroy(model);
+        setenv(kTlmDirEnv, dir.c_str(), 1);
+        if (sparse.size() < 70000 || mkdir(dir.c_str(), 0755) != 0 || unshare(CLONE_NEWNS) != 0 ||
+            mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            mount("tlm", dir.c_str(), "tmpfs", 0, "size=512k,mode=0755") != 0)
+            return 90;
+        int fd = open((dir + "/sparse.tlm").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+        if (fd < 0 || pwrite(fd, sparse.data(), 4096, 0) != 4096 || ftruncate(fd, off_t(sparse.size())) != 0)
+            return 91;
+        close(fd);
+
+        if (!fill() || make("full") != nullptr)
+            return 92;
+        std::vector<std::string> texts = cap.texts("shm_telemetry");
+        if (texts.size() != 1 || texts[0].find("cannot publish section \"full\": no room for its ") != 0 ||
+            texts[0].find(" bytes in " + dir + ": No space left on device") == std::string::npos)
+            return 93;
+
+        unlink(filler.c_str());
+        shm_producer *flying = make("flying");
+        if (!flying || !fill())
+            return 94;
+        for (int i = 0; i < 3 * 64; i++) // the Nth push reaches a page never written before
+            if (producer_put_sample(flying, &ts) != 0)
+                return 95;
+        float value[512];
+        shm_consumer *c = struct_consumer(value, "sparse", &big_desc);
+        if (read_latest(c) != -EBADMSG)
+            return 96;
+        consumer_destroy(c);
+        c = struct_consumer(value, "flying", &big_desc);
+        if (read_latest(c) != 0)
+            return 97;
+        consumer_destroy(c);
+        producer_destroy(flying);
+        return 0;
+    });
+    EXPECT_EQ(child.join(), 0) << "128 + 7 is SIGBUS";
 }
 
 // The consumer's fail points are exercised by the section reader's tests.

@@ -74,6 +74,7 @@ public:
         return read(from_child_, &c, 1) == 1;
     }
     void step(char c = '.') { (void)!write(to_child_, &c, 1); }
+    pid_t pid() const { return pid_; }
     // Exit status of the child (waits for it).
     int join()
     {

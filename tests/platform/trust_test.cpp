@@ -7,8 +7,6 @@
 // reach the sensor data record, and the sensor recovers when the trusted
 // producer comes back.
 #include <fcntl.h>
-#include <grp.h>
-#include <pwd.h>
 #include <sys/stat.h>
 
 #include <gmock/gmock.h>
@@ -22,6 +20,7 @@
 #include <memory>
 
 #include "gps_us/gps_us_env.h"
+#include "platform/intruder.h"
 #include "platform/telemetry_test_util.h"
 #include "platform/trust.h"
 #include "platform/ultrasound_service.h"
@@ -31,31 +30,6 @@ namespace {
 
 using ::testing::ElementsAre;
 using ::testing::MatchesRegex;
-
-uid_t unused_uid()
-{
-    for (uid_t uid = 47000; uid < 60000; uid++)
-        if (!getpwuid(uid) && !getgrgid(gid_t(uid)))
-            return uid;
-    return uid_t(-1);
-}
-
-#define SKIP_UNLESS_ROOT()                                                                                        \
-    do {                                                                                                          \
-        if (geteuid() != 0)                                                                                       \
-            GTEST_SKIP() << "acting as another user needs root (CI runs as root)";                                \
-    } while (0)
-
-// A child process that drops to an unused user id before it runs body.
-std::unique_ptr<child_process> intruder(const std::function<int(const child_process::link &)> &body)
-{
-    return std::make_unique<child_process>([body](const child_process::link &link) {
-        uid_t uid = unused_uid();
-        if (setgroups(0, nullptr) != 0 || setgid(gid_t(uid)) != 0 || setuid(uid) != 0 || geteuid() != uid)
-            return 90;
-        return body(link);
-    });
-}
 
 // A test root that every user may create files in, as /dev/shm is.
 class shared_root : public test_root {
@@ -81,6 +55,7 @@ TEST(TrustPolicy, OwnersAndModesOfFilesAndDirectories)
         bool owned_by_other;
         const char *trusted_uids; // the property, null when unset
         const char *refusal;      // null: accepted
+        const char *trusted_gids = nullptr; // the property; set, the judged belongs to group OTHER
     } rows[] = {
         {false, 0644, false, nullptr, nullptr},
         {false, 0600, false, nullptr, nullptr},
@@ -96,15 +71,22 @@ TEST(TrustPolicy, OwnersAndModesOfFilesAndDirectories)
         {true, 01777, false, nullptr, nullptr},
         {true, 01777, true, nullptr, "owned by uid [0-9]+, not a trusted user"},
         {true, 0700, true, "OTHER", nullptr},
+        {true, 02775, false, nullptr, nullptr, "OTHER"}, // the trusted producers' group
+        {true, 0775, false, nullptr, "writable by others and not sticky \\(mode 0775\\)", "5"},
+        {true, 0777, false, nullptr, "writable by others and not sticky \\(mode 0777\\)", "OTHER"},
+        {false, 0664, false, nullptr, "writable by others \\(mode 0664\\)", "OTHER"},
     };
     for (const row &r : rows) {
         SCOPED_TRACE(testing::Message() << (r.directory ? "directory " : "file ") << std::oct << r.mode
                                         << (r.owned_by_other ? " of another user" : "") << " trusting "
                                         << (r.trusted_uids ? r.trusted_uids : "-"));
-        std::string uids = r.trusted_uids ? r.trusted_uids : "";
-        if (size_t at = uids.find("OTHER"); at != std::string::npos)
-            uids.replace(at, 5, std::to_string(other));
-        root.properties(r.trusted_uids ? std::string(kTrustedUidsProperty) + "=" + uids + "\n" : "");
+        auto listed = [other](const char *property, const char *ids) {
+            std::string text = ids ? ids : "";
+            if (size_t at = text.find("OTHER"); at != std::string::npos)
+                text.replace(at, 5, std::to_string(other));
+            return ids ? std::string(property) + "=" + text + "\n" : std::string();
+        };
+        root.properties(listed(kTrustedUidsProperty, r.trusted_uids) + listed(kTrustedGidsProperty, r.trusted_gids));
         trust_policy policy;
         trust_policy_load(&policy);
 
@@ -115,8 +97,9 @@ TEST(TrustPolicy, OwnersAndModesOfFilesAndDirectories)
         else
             write_file(path, "x");
         ASSERT_EQ(chmod(path.c_str(), r.mode), 0);
-        if (r.owned_by_other) {
-            ASSERT_EQ(chown(path.c_str(), other, gid_t(other)), 0);
+        if (r.owned_by_other || r.trusted_gids) {
+            ASSERT_EQ(chown(path.c_str(), r.owned_by_other ? other : 0, gid_t(other)), 0);
+            ASSERT_EQ(chmod(path.c_str(), r.mode), 0); // chown clears the set-group-id bit
         }
         int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
         ASSERT_GE(fd, 0);
@@ -165,6 +148,7 @@ protected:
     void start(const std::string &dir)
     {
         setenv(kTlmDirEnv, dir.c_str(), 1);
+        vision_position_destroy(vp_);
         memset(&pos_, 0, sizeof pos_);
         vp_ = vision_position_new(&pos_, "vcam_position", SENSORS_UPDATED_VISION_POSITION);
         ASSERT_NE(vp_, nullptr);
@@ -260,6 +244,149 @@ TEST_F(TelemetryAttack, ADirectoryMadeInAdvanceByAnotherUserIsNeitherWrittenNorR
     expect_trusted_read();
 }
 
+// The way to the directory: a link in the shared directory that leads to a
+// directory of root's, or a directory of another user's on the way to one
+// of root's, would let that user choose what is read and where the
+// producers publish.
+TEST_F(TelemetryAttack, TheWayToTheDirectoryFollowsNoLinkAndCrossesNoDirectoryOfAnotherUser)
+{
+    {
+        test_producer<position_sample> trusted("vcam_position", position_fields()); // in root's <root>/tlm
+        trusted.record = planted_position();
+        trusted.put({90, 0});
+        struct way {
+            std::string dir;
+            std::function<int()> make; // as the other user
+            std::string refusal;
+        };
+        const std::string link = shm_.path() + "/orlune-tlm", theirs = shm_.path() + "/theirs";
+        const std::string target = shm_.at("/tlm");
+        const way ways[] = {
+            {link, [&] { return symlink(target.c_str(), link.c_str()); },
+             "directory component " + link + " is a symbolic link"},
+            {theirs + "/tlm", [&] { return mkdir(theirs.c_str(), 0755); },
+             "directory " + theirs + " is owned by uid [0-9]+, not a trusted user"},
+        };
+        for (const way &w : ways) {
+            SCOPED_TRACE(w.dir);
+            auto preparer = intruder([&w](const child_process::link &l) {
+                if (w.make() != 0)
+                    return 91;
+                l.signal();
+                return 0;
+            });
+            ASSERT_TRUE(preparer->wait_step());
+            if (w.dir != link) // root's directory inside theirs, holding a section of root's
+                std::filesystem::copy(target, w.dir);
+            start(w.dir);
+            expect_nothing_read();
+            EXPECT_THAT(cap_.texts("shm_telemetry"),
+                        ElementsAre(MatchesRegex("section \"vcam_position\" refused: " + w.refusal)));
+            shm_producer *p = producer_create("other_section", 4, 10000);
+            auto fields = position_fields();
+            tlm_struct_desc desc{0, fields.size(), fields.data()};
+            position_sample sample{};
+            ASSERT_EQ(producer_register_struct(p, &sample, nullptr, &desc), 0);
+            EXPECT_EQ(producer_complete(p), -EPERM);
+            producer_destroy(p);
+            EXPECT_THAT(cap_.texts("shm_telemetry"),
+                        ElementsAre(MatchesRegex("cannot publish section \"other_section\": " + w.refusal)));
+        }
+    }
+}
+
+// An attacker who alternates reasons (its own file, then a link) is
+// reported a bounded number of times, not at every read.
+TEST_F(TelemetryAttack, RefusalsAreBoundedWhateverTheReasons)
+{
+    start(shm_.path());
+    const std::string file = shm_.path() + "/vcam_position.tlm";
+    auto alternating = intruder([&file](const child_process::link &link) {
+        for (int round = 0; round < 6; round++) {
+            if (plant_position(link) != 0 || link.wait() != '.' || unlink(file.c_str()) != 0 ||
+                symlink("/etc/passwd", file.c_str()) != 0)
+                return 91;
+            link.signal();
+            if (link.wait() != '.')
+                return 92;
+        }
+        return 0;
+    });
+    for (int step = 0; step < 12; step++) {
+        ASSERT_TRUE(alternating->wait_step()) << step;
+        expect_nothing_read();
+        alternating->step();
+    }
+    EXPECT_EQ(alternating->join(), 0);
+    const std::string owned = "section \"vcam_position\" refused: " + file + " is owned by uid [0-9]+, not a trusted user";
+    EXPECT_THAT(cap_.texts("shm_telemetry"),
+                ElementsAre(MatchesRegex(owned), "section \"vcam_position\" refused: " + file + " is a symbolic link",
+                            MatchesRegex(owned),
+                            "section \"vcam_position\": further refusals are not reported until it is read again"));
+    expect_trusted_read();
+}
+
+// The default directory lies where only root can make it, and a board's
+// start-up makes it writable by the trusted producers' group only: no
+// ordinary user can make it first, plant a file in it or squat a producer's
+// file name, and a trusted producer that is not root publishes there. In a
+// shared sticky directory, the temporary file names of a producer cannot be
+// foreseen and squatted.
+TEST_F(TelemetryAttack, NoOrdinaryUserKeepsTheSectionsFromBeingPublished)
+{
+    const uid_t producer_uid = unused_uid(), group = gid_t(unused_uid(producer_uid + 1));
+    const uid_t attacker_uid = unused_uid(group + 1);
+    shm_.properties(std::string(kTrustedUidsProperty) + "=" + std::to_string(producer_uid) + "\n" +
+                    kTrustedGidsProperty + "=" + std::to_string(group) + "\n");
+    ASSERT_EQ(mkdir(shm_.at("/run").c_str(), 0755), 0);
+    unsetenv(kTlmDirEnv);
+    char dir[256];
+    ASSERT_EQ(tlm_dir(dir, sizeof dir), 0);
+    ASSERT_EQ(std::string(dir), shm_.at("/run/orlune-tlm"));
+    const std::string name = std::string(dir) + "/vcam_position.tlm";
+    auto attacker = [&] {
+        return intruder([&name, &dir](const child_process::link &) {
+            if (mkdir(dir, 0777) == 0 || (errno != EACCES && errno != EEXIST))
+                return 91;
+            if (open(name.c_str(), O_CREAT | O_WRONLY, 0644) >= 0 || (errno != EACCES && errno != ENOENT))
+                return 92;
+            return 0;
+        }, attacker_uid);
+    };
+    EXPECT_EQ(attacker()->join(), 0); // before the start-up made it
+
+    // The start-up: install -d -m 2775 -g <group> /run/orlune-tlm
+    ASSERT_EQ(mkdir(dir, 02775), 0);
+    ASSERT_EQ(chown(dir, 0, group), 0);
+    ASSERT_EQ(chmod(dir, 02775), 0);
+    EXPECT_EQ(attacker()->join(), 0);
+    auto vision = intruder(plant_position, producer_uid, group);
+    ASSERT_TRUE(vision->wait_step());
+    start(dir);
+    uint32_t updated = 0;
+    EXPECT_EQ(vision_position_read(vp_, &updated), 0);
+    EXPECT_EQ(updated, uint32_t(SENSORS_UPDATED_VISION_POSITION));
+    EXPECT_EQ(pos_.x, 666.0f);
+
+    // A shared sticky directory: the names the producer will use for its
+    // temporary file, were they foreseeable, are taken first.
+    start(shm_.path());
+    auto late = intruder([](const child_process::link &link) { return link.wait() == '.' ? plant_position(link) : 93; },
+                         producer_uid);
+    const std::string prefix = shm_.path() + "/vcam_position.tlm.";
+    auto squatter = intruder([&](const child_process::link &) {
+        for (const std::string &tmp : {prefix + std::to_string(late->pid()) + ".tmp", prefix + "tmp"})
+            if (open(tmp.c_str(), O_CREAT | O_WRONLY | O_EXCL, 0644) < 0)
+                return 91;
+        return 0;
+    }, attacker_uid);
+    ASSERT_EQ(squatter->join(), 0);
+    late->step();
+    ASSERT_TRUE(late->wait_step());
+    EXPECT_EQ(vision_position_read(vp_, &updated), 0);
+    EXPECT_EQ(updated, uint32_t(SENSORS_UPDATED_VISION_POSITION));
+}
+
 // ---- the services' sockets -------------------------------------------------
 
 struct service_case {
@@ -310,7 +437,7 @@ private:
 class ServiceAttack : public gps_us_env, public ::testing::WithParamInterface<service_case> {
 protected:
     // Serves planted data under the service's name until killed.
-    std::unique_ptr<child_process> squatter()
+    std::unique_ptr<child_process> squatter(uid_t uid = unused_uid())
     {
         const service_case &svc = GetParam();
         auto c = intruder([&svc](const child_process::link &link) {
@@ -325,24 +452,26 @@ protected:
                 server_process(s, 10);
                 server_broadcast(s, &f);
             }
-        });
+        }, uid);
         EXPECT_TRUE(c->wait_step());
         return c;
     }
+    std::string name() const { return std::string("@") + getenv(kSocketPrefixEnv) + GetParam().name; }
+    std::string refusal(uid_t uid) const
+    {
+        return "refusing the server on " + name() + ": process [0-9]+ runs as uid " + std::to_string(uid) +
+               ", not a trusted user";
+    }
     // Cycles through several reconnection attempts: nothing may change.
-    void expect_nothing_read(service_module &m)
+    void expect_nothing_read(service_module &m, int attempts = 4)
     {
         double before = m.value();
-        auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(4 * kMsgRetryMs);
+        auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(attempts * kMsgRetryMs);
         while (std::chrono::steady_clock::now() < end) {
             EXPECT_EQ(m.read(), 0u);
             std::this_thread::sleep_for(std::chrono::milliseconds(5));
         }
         EXPECT_EQ(m.value(), before);
-        std::string name = std::string("@") + getenv(kSocketPrefixEnv) + GetParam().name;
-        EXPECT_THAT(cap_.texts("msg_socket"),
-                    ElementsAre(MatchesRegex("refusing the server on " + name +
-                                             ": process [0-9]+ runs as uid [0-9]+, not a trusted user")));
     }
     // The trusted service comes (back): its data is read.
     void expect_trusted_read(service_module &m, msg_server *&server, double value)
@@ -371,10 +500,20 @@ TEST_P(ServiceAttack, ASquattedNameIsRefusedBeforeTheServiceStartsAndAfterItDies
         msg_server *server = nullptr;
         auto squatting = squatter();
         expect_nothing_read(module);
+        EXPECT_THAT(cap_.texts("msg_socket"), ElementsAre(MatchesRegex(refusal(unused_uid()))));
         squatting.reset();
         expect_trusted_read(module, server, value);
         server_destroy(server);
     }
+    // Two users squat the name in turn: what they cost the log is bounded.
+    const uid_t first = unused_uid(), second = unused_uid(first + 1);
+    for (int turn = 0; turn < 4; turn++) {
+        auto squatting = squatter(turn % 2 ? second : first);
+        expect_nothing_read(module, 2);
+    }
+    EXPECT_THAT(cap_.texts("msg_socket"),
+                ElementsAre(MatchesRegex(refusal(first)), MatchesRegex(refusal(second)), MatchesRegex(refusal(first)),
+                            name() + ": further refusals are not reported until a trusted server is found"));
 }
 
 void PrintTo(const service_case &svc, std::ostream *os)

@@ -25,7 +25,7 @@ constexpr const char *kUsage =
     "usage: orlune-tlm list\n"
     "       orlune-tlm show SECTION\n"
     "       orlune-tlm follow SECTION [--csv] [--count N] [--duration SECONDS]\n"
-    "Sections are read from $ORLUNE_TLM_DIR (default /dev/shm/orlune-tlm).\n";
+    "Sections are read from $ORLUNE_TLM_DIR (default /run/orlune-tlm).\n";
 
 // At most this many samples are used to measure a section's rate.
 constexpr uint64_t kRateWindow = 100;
