@@ -2,6 +2,7 @@
 #include "platform/sched_config.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <fnmatch.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -17,11 +18,14 @@
 #include "platform/failpoint.h"
 #include "platform/log.h"
 #include "platform/paths.h"
+#include "platform/trust.h"
 
 namespace {
 
 constexpr log_tag kTag{"sched_config"};
 constexpr size_t kMaxEntries = 64;
+// Threads of untrusted users named in full per apply; the rest are counted.
+constexpr int kMaxUntrustedReports = 3;
 
 struct policy_name {
     const char *name;
@@ -97,17 +101,52 @@ bool read_comm(const char *path, char *out, size_t size)
     return ok;
 }
 
-// Applies e to every thread of the system whose name matches its glob.
+enum class thread_owner { gone, trusted, untrusted };
+
+// Judges a thread by its credentials as its task status gives them: both its
+// real and its effective user must be trusted (kernel threads run as root).
+// Not by the owner of /proc/<pid>, which shows as root for any process that
+// made itself not dumpable. *uid is the untrusted one of the two.
+thread_owner judge_thread(const trust_policy &policy, const char *status_path, uid_t *uid)
+{
+    int fd = open(status_path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return thread_owner::gone;
+    // "Uid:" comes a few short lines after "Name:", well within the first read.
+    char status[1024];
+    ssize_t n = read(fd, status, sizeof status - 1);
+    close(fd);
+    if (n <= 0)
+        return thread_owner::gone;
+    status[n] = '\0';
+    const char *line = strstr(status, "\nUid:");
+    unsigned real, effective;
+    if (!line || sscanf(line, "\nUid: %u %u", &real, &effective) != 2)
+        return thread_owner::gone; // no credentials to judge it by
+    bool real_trusted = trust_allows(&policy, uid_t(real));
+    *uid = uid_t(real_trusted ? effective : real);
+    return real_trusted && trust_allows(&policy, uid_t(effective)) ? thread_owner::trusted : thread_owner::untrusted;
+}
+
+// Applies e to the threads whose name matches its glob and that the host may
+// tune: kernel threads, the host's own, and those of trusted users. A thread
+// that ends meanwhile is gone, not an error, and does not count as matched.
 int apply_to_matching(const sched_entry &e)
 {
+    trust_policy policy;
+    trust_policy_load(&policy);
+    char self[16];
+    snprintf(self, sizeof self, "%d", int(getpid()));
     DIR *proc = opendir("/proc");
     if (!proc)
         return -errno;
     int matched = 0;
+    int untrusted = 0;
     int result = 0;
     while (dirent *p = readdir(proc)) {
         if (p->d_name[0] < '0' || p->d_name[0] > '9')
             continue;
+        bool own = strcmp(p->d_name, self) == 0;
         char task_dir[300];
         snprintf(task_dir, sizeof task_dir, "/proc/%s/task", p->d_name);
         DIR *tasks = opendir(task_dir);
@@ -116,19 +155,37 @@ int apply_to_matching(const sched_entry &e)
         while (dirent *t = readdir(tasks)) {
             if (t->d_name[0] < '0' || t->d_name[0] > '9')
                 continue;
-            char comm_path[600];
+            char path[600];
             char comm[64];
-            snprintf(comm_path, sizeof comm_path, "%s/%s/comm", task_dir, t->d_name);
-            if (!read_comm(comm_path, comm, sizeof comm) || fnmatch(e.threads, comm, 0) != 0)
+            snprintf(path, sizeof path, "%s/%s/comm", task_dir, t->d_name);
+            if (!read_comm(path, comm, sizeof comm) || fnmatch(e.threads, comm, 0) != 0)
                 continue;
-            matched++;
+            if (!own) {
+                snprintf(path, sizeof path, "%s/%s/status", task_dir, t->d_name);
+                uid_t uid = 0;
+                thread_owner owner = judge_thread(policy, path, &uid);
+                if (owner == thread_owner::gone)
+                    continue;
+                if (owner == thread_owner::untrusted) {
+                    if (untrusted++ < kMaxUntrustedReports)
+                        log_msg(kTag, LOG_WARNING, "%s: thread %s (%s) runs as uid %u, not a trusted user: left alone",
+                                e.name, t->d_name, comm, unsigned(uid));
+                    continue;
+                }
+            }
             int r = apply_to(pid_t(atoi(t->d_name)), e);
+            if (r == -ESRCH)
+                continue; // the thread ended meanwhile
+            matched++;
             if (r < 0 && result == 0)
                 result = r;
         }
         closedir(tasks);
     }
     closedir(proc);
+    if (untrusted > kMaxUntrustedReports)
+        log_msg(kTag, LOG_WARNING, "%s: and %d more %s of untrusted users: left alone", e.name,
+                untrusted - kMaxUntrustedReports, untrusted - kMaxUntrustedReports == 1 ? "thread" : "threads");
     if (matched == 0)
         return -ESRCH;
     return result;

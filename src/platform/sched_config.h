@@ -5,8 +5,11 @@
 // plug-in as its scheduling handle; modules apply names at creation ("imu",
 // "imu_spi", "barometer", a trigger's name, ...). Each entry gives a policy,
 // a priority, an optional CPU set, and the threads it tunes: "self" for the
-// calling thread, or a glob matched against the names (comm) of every thread
-// of the system, such as "irq/*-orlune-imu".
+// calling thread, or a glob matched against the names (comm) of threads, such
+// as "irq/*-orlune-imu". A glob reaches kernel threads, the host's own
+// threads and those of trusted users (platform/trust.h), judged by the real
+// and effective user of each thread's credentials; a matching thread of
+// anyone else is left alone and reported as a warning.
 //
 // Table file, one entry a line, '#' starts a comment:
 //   # name       policy  priority  cpus  threads
@@ -44,8 +47,10 @@ void sched_config_destroy(sched_config *config);
 // Applies the named configuration. A null handle (a host without scheduling
 // configuration) accepts every name and changes nothing. Otherwise 0, or a
 // negative errno: -ENOENT for a name the table lacks, -ESRCH when no thread
-// matches the entry's glob, the errno of a refused sched_setscheduler or
-// sched_setaffinity (-EPERM without the privilege).
+// the glob may reach matches it, the errno of a refused sched_setscheduler or
+// sched_setaffinity (-EPERM without the privilege). A thread that ends while
+// the glob is applied is gone, not an error, and does not count as matched.
+// The trust policy is read again at every apply of a glob.
 int sched_config_apply(sched_config *config, const char *name);
 
 inline constexpr const char *kSchedConfigEnv = "ORLUNE_SCHED_CONFIG";
