@@ -49,6 +49,7 @@ struct imu_ctx {
     iio_buffer *buffer;
     uint32_t fifo_size;
     iio_channel *channels[CHANNEL_COUNT];
+    channel_decoder decoders[CHANNEL_COUNT];
     double gyro_scale;
     double accel_scale;
     double temp_offset;
@@ -126,7 +127,7 @@ size_t read_vectors(const imu_ctx &imu, channel_index first, double scale, float
     size_t n = 0;
     while (n < imu.fifo_size && p[0] < end) {
         for (int axis = 0; axis < 3; axis++) {
-            const auto raw = int16_t(channel_convert_int(imu.channels[first + axis], p[axis]));
+            const auto raw = int16_t(channel_decode(imu.decoders[first + axis], p[axis]));
             out[n][axis] = float(double(raw) * scale);
             p[axis] += step;
         }
@@ -207,6 +208,8 @@ extern "C" imu_ctx *imu_new(const sensors_imu_config *config, iio_context *iio, 
                                 imu->fifo_size, 1);
     if (!imu->buffer)
         return nullptr;
+    for (int i = 0; i < CHANNEL_COUNT; i++)
+        imu->decoders[i] = channel_decoder_of(imu->channels[i]);
 
     if (apply_scheduling(sched, *config) < 0)
         return nullptr;
@@ -292,7 +295,7 @@ extern "C" int imu_read(imu_ctx *imu, uint32_t *updated)
     size_t temp_count = 0;
     for (const char *p = static_cast<const char *>(iio_buffer_first(buffer, imu->channels[TEMP]));
          temp_count < imu->fifo_size && p < end; p += step, temp_count++) {
-        float raw = channel_convert_float(imu->channels[TEMP], p);
+        float raw = float(channel_decode(imu->decoders[TEMP], p));
         d.temperature[temp_count] =
             float((double(raw) + imu->temp_offset) * imu->temp_scale + kCelsiusToKelvin);
         log_msg(kTag, LOG_DEBUG, "Temperature\t%f", d.temperature[temp_count]);
@@ -301,7 +304,7 @@ extern "C" int imu_read(imu_ctx *imu, uint32_t *updated)
     size_t ts_count = 0;
     for (const char *p = static_cast<const char *>(iio_buffer_first(buffer, imu->channels[TIMESTAMP]));
          ts_count < imu->fifo_size && p < end; p += step, ts_count++) {
-        d.timestamps[ts_count] = ns_to_timespec(channel_convert_int(imu->channels[TIMESTAMP], p));
+        d.timestamps[ts_count] = ns_to_timespec(channel_decode(imu->decoders[TIMESTAMP], p));
     }
 
     if (accel_count != gyro_count || accel_count != temp_count || accel_count != ts_count)

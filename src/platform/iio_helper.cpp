@@ -396,6 +396,25 @@ int64_t channel_convert_int(const iio_channel *channel, const void *src)
     }
 }
 
+channel_decoder channel_decoder_of(const iio_channel *channel)
+{
+    channel_decoder d{};
+    d.channel = channel;
+    const iio_data_format *f = channel ? iio_channel_get_data_format(channel) : nullptr;
+    if (!f || f->is_be || f->repeat != 1 || !format_convertible(f) || __BYTE_ORDER__ != __ORDER_LITTLE_ENDIAN__)
+        return d;
+    if (f->length != 8 && f->length != 16 && f->length != 32 && f->length != 64)
+        return d;
+    // libiio shifts the storage right, then sign-extends or masks from the
+    // value bits unless the format is fully defined (the whole storage is
+    // the value); channel_convert_int then reads the storage's width.
+    d.bytes = uint8_t(f->length / 8);
+    d.shift = uint8_t(f->shift);
+    d.width = uint8_t(f->is_fully_defined ? f->length : f->bits);
+    d.is_signed = f->is_signed;
+    return d;
+}
+
 float channel_convert_float(const iio_channel *channel, const void *src)
 {
     return static_cast<float>(channel_convert_int(channel, src));
@@ -454,7 +473,11 @@ unsigned context_timeout(const iio_context *ctx)
     if (const context_timeout_entry *e = timeout_entry(ctx))
         return e->timeout_ms;
     const char *backend = iio_context_get_name(ctx);
-    return backend && std::strcmp(backend, "local") == 0 ? kLocalTimeoutMs : kRemoteTimeoutMs;
+    const unsigned timeout_ms = backend && std::strcmp(backend, "local") == 0 ? kLocalTimeoutMs : kRemoteTimeoutMs;
+    // Kept where a slot is free, so that the next question is one comparison.
+    if (context_timeout_entry *e = timeout_entry(nullptr))
+        *e = {ctx, timeout_ms};
+    return timeout_ms;
 }
 
 int context_timeout_set(iio_context *ctx, unsigned timeout_ms)
@@ -481,14 +504,4 @@ void context_timeout_forget(const iio_context *ctx)
 {
     if (context_timeout_entry *e = ctx ? timeout_entry(ctx) : nullptr)
         *e = {};
-}
-
-void vector_rotate(float vec[3], const float matrix[9])
-{
-    if (!vec || !matrix)
-        return;
-    const float x = vec[0], y = vec[1], z = vec[2];
-    vec[0] = matrix[0] * x + matrix[1] * y + matrix[2] * z;
-    vec[1] = matrix[3] * x + matrix[4] * y + matrix[5] * z;
-    vec[2] = matrix[6] * x + matrix[7] * y + matrix[8] * z;
 }

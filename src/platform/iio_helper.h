@@ -90,6 +90,35 @@ float channel_convert_float(const iio_channel *channel, const void *src);
 // that buffer_create would refuse.
 int64_t channel_convert_int(const iio_channel *channel, const void *src);
 
+// A channel's sample format, resolved once (when its buffer is made) so that
+// the scans of every batch are converted without asking libiio: plain
+// little-endian formats (1, 2, 4 or 8 bytes, one value a scan) inline,
+// every other through channel_convert_int. Both give the same values.
+struct channel_decoder {
+    const iio_channel *channel;
+    uint8_t bytes; // 1, 2, 4 or 8 for a plain format; 0: channel_convert_int
+    uint8_t shift;
+    uint8_t width; // bits that hold the value once shifted
+    bool is_signed;
+};
+channel_decoder channel_decoder_of(const iio_channel *channel);
+
+// channel_convert_int(d.channel, src), computed inline for a plain format.
+inline int64_t channel_decode(const channel_decoder &d, const void *src)
+{
+    uint64_t v;
+    switch (d.bytes) {
+    case 1: v = *static_cast<const uint8_t *>(src); break;
+    case 2: { uint16_t x; __builtin_memcpy(&x, src, 2); v = x; break; }
+    case 4: { uint32_t x; __builtin_memcpy(&x, src, 4); v = x; break; }
+    case 8: __builtin_memcpy(&v, src, 8); break;
+    default: return channel_convert_int(d.channel, src);
+    }
+    v >>= d.shift;
+    const unsigned unused = 64u - d.width;
+    return d.is_signed ? static_cast<int64_t>(v << unused) >> unused : static_cast<int64_t>((v << unused) >> unused);
+}
+
 // The IIO context's timeout in force, in milliseconds. libiio can set a
 // context's timeout but not tell it, so the platform keeps, per context, the
 // value it last set there, and otherwise libiio's own default for the
@@ -101,8 +130,17 @@ int context_timeout_set(iio_context *ctx, unsigned timeout_ms);
 // Forgets what was set on a context that is about to be destroyed.
 void context_timeout_forget(const iio_context *ctx);
 
-// vec = matrix x vec, the matrix row-major, the vector a column.
-void vector_rotate(float vec[3], const float matrix[9]);
+// vec = matrix x vec, the matrix row-major, the vector a column. Inline: the
+// IMU turns ten vectors a cycle.
+inline void vector_rotate(float vec[3], const float matrix[9])
+{
+    if (!vec || !matrix)
+        return;
+    const float x = vec[0], y = vec[1], z = vec[2];
+    vec[0] = matrix[0] * x + matrix[1] * y + matrix[2] * z;
+    vec[1] = matrix[3] * x + matrix[4] * y + matrix[5] * z;
+    vec[2] = matrix[6] * x + matrix[7] * y + matrix[8] * z;
+}
 inline void vector_rotate(float vec[3], const float matrix[3][3])
 {
     vector_rotate(vec, &matrix[0][0]);

@@ -50,6 +50,7 @@ struct motor_client {
     iio_device *trigger;
     iio_buffer *buffer;
     iio_channel *channels[CHANNEL_COUNT];
+    channel_decoder decoders[CHANNEL_COUNT];
     double volts_per_unit;
     int64_t period_ns; // sampling period; 0: unknown
     sample queued;     // kept by a flush for sample_read
@@ -110,7 +111,7 @@ int fetch(motor_client *client, sample *out)
         return -EAGAIN;
     const iio_buffer *buffer = client->buffer;
     auto field = [&](channel_index c) {
-        return channel_convert_int(client->channels[c], iio_buffer_first(buffer, client->channels[c]));
+        return channel_decode(client->decoders[c], iio_buffer_first(buffer, client->channels[c]));
     };
     for (int m = 0; m < SENSORS_MOTOR_COUNT; m++) {
         out->speed[m] = uint16_t(field(channel_index(SPEED0 + m)));
@@ -170,6 +171,8 @@ motor_client *controller_open(iio_device *trigger, iio_context *ctx, const char 
     client->buffer = buffer_create(client->device, bindings, CHANNEL_COUNT, kKernelSamples, 1, blocking);
     if (!client->buffer)
         return nullptr;
+    for (int i = 0; i < CHANNEL_COUNT; i++)
+        client->decoders[i] = channel_decoder_of(client->channels[i]);
     // Nothing is queued before controller_enable.
     const int r = device_disable(client->device, client->trigger);
     if (r < 0) {

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <csignal>
@@ -13,6 +14,8 @@
 #include <cmath>
 #include <cstdio>
 #include <memory>
+#include <random>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -371,6 +374,11 @@ TEST_F(IioHelper, BufferCreateRefusesUnknownChannelsAndStorageItCannotReadAndLea
         {"twice", "le:s16/16X2>>0"}, {"wide", "le:s32/16>>0"},    {"far", "le:u8/16>>12"},
         {"none", "le:s0/16>>0"},     {"be12", "be:s12/16>>4"},    {"never", "le:s16/16X0>>0"},
         {"s32", "le:s32/32>>0"},     {"bytes12", "le:s12/14>>0"},
+        // Plain formats, which a decoder converts inline.
+        {"u12", "le:u12/16>>4"},     {"s12", "le:s12/16>>4"},     {"S12", "le:S12/16>>4"},
+        {"u8", "le:u8/8>>0"},        {"s7", "le:s7/8>>1"},        {"s64", "le:s64/64>>0"},
+        {"U32", "le:U32/32>>0"},     {"s24", "le:s24/32>>8"},     {"u1", "le:u1/8>>7"},
+        {"u64", "le:u40/64>>3"},
     };
     std::string xml = "<?xml version=\"1.0\" encoding=\"utf-8\"?>"
                       "<context name=\"xml\"><device id=\"iio:device0\" name=\"odd\">";
@@ -417,6 +425,23 @@ TEST_F(IioHelper, BufferCreateRefusesUnknownChannelsAndStorageItCannotReadAndLea
     for (const auto &[id, value] : {std::pair<const char *, int64_t>{"wide", 0}, {"far", 0}, {"none", 0}, {"bytes12", 0},
                                     {"be12", -2047}, {"s32", -8449920}, {"c16", 4224}})
         EXPECT_EQ(channel_convert_int(iio_device_find_channel(dev, id, false), sample), value) << id;
+
+    // A decoder gives what the general conversion gives, on every format,
+    // inline for the plain ones.
+    std::mt19937_64 random(7);
+    for (const auto &[id, format] : formats) {
+        SCOPED_TRACE(format);
+        const iio_channel *c = iio_device_find_channel(dev, id, false);
+        const channel_decoder d = channel_decoder_of(c);
+        const std::string_view general[] = {"c24", "twice", "wide", "far", "none", "be12", "never", "bytes12"};
+        EXPECT_EQ(d.bytes == 0, std::find(std::begin(general), std::end(general), id) != std::end(general));
+        for (int i = 0; i < 200; i++) {
+            uint64_t bytes[2] = {random(), random()};
+            if (i < 8) // the extremes: all ones, all zeros, one bit
+                bytes[0] = i == 0 ? ~0ull : i == 1 ? 0 : 1ull << (8 * i - 1);
+            ASSERT_EQ(channel_decode(d, bytes), channel_convert_int(c, bytes)) << std::hex << bytes[0];
+        }
+    }
 }
 
 TEST_F(IioHelper, SeveralDevicesStreamAtOnce)
