@@ -117,6 +117,15 @@ bool parse_levels(const char *spec, level_table *out)
     return true;
 }
 
+// The highest level in a table: what a message must not exceed to be admitted.
+int ceiling_of(const level_table &table)
+{
+    int ceiling = table.default_level;
+    for (size_t i = 0; i < table.count; i++)
+        ceiling = table.tags[i].level > ceiling ? table.tags[i].level : ceiling;
+    return ceiling;
+}
+
 // Static storage rather than the heap: the plug-in can be unloaded, and its
 // log state goes with it.
 log_state &state()
@@ -130,6 +139,7 @@ log_state &state()
         log_output chosen;
         if (output && parse_output(output, &chosen))
             s.output.store(chosen);
+        g_log_ceiling.store(ceiling_of(s.levels), std::memory_order_relaxed);
         return true;
     }();
     (void)configured;
@@ -332,7 +342,11 @@ void log_vmsg(const log_tag &tag, int priority, const char *fmt, va_list ap)
     emit(s, tag, priority, text);
 }
 
-void log_msg(const log_tag &tag, int priority, const char *fmt, ...)
+// Until the levels are read (at the first message), every priority goes to
+// the full check, which reads them.
+constinit std::atomic<int> g_log_ceiling{LOG_DEBUG};
+
+void(log_msg)(const log_tag &tag, int priority, const char *fmt, ...)
 {
     va_list ap;
     va_start(ap, fmt);
@@ -362,7 +376,9 @@ int log_set_levels(const char *spec)
     level_table table;
     if (!parse_levels(spec, &table))
         return -EINVAL;
-    state().levels = table;
+    log_state &s = state();
+    s.levels = table;
+    g_log_ceiling.store(ceiling_of(table), std::memory_order_relaxed);
     return 0;
 }
 

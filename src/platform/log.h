@@ -22,6 +22,7 @@
 
 #include <syslog.h>
 
+#include <atomic>
 #include <cstdarg>
 #include <cstddef>
 #include <cstdint>
@@ -39,6 +40,16 @@ inline constexpr int kLogDefaultLevel = LOG_INFO;
 bool log_admits(const log_tag &tag, int priority);
 
 void log_msg(const log_tag &tag, int priority, const char *fmt, ...) __attribute__((format(printf, 3, 4)));
+
+// The highest level of any tag. A message of a priority above it is admitted
+// by no tag: log_msg is then not even called, nor are its arguments
+// evaluated, so a debug line in the acquisition cycle costs one load.
+extern std::atomic<int> g_log_ceiling;
+#define log_msg(tag, priority, ...)                                                                               \
+    do {                                                                                                          \
+        if ((priority) <= g_log_ceiling.load(std::memory_order_relaxed))                                          \
+            (log_msg)(tag, priority, __VA_ARGS__);                                                                \
+    } while (0)
 void log_vmsg(const log_tag &tag, int priority, const char *fmt, va_list ap) __attribute__((format(printf, 3, 0)));
 
 // A preformatted message, emitted as it stands.
