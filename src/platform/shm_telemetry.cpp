@@ -780,6 +780,22 @@ size_t bytes_of(const consumer_field &f)
     return size_t(f.size) * f.count;
 }
 
+// One copy of a sample's read: from the sample to the scratch (gather), or
+// from the scratch to a destination (scatter, sample k at k * stride).
+struct copy_run {
+    uint32_t from;
+    uint32_t to;
+    uint32_t len;
+};
+struct scatter_run {
+    uint8_t *destination;
+    size_t stride;
+    uint32_t from; // in the scratch
+    uint32_t len;  // 0: timestamps only
+    uint32_t capacity;
+    timespec *timestamps;
+};
+
 struct consumer_section {
     char name[kTlmNameMax + 1];
     char path[512]; // the section's file, fixed at registration
@@ -797,6 +813,13 @@ struct consumer_section {
     // exists, so that looking for an absent section costs a lookup.
     bool have_dir;
     int dir_fd;
+    // The section's copies, computed once: the scatters at completion, the
+    // gathers at each attach (they follow the file's layout). Each array
+    // has room for one run a field of the section.
+    copy_run *gathers;
+    uint32_t gather_count;
+    scatter_run *scatters;
+    uint32_t scatter_count;
 };
 
 } // namespace
@@ -952,6 +975,12 @@ int attach(shm_consumer *c, uint32_t index)
         tlm_view_close(&s.view);
         return found == -EBADMSG ? -EBADMSG : -EPROTO;
     }
+    s.gather_count = 0;
+    for (size_t i = 0; i < c->field_count; i++) {
+        const consumer_field &f = c->fields[i];
+        if (f.section == index && f.gather_len)
+            s.gathers[s.gather_count++] = {f.src_offset, f.scratch_offset, f.gather_len};
+    }
     s.refused = false;
     return 0;
 }
@@ -964,22 +993,19 @@ int read_sample(shm_consumer *c, uint32_t index, uint64_t n, uint32_t k, timespe
     const consumer_section &s = c->sections[index];
     timespec sample_time{};
     int r = read_slot(&s.view, n, &sample_time, [&](const uint8_t *sample) {
-        for (size_t i = 0; i < c->field_count; i++) {
-            const consumer_field &f = c->fields[i];
-            if (f.section == index && f.gather_len)
-                memcpy(c->scratch + f.scratch_offset, sample + f.src_offset, f.gather_len);
-        }
+        for (uint32_t i = 0; i < s.gather_count; i++)
+            memcpy(c->scratch + s.gathers[i].to, sample + s.gathers[i].from, s.gathers[i].len);
     });
     if (r < 0)
         return r;
-    for (size_t i = 0; i < c->field_count; i++) {
-        const consumer_field &f = c->fields[i];
-        if (f.section != index || k >= f.capacity)
+    for (uint32_t i = 0; i < s.scatter_count; i++) {
+        const scatter_run &run = s.scatters[i];
+        if (k >= run.capacity)
             continue;
-        if (f.scatter_len)
-            memcpy(f.destination + k * f.stride, c->scratch + f.scratch_offset, f.scatter_len);
-        if (f.timestamps)
-            f.timestamps[k] = sample_time;
+        if (run.len)
+            memcpy(run.destination + k * run.stride, c->scratch + run.from, run.len);
+        if (run.timestamps)
+            run.timestamps[k] = sample_time;
     }
     if (ts)
         *ts = sample_time;
@@ -1147,9 +1173,29 @@ int consumer_complete(shm_consumer *consumer)
             f.scatter_len = uint32_t(bytes_of(f));
         }
     }
+    free(consumer->scratch);
     consumer->scratch = static_cast<uint8_t *>(malloc(total));
     if (!consumer->scratch)
         return -ENOMEM;
+    for (size_t i = 0; i < consumer->section_count; i++) {
+        consumer_section &s = consumer->sections[i];
+        size_t fields = 0;
+        for (size_t j = 0; j < consumer->field_count; j++)
+            fields += consumer->fields[j].section == i;
+        free(s.gathers); // left by a completion that ran short of memory
+        free(s.scatters);
+        s.scatter_count = 0;
+        s.gathers = static_cast<copy_run *>(calloc(fields, sizeof(copy_run)));
+        s.scatters = static_cast<scatter_run *>(calloc(fields, sizeof(scatter_run)));
+        if (!s.gathers || !s.scatters)
+            return -ENOMEM;
+        for (size_t j = 0; j < consumer->field_count; j++) {
+            const consumer_field &f = consumer->fields[j];
+            if (f.section == i && (f.scatter_len || f.timestamps))
+                s.scatters[s.scatter_count++] = {f.destination, f.stride, f.scratch_offset, f.scatter_len, f.capacity,
+                                                 f.timestamps};
+        }
+    }
     consumer->scratch_size = total;
     consumer->completed = true;
     return 0;
@@ -1198,6 +1244,8 @@ void consumer_destroy(shm_consumer *consumer)
     for (size_t i = 0; i < consumer->section_count; i++) {
         tlm_view_close(&consumer->sections[i].view);
         forget_dir(consumer->sections[i]);
+        free(consumer->sections[i].gathers);
+        free(consumer->sections[i].scatters);
     }
     free(consumer->sections);
     free(consumer->fields);
