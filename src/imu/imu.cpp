@@ -124,7 +124,27 @@ size_t read_vectors(const imu_ctx &imu, channel_index first, double scale, float
     const char *p[3];
     for (int axis = 0; axis < 3; axis++)
         p[axis] = static_cast<const char *>(iio_buffer_first(buffer, imu.channels[first + axis]));
+    // The usual layout, three 16-bit values in place: read as they are.
+    bool in_place = true;
+    for (int axis = 0; axis < 3; axis++) {
+        const channel_decoder &d = imu.decoders[first + axis];
+        in_place = in_place && d.bytes == 2 && d.shift == 0 && d.width == 16;
+    }
     size_t n = 0;
+    if (in_place) {
+        const ptrdiff_t y_at = p[1] - p[0], z_at = p[2] - p[0];
+        for (const char *scan = p[0]; n < imu.fifo_size && scan < end; scan += step, n++) {
+            int16_t x, y, z;
+            memcpy(&x, scan, 2);
+            memcpy(&y, scan + y_at, 2);
+            memcpy(&z, scan + z_at, 2);
+            out[n][0] = float(double(x) * scale);
+            out[n][1] = float(double(y) * scale);
+            out[n][2] = float(double(z) * scale);
+            log_msg(kTag, LOG_DEBUG, debug_fmt, out[n][0], out[n][1], out[n][2]);
+        }
+        return n;
+    }
     while (n < imu.fifo_size && p[0] < end) {
         for (int axis = 0; axis < 3; axis++) {
             const auto raw = int16_t(channel_decode(imu.decoders[first + axis], p[axis]));
