@@ -114,6 +114,17 @@ callgrind_groups() {
     END { printf "%.0f %.0f %.0f %.0f\n", ir["plugin"] / n, ir["libiio"] / n, ir["libc"] / n, ir["other"] / n }' "$1"
 }
 
+# callgrind_top_own PROFILE CYCLES N: table rows of the N functions of the
+# plug-in's own code with the highest self cost per cycle, then the rest.
+callgrind_top_own() {
+  callgrind_annotate --threshold=100 "$1" 2>/dev/null |
+    awk -v n="$2" -v top="$3" '/libsensors_orlune/ && $1 ~ /^[0-9,]+$/ {
+        ir = $1; gsub(/,/, "", ir)
+        fn = $0; sub(/^.*\.(cpp|h):/, "", fn); gsub(/\(anonymous namespace\)::/, "", fn); sub(/ \[.*$/, "", fn); sub(/\(.*$/, "", fn)
+        if (shown < top) { printf "| `%s` | %.0f |\n", fn, ir / n; shown++ } else rest += ir }
+      END { printf "| the rest | %.0f |\n", rest / n }'
+}
+
 # System calls per cycle under the collected function: its inclusive
 # sysCount. (Callgrind
 # attributes system calls to call arcs even while collection is off, so only
@@ -379,7 +390,8 @@ host_lost=$(awk '{ s += $3 } END { print s }' "$work/tput.txt")
 # transport_row LABEL NET BOARD: a row of the side-by-side table.
 transport_row() { printf '| %s | %s | %s |\n' "$1" "$2" "${3:--}"; }
 # cycle_figures DIR: "own_wall own_cpu wait_wall wait_cpu allocs_per_cycle
-# own_instructions own_syscalls wait_instructions wait_syscalls"
+# own_instructions own_syscalls wait_instructions wait_syscalls
+# own_plugin_instructions"
 cycle_figures() {
   local d=$1 own_sum wait_sum
   read -r -a own_sum < "$d/cg-own_step.sum"
@@ -388,7 +400,7 @@ cycle_figures() {
     "$(value wait_wall_us_mean "$d/cycles.txt") $(value wait_cpu_us_mean "$d/cycles.txt")" \
     "$(value own_allocs_per_cycle "$d/cycles.txt")" \
     "$((own_sum[0] + own_sum[1] + own_sum[2] + own_sum[3])) ${own_sum[4]}" \
-    "$((wait_sum[0] + wait_sum[1] + wait_sum[2] + wait_sum[3])) ${wait_sum[4]}"
+    "$((wait_sum[0] + wait_sum[1] + wait_sum[2] + wait_sum[3])) ${wait_sum[4]}" "${own_sum[0]}"
 }
 read -r -a net_fig < <(cycle_figures "$work")
 read -r net_age_reads net_age_med net_age_p99 net_age_max net_age_over < <(age_stats age-all)
@@ -440,6 +452,7 @@ transport_row "IMU wait, CPU µs" "${net_fig[3]}" "${board_fig[3]:-}"
 transport_row "system calls without the IMU wait (callgrind)" "${net_fig[6]}" "${board_fig[6]:-}"
 transport_row "system calls in the IMU wait (callgrind)" "${net_fig[8]}" "${board_fig[8]:-}"
 transport_row "instructions without the IMU wait (user space, callgrind)" "${net_fig[5]}" "${board_fig[5]:-}"
+transport_row "of which the plug-in's own code (\`libsensors_orlune.so\`)" "${net_fig[9]}" "${board_fig[9]:-}"
 transport_row "instructions in the IMU wait (user space, callgrind)" "${net_fig[7]}" "${board_fig[7]:-}"
 transport_row "plug-in's own heap allocations" "${net_fig[4]}" "${board_fig[4]:-}"
 transport_row "IMU age at read return, median / p99 / max ms (orlune-host, ${age_s} s)" \
@@ -495,6 +508,15 @@ Instructions and system calls per cycle (callgrind):
 | instructions, other (libstdc++, libm, loader, the meter) | $own_other | $wait_other |
 | plug-in's own share of the instructions | $(pct "$own_ir_total" "$own_plugin") % of $own_ir_total | $(pct "$wait_ir_total" "$wait_plugin") % of $wait_ir_total |
 | system calls (under valgrind, where clock reads are system calls too) | $own_sys | $wait_sys |
+
+Where the plug-in's own instructions go, outside the IMU wait: its ten
+costliest functions (self cost, per cycle; the rest of its code after them).
+\`tests/bench/bench_report_test.sh\` fails the test run when the plug-in's own
+instructions per cycle exceed its budget on either transport.
+
+| function | instructions per cycle |
+|---|---|
+$(callgrind_top_own "$work/callgrind.own_step" "$(value cycles "$work/cg-own_step.txt")" 10)
 
 **How the waits are separated.** \`bench/cycle_meter\` makes each cycle two
 calls: \`imu_wait\` (libiio's refill of the IMU buffer: blocked until the

@@ -45,6 +45,19 @@ board="($num|-)"
 [ "$(id -u)" = 0 ] && board=$num
 positive "transports, cycle" "^\| read \+ tlm_write without the IMU wait, wall µs \| $num \| $board \|$"
 expect "transports, system calls" "^\| system calls without the IMU wait \(callgrind\) \| $num \| $board \|$"
+# The guard on the cycle's cost: the plug-in's own instructions per cycle
+# (callgrind counts, not times, so a short run gives them well) on either
+# transport. The budget is today's figure and some room for noise; it comes
+# down as the cycle does (docs/performance.md says where they go).
+budget=7900
+own_row="^\| of which the plug-in's own code \(\`libsensors_orlune.so\`\) \| [0-9]+ \| ($board) \|$"
+expect "transports, own instructions" "$own_row"
+for own in $(grep -E -- "$own_row" "$out" | head -1 | awk -F'|' '{ print $3, $4 }'); do
+  if [ "$own" != - ] && [ "$own" -gt "$budget" ]; then
+    echo "FAIL: the plug-in's own code runs $own instructions per cycle, over the budget of $budget"
+    failures=$((failures + 1))
+  fi
+done
 expect "transports, IMU age" "^\| IMU age at read return, median / p99 / max ms [^|]*\| $num / $num / $num \| ($board / $board / $board|-) \|$"
 # Cost per cycle: times, the step table, instructions split by object.
 positive "own wall time" "^\| read \+ tlm_write without the IMU wait \| $num \| $num \|$"
