@@ -36,6 +36,7 @@ struct barometer_ctx {
     iio_device *trigger;
     iio_buffer *buffer;
     iio_channel *channels[CHANNEL_COUNT];
+    channel_decoder decoders[CHANNEL_COUNT];
     double pressure_offset; // raw units; always 0
     double pressure_scale;  // Pa per raw unit
     double temp_offset;     // raw units, including the shift to kelvin
@@ -88,6 +89,8 @@ extern "C" barometer_ctx *barometer_new(const sensors_baro_config *config, iio_c
                                  polled::kScansPerRefill, 0);
     if (!baro->buffer)
         return nullptr;
+    for (int i = 0; i < CHANNEL_COUNT; i++)
+        baro->decoders[i] = channel_decoder_of(baro->channels[i]);
 
     const iio_attr_double attrs[] = {
         {"in_pressure0_scale", &baro->pressure_scale, true},
@@ -155,11 +158,11 @@ extern "C" int barometer_read(barometer_ctx *baro, uint32_t *updated)
     if (r <= 0)
         return r;
     sensors_baro_data &d = *baro->record;
-    const float raw_pressure = buffer_first_float(baro->buffer, baro->channels[PRESSURE]);
+    const float raw_pressure = buffer_first_float(baro->buffer, baro->decoders[PRESSURE]);
     d.pressure = float((double(raw_pressure) + baro->pressure_offset) * baro->pressure_scale);
-    const float raw_temp = buffer_first_float(baro->buffer, baro->channels[TEMPERATURE]);
+    const float raw_temp = buffer_first_float(baro->buffer, baro->decoders[TEMPERATURE]);
     d.temperature = float((double(raw_temp) + baro->temp_offset) * baro->temp_scale);
-    buffer_first_timestamp(baro->buffer, baro->channels[TIMESTAMP], &d.timestamp);
+    buffer_first_timestamp(baro->buffer, baro->decoders[TIMESTAMP], &d.timestamp);
     baro_calib_apply(baro->calibration, &d);
     d.flags |= kFlagsValid;
     *updated |= SENSORS_UPDATED_BARO;

@@ -38,6 +38,7 @@ struct magneto_ctx {
     iio_device *trigger;
     iio_buffer *buffer;
     iio_channel *channels[CHANNEL_COUNT];
+    channel_decoder decoders[CHANNEL_COUNT];
     double scales[3];   // uT per raw unit
     double temp_offset; // raw units, including the shift to kelvin
     double temp_scale;  // K per raw unit
@@ -76,6 +77,8 @@ bool bind_channels(magneto_ctx &m)
     m.buffer = buffer_create(m.device, bindings, channel_count, polled::kKernelLength, polled::kScansPerRefill, 0);
     if (!m.buffer)
         return false;
+    for (int i = 0; i < CHANNEL_COUNT; i++)
+        m.decoders[i] = channel_decoder_of(m.channels[i]);
     return attr_read_doubles(m.device, attrs, attr_count) >= 0;
 }
 
@@ -207,14 +210,14 @@ extern "C" int magneto_read(magneto_ctx *magneto, uint32_t *updated, float tempe
     sensors_magneto_data &d = *magneto->record;
     for (int axis = 0; axis < 3; axis++)
         d.field[axis] =
-            float(double(buffer_first_float(magneto->buffer, magneto->channels[MAGN_X + axis])) * magneto->scales[axis]);
+            float(double(buffer_first_float(magneto->buffer, magneto->decoders[MAGN_X + axis])) * magneto->scales[axis]);
     // The flag is consulted at every read; the channel exists only when it
     // was set at creation.
     if (magneto->config->use_temperature && magneto->channels[TEMPERATURE])
-        d.temperature = float((buffer_first_float(magneto->buffer, magneto->channels[TEMPERATURE]) +
+        d.temperature = float((buffer_first_float(magneto->buffer, magneto->decoders[TEMPERATURE]) +
                                magneto->temp_offset) *
                               magneto->temp_scale);
-    buffer_first_timestamp(magneto->buffer, magneto->channels[TIMESTAMP], &d.timestamp);
+    buffer_first_timestamp(magneto->buffer, magneto->decoders[TIMESTAMP], &d.timestamp);
     vector_rotate(d.field, magneto->matrix);
     magneto_calib_apply(magneto->calibration, d.field, temperature);
     *updated |= SENSORS_UPDATED_MAGNETO;

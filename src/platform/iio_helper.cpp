@@ -420,25 +420,35 @@ float channel_convert_float(const iio_channel *channel, const void *src)
     return static_cast<float>(channel_convert_int(channel, src));
 }
 
-float buffer_first_float(const iio_buffer *buffer, const iio_channel *channel)
+float buffer_first_float(const iio_buffer *buffer, const channel_decoder &decoder)
 {
-    if (!buffer || !channel)
+    if (!buffer || !decoder.channel)
         return 0.0f;
-    const char *p = static_cast<const char *>(iio_buffer_first(buffer, channel));
+    const char *p = static_cast<const char *>(iio_buffer_first(buffer, decoder.channel));
     if (!p || p >= static_cast<const char *>(iio_buffer_end(buffer)))
         return 0.0f;
-    return channel_convert_float(channel, p);
+    return static_cast<float>(channel_decode(decoder, p));
+}
+
+float buffer_first_float(const iio_buffer *buffer, const iio_channel *channel)
+{
+    return buffer_first_float(buffer, channel_decoder_of(channel));
+}
+
+int buffer_first_timestamp(const iio_buffer *buffer, const channel_decoder &decoder, timespec *timestamp)
+{
+    if (!buffer || !decoder.channel || !timestamp)
+        return -EINVAL;
+    const char *p = static_cast<const char *>(iio_buffer_first(buffer, decoder.channel));
+    if (!p || p >= static_cast<const char *>(iio_buffer_end(buffer)))
+        return -ENODATA;
+    *timestamp = ns_to_timespec(channel_decode(decoder, p));
+    return 0;
 }
 
 int buffer_first_timestamp(const iio_buffer *buffer, const iio_channel *channel, timespec *timestamp)
 {
-    if (!buffer || !channel || !timestamp)
-        return -EINVAL;
-    const char *p = static_cast<const char *>(iio_buffer_first(buffer, channel));
-    if (!p || p >= static_cast<const char *>(iio_buffer_end(buffer)))
-        return -ENODATA;
-    *timestamp = ns_to_timespec(channel_convert_int(channel, p));
-    return 0;
+    return buffer_first_timestamp(buffer, channel_decoder_of(channel), timestamp);
 }
 
 namespace {

@@ -78,12 +78,15 @@ int device_disable(iio_device *device, iio_device *trigger);
 // trigger. Any argument may be null.
 void device_deinit(iio_device *device, iio_device *trigger, iio_buffer *buffer);
 
+struct channel_decoder;
 // The channel's value in the buffer's first scan, in the channel's own
 // format (sign, bits, storage), as a float; 0 when there is no such sample.
 float buffer_first_float(const iio_buffer *buffer, const iio_channel *channel);
+float buffer_first_float(const iio_buffer *buffer, const channel_decoder &decoder);
 // The first scan's timestamp channel (signed nanoseconds) as a timespec.
 // Returns 0, or -EINVAL for null arguments.
 int buffer_first_timestamp(const iio_buffer *buffer, const iio_channel *channel, timespec *timestamp);
+int buffer_first_timestamp(const iio_buffer *buffer, const channel_decoder &decoder, timespec *timestamp);
 // Converts one sample at src, in the channel's format, to a float.
 float channel_convert_float(const iio_channel *channel, const void *src);
 // Same, as a 64-bit integer (sign-extended or zero-extended); 0 for a format
