@@ -3,9 +3,11 @@
 # copy of the working tree, one at a time, and runs the tests recorded as
 # catching it. A fault that no test notices shows where the suite is blind.
 #
-# usage: scripts/mutants.sh [--full] [-j N] [ID|REGEX ...]
+# usage: scripts/mutants.sh [--full] [--list FILE] [-j N] [ID|REGEX ...]
 #   --full   run the whole suite against each fault instead of its recorded
 #            tests, and name every test that failed (slow; to find catchers)
+#   --list   another list of faults in the same format (default:
+#            scripts/mutants.txt), e.g. scripts/mutants-unseen.txt
 #   -j N     tests run N at a time (default: the number of cores)
 #   ID|REGEX only the faults whose id is or matches one of these (default: all)
 #
@@ -36,9 +38,10 @@ selectors=()
 while [ $# -gt 0 ]; do
   case $1 in
     --full) full=1; shift ;;
+    --list) list=$(cd "$(dirname "$2")" && pwd)/$(basename "$2"); shift 2 ;;
     -j) jobs=$2; shift 2 ;;
     -j*) jobs=${1#-j}; shift ;;
-    -h|--help) sed -n '2,25p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
+    -h|--help) sed -n '2,27p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
     -*) echo "mutants: unknown option $1" >&2; exit 2 ;;
     *) selectors+=("$1"); shift ;;
   esac

@@ -41,6 +41,7 @@ TEST(Failpoints, RefusesNonsense)
     EXPECT_EQ(failpoint_arm(nullptr, -EIO), -EINVAL);
     EXPECT_EQ(failpoint_arm("", -EIO), -EINVAL);
     EXPECT_EQ(failpoint_arm("x", 5), -EINVAL);
+    EXPECT_EQ(failpoint_arm("x", 0), -EINVAL); // a failure carries an errno
     EXPECT_EQ(failpoint_arm("x", -EIO, 0), -EINVAL);
     EXPECT_EQ(failpoint_arm(std::string(100, 'n').c_str(), -EIO), -EINVAL);
     EXPECT_EQ(failpoint_check(nullptr), 0);

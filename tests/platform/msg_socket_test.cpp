@@ -82,6 +82,7 @@ TEST(MsgSocket, MalformedFramesAreRefusedAndPartialOnesWaitedFor)
         {"unknown tag", frame_bytes(0, {'x', 1, 2, 3, 4}), -EBADMSG},
         {"value cut", frame_bytes(0, {'u', 1, 2}), -EBADMSG},
         {"payload too long", frame_bytes(0, {}, int64_t(kMsgMaxPayload) + 1), -EBADMSG},
+        {"longest payload still to come", frame_bytes(0, {}, int64_t(kMsgMaxPayload)), 0},
         {"empty payload", frame_bytes(5, {}), 12},
     };
     for (const row &r : rows) {

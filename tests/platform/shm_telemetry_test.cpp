@@ -474,7 +474,13 @@ TEST(ShmTelemetry, ProducersRefuseWhatNoConsumerCouldRead)
     EXPECT_STREQ(info.name, "again.value");
     EXPECT_EQ(info.offset, 8u);
     tlm_view_close(&view);
+    // A producer that was replaced leaves its successor's file in place.
+    shm_producer *successor = producer_create("ok", 4, 1000);
+    ASSERT_EQ(producer_register_struct(successor, &v, nullptr, &kValue), 0);
+    ASSERT_EQ(producer_complete(successor), 0);
     producer_destroy(p);
+    EXPECT_EQ(access(root.file("ok").c_str(), F_OK), 0);
+    producer_destroy(successor);
     EXPECT_EQ(access(root.file("ok").c_str(), F_OK), -1);
 }
 

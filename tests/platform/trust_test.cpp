@@ -65,6 +65,7 @@ TEST(TrustPolicy, OwnersAndModesOfFilesAndDirectories)
         {false, 0644, true, "12, x1, 47", "owned by uid [0-9]+, not a trusted user"},
         {false, 0644, true, "OTHER", nullptr}, // a producer that runs as a user of its own
         {false, 0644, true, "5 OTHER", nullptr},
+        {false, 0644, true, "1 2 3 4 5 6 7 OTHER", nullptr}, // the eighth, the last one taken
         {true, 0755, false, nullptr, nullptr},
         {true, 0777, false, nullptr, "writable by others and not sticky \\(mode 0777\\)"},
         {true, 0775, false, nullptr, "writable by others and not sticky \\(mode 0775\\)"},
