@@ -336,6 +336,19 @@ int view_open_at(int dir_fd, const char *file, const char *path, const trust_pol
     return 0;
 }
 
+// Opens the directory of the section file path, every directory on the way
+// checked and no link followed, and points *file at the file's name in path.
+// The directory's O_PATH descriptor, or a negative errno (-EPERM with the
+// reason in view->refusal).
+int open_dir_of(const char *path, const trust_policy *policy, tlm_section_view *view, const char **file)
+{
+    char dir[512];
+    int r = split_path(path, dir, sizeof dir, file);
+    if (r < 0)
+        return r;
+    return trust_open_dir(policy, dir, false, view->refusal, sizeof view->refusal);
+}
+
 } // namespace
 
 int tlm_view_open_path(const char *path, tlm_section_view *view)
@@ -350,13 +363,8 @@ int tlm_view_open_trusted(const char *path, const trust_policy *policy, tlm_sect
     if (!path || !policy || !view)
         return -EINVAL;
     tlm_view_close(view);
-    char dir[512];
     const char *file = nullptr;
-    int r = split_path(path, dir, sizeof dir, &file);
-    if (r < 0)
-        return r;
-    // Every directory on the way checked, no link followed.
-    int dir_fd = trust_open_dir(policy, dir, false, view->refusal, sizeof view->refusal);
+    int dir_fd = open_dir_of(path, policy, view, &file);
     if (dir_fd < 0)
         return dir_fd;
     scope_guard close_dir{[dir_fd] { close(dir_fd); }};
@@ -888,12 +896,8 @@ int open_section_dir(shm_consumer *c, consumer_section &s)
     if (s.have_dir && fstat(s.dir_fd, &st) == 0 && st.st_nlink > 0)
         return 0;
     forget_dir(s);
-    char dir[512];
     const char *file = nullptr;
-    int r = split_path(s.path, dir, sizeof dir, &file);
-    if (r < 0)
-        return r;
-    int fd = trust_open_dir(&c->policy, dir, false, s.view.refusal, sizeof s.view.refusal);
+    int fd = open_dir_of(s.path, &c->policy, &s.view, &file);
     if (fd < 0)
         return fd;
     s.dir_fd = fd;
