@@ -1,12 +1,17 @@
 #!/usr/bin/env bash
 # Installs the Debian packages one purpose needs, when missing.
-# Usage: scripts/deps.sh [demo|all]   (default: all)
-#   demo  what scripts/run.sh needs to build the plug-in, orlune-sim,
-#         orlune-host and orlune-tlm, fly the demo and plot it
-#   all   everything the project can use: the demo's packages, and the tests,
-#         benchmarks, fuzzers, sanitizers and the benchmark report (llvm
-#         brings llvm-symbolizer: clang's sanitizers name the frames with it,
-#         and the fuzz targets' leak suppressions match those names)
+# Usage: scripts/deps.sh [demo|kernel|all]   (default: all)
+#   demo    what scripts/run.sh needs to build the plug-in, orlune-sim,
+#           orlune-host and orlune-tlm, fly the demo and plot it
+#   kernel  what scripts/guest.sh needs to boot its guest and build our
+#           driver: QEMU, a static busybox, cpio and xz for the initramfs and
+#           the kernel, iiod, and the headers of the guest's kernel (its
+#           version is the KVER line of scripts/guest.sh)
+#   all     everything the project can use: the demo's and the kernel's
+#           packages, and the tests, benchmarks, fuzzers, sanitizers and the
+#           benchmark report (llvm brings llvm-symbolizer: clang's sanitizers
+#           name the frames with it, and the fuzz targets' leak suppressions
+#           match those names)
 # When every package is there (dpkg -s), nothing is run and nothing printed.
 set -euo pipefail
 
@@ -15,8 +20,14 @@ demo=(
   libconfig-dev libiio-dev
   gnuplot-nox
 )
+kver=$(sed -n 's/^KVER=//p' "$(dirname "$0")/guest.sh")
+kernel=(
+  qemu-system-x86 busybox-static cpio xz-utils iiod
+  make gcc "linux-headers-$kver"
+)
 all=(
   "${demo[@]}"
+  "${kernel[@]}"
   libiio-utils
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev llvm
@@ -26,8 +37,9 @@ all=(
 purpose=${1:-all}
 case $purpose in
   demo) packages=("${demo[@]}") ;;
+  kernel) packages=("${kernel[@]}") ;;
   all) packages=("${all[@]}") ;;
-  *) echo "deps: unknown purpose '$purpose' (demo or all)" >&2; exit 2 ;;
+  *) echo "deps: unknown purpose '$purpose' (demo, kernel or all)" >&2; exit 2 ;;
 esac
 
 missing=()
@@ -87,5 +99,17 @@ run_apt() {
 echo "installing ${#missing[@]} packages: ${missing[*]}"
 started=$SECONDS
 run_apt "updating the package lists" update
+# The security archive keeps only the current kernel: once the guest's
+# pinned version has left it, scripts/guest.sh falls back to the current one
+# and installs its headers itself.
+for i in "${!missing[@]}"; do
+  if [ "${missing[$i]}" = "linux-headers-$kver" ] &&
+     [[ ! $(apt-cache policy "linux-headers-$kver" 2>/dev/null) =~ Candidate:\ [^\(] ]]; then
+    echo "deps: linux-headers-$kver is no longer in the package archive; scripts/guest.sh will use the current kernel's headers"
+    unset 'missing[i]'
+  fi
+done
+missing=("${missing[@]}")
+[ ${#missing[@]} -eq 0 ] && exit 0
 run_apt "installing" install -y --no-install-recommends "${missing[@]}"
 echo "installed ${#missing[@]} packages in $((SECONDS - started)) s"
