@@ -15,6 +15,7 @@
 #include "sim/battery.h"
 #include "sim/gps_daemon.h"
 #include "sim/iiod_server.h"
+#include "sim/kernel_bridge.h"
 #include "sim/replay.h"
 #include "sim/thermal.h"
 #include "sim/scenario.h"
@@ -28,9 +29,9 @@ namespace {
 void usage(FILE *out)
 {
     std::fputs("usage: orlune-sim [--scenario FILE] [--port N] [--address A] [--battery-dir DIR] [--truth FILE]\n"
-               "                  [--sysfs ROOT] [--print-xml]\n"
+               "                  [--sysfs ROOT | --kernel NODE] [--print-xml]\n"
                "       orlune-sim --replay CAPTURE [--fast] [--seek S] [--loop] [--capture-clock] [--port N] [--address A]\n"
-               "                  [--battery-dir DIR] [--sysfs ROOT]\n"
+               "                  [--battery-dir DIR] [--sysfs ROOT | --kernel NODE]\n"
                "  --scenario FILE  libconfig scenario (default: the built-in one, see examples/scenarios)\n"
                "  --port N         TCP port of the iiod service (default 0: an ephemeral port)\n"
                "  --address A      IPv4 address to listen on (default 127.0.0.1)\n"
@@ -41,6 +42,9 @@ void usage(FILE *out)
                "  --sysfs ROOT     also present the IIO devices as a kernel does: a sysfs tree under\n"
                "                   ROOT/sys/bus/iio/devices and a FIFO per device as ROOT/dev/iio:deviceN,\n"
                "                   for libiio's local backend (ROOT is / in scripts/board.sh's namespace)\n"
+               "  --kernel NODE    also feed the IIO devices of the orlune_vehicle kernel module through its\n"
+               "                   node (usually /dev/orlune-vehicle): a host reads them with libiio's local\n"
+               "                   backend from the kernel's own sysfs tree and /dev/iio:deviceN\n"
                "  --print-xml      print the context description and exit\n"
                "  --replay CAPTURE serve a capture (orlune-capture) instead of the scenario's models:\n"
                "                   IIO devices, battery files, GPS daemon, ultrasound service and\n"
@@ -50,7 +54,8 @@ void usage(FILE *out)
                "  --loop           start over at the end, the timestamps going on\n"
                "  --capture-clock  this machine's monotonic clock is the capture's (scripts/replay.sh's\n"
                "                   time namespace): each scan is served at its own timestamp\n"
-               "prints IIOD_REMOTE=, SMARTBATTERY_DIR= and SIM_EPOCH= (monotonic seconds of scenario time 0)\n",
+               "prints IIOD_REMOTE=, SMARTBATTERY_DIR= and SIM_EPOCH= (monotonic seconds of scenario time 0),\n"
+               "and SYSFS_ROOT= or KERNEL_NODE= for the board's transport\n",
                out);
 }
 
@@ -70,17 +75,40 @@ sigset_t block_stop_signals()
     return stop_signals;
 }
 
-// The board's view of the devices (--sysfs), before anyone learns of it.
-bool start_board_view(const sim::iiod_server &server, const std::string &root,
-                      std::unique_ptr<sim::sysfs_bridge> *out)
-{
-    std::string error;
-    if (!root.empty() && !(*out = sim::sysfs_bridge::start(server.uri(), root, &error))) {
-        std::fprintf(stderr, "orlune-sim: %s\n", error.c_str());
-        return false;
+// The board's transport: where a host reads the devices through libiio's
+// local backend, beside the server.
+struct board_view {
+    std::string sysfs_root;  // --sysfs: the stand-in's tree under this root
+    std::string kernel_node; // --kernel: the kernel driver's node
+    std::unique_ptr<sim::sysfs_bridge> sysfs;
+    std::unique_ptr<sim::kernel_bridge> kernel;
+
+    // Before anyone learns of the devices.
+    bool start(const sim::iiod_server &server)
+    {
+        std::string error;
+        if ((!sysfs_root.empty() && !(sysfs = sim::sysfs_bridge::start(server.uri(), sysfs_root, &error))) ||
+            (!kernel_node.empty() && !(kernel = sim::kernel_bridge::start(server.uri(), kernel_node, &error)))) {
+            std::fprintf(stderr, "orlune-sim: %s\n", error.c_str());
+            return false;
+        }
+        return true;
     }
-    return true;
-}
+    void print() const
+    {
+        if (sysfs)
+            std::printf("SYSFS_ROOT=%s\n", sysfs_root.c_str());
+        if (kernel)
+            std::printf("KERNEL_NODE=%s\n", kernel_node.c_str());
+    }
+    void stop()
+    {
+        if (sysfs)
+            sysfs->stop();
+        if (kernel)
+            kernel->stop();
+    }
+};
 
 // Where the pack's files go, unless given: under ORLUNE_ROOT, else in a new
 // temporary directory. They exist before anyone learns where they are.
@@ -103,7 +131,7 @@ bool make_battery_dir(std::string *dir)
 }
 
 int replay_main(const std::string &path, bool fast, bool capture_clock, bool loop, double seek_s,
-                const sim::server_options &options, std::string battery_dir, const std::string &sysfs_root)
+                const sim::server_options &options, std::string battery_dir, board_view &board)
 {
     std::string error;
     auto capture = sim::replay_capture::load(path, &error);
@@ -140,8 +168,7 @@ int replay_main(const std::string &path, bool fast, bool capture_clock, bool loo
         std::fprintf(stderr, "orlune-sim: %s\n", error.c_str());
         return 1;
     }
-    std::unique_ptr<sim::sysfs_bridge> sysfs;
-    if (!start_board_view(*server, sysfs_root, &sysfs) || !make_battery_dir(&battery_dir))
+    if (!board.start(*server) || !make_battery_dir(&battery_dir))
         return 1;
     auto services = sim::replay_services::start(*capture, clock, battery_dir, loop_ns, &error);
     if (!services) {
@@ -149,8 +176,7 @@ int replay_main(const std::string &path, bool fast, bool capture_clock, bool loo
         return 1;
     }
     std::printf("IIOD_REMOTE=%s\n", server->uri().c_str());
-    if (sysfs)
-        std::printf("SYSFS_ROOT=%s\n", sysfs_root.c_str());
+    board.print();
     std::printf("SMARTBATTERY_DIR=%s\n", battery_dir.c_str());
     std::printf("REPLAY_START=%lld.%09lld\nREPLAY_END=%lld.%09lld\n", static_cast<long long>(start / 1000000000),
                 static_cast<long long>(start % 1000000000), static_cast<long long>(capture->last_ns() / 1000000000),
@@ -178,8 +204,7 @@ int replay_main(const std::string &path, bool fast, bool capture_clock, bool loo
     }
     clock.stop();
     services.reset();
-    if (sysfs)
-        sysfs->stop();
+    board.stop();
     server->stop();
     std::fprintf(stderr, "orlune-sim: stopped by %s\n", strsignal(sig));
     return 0;
@@ -195,7 +220,7 @@ int main(int argc, char **argv)
     std::string scenario_path;
     std::string battery_dir;
     std::string truth_path;
-    std::string sysfs_root;
+    board_view board;
     std::string replay_path;
     bool fast = false, capture_clock = false, loop = false;
     double seek_s = 0;
@@ -224,7 +249,9 @@ int main(int argc, char **argv)
         } else if (arg == "--truth" && has_value) {
             truth_path = argv[++i];
         } else if (arg == "--sysfs" && has_value) {
-            sysfs_root = argv[++i];
+            board.sysfs_root = argv[++i];
+        } else if (arg == "--kernel" && has_value) {
+            board.kernel_node = argv[++i];
         } else if (arg == "--replay" && has_value) {
             replay_path = argv[++i];
         } else if (arg == "--fast") {
@@ -251,15 +278,19 @@ int main(int argc, char **argv)
         }
     }
 
-    if (fast && !sysfs_root.empty()) {
-        // The kernel stand-in takes every scan as soon as it is due and
-        // keeps the newest, as a kernel does: it cannot wait for a reader.
-        std::fprintf(stderr, "orlune-sim: --fast needs the network transport: the board's transport (--sysfs) "
-                             "streams at the original pace only\n");
+    if (!board.sysfs_root.empty() && !board.kernel_node.empty()) {
+        std::fprintf(stderr, "orlune-sim: --sysfs and --kernel are two forms of the board's transport: choose one\n");
+        return 2;
+    }
+    if (fast && (!board.sysfs_root.empty() || !board.kernel_node.empty())) {
+        // A kernel buffer (and its stand-in) takes every scan as soon as it
+        // is due: it cannot wait for a reader.
+        std::fprintf(stderr, "orlune-sim: --fast needs the network transport: the board's transport (--sysfs, "
+                             "--kernel) streams at the original pace only\n");
         return 2;
     }
     if (!replay_path.empty())
-        return replay_main(replay_path, fast, capture_clock, loop, seek_s, options, battery_dir, sysfs_root);
+        return replay_main(replay_path, fast, capture_clock, loop, seek_s, options, battery_dir, board);
 
     // The simulated services' settings: their groups in the scenario file.
     sim::gps_settings gps_settings;
@@ -293,8 +324,7 @@ int main(int argc, char **argv)
         std::fprintf(stderr, "orlune-sim: %s\n", error.c_str());
         return 1;
     }
-    std::unique_ptr<sim::sysfs_bridge> sysfs;
-    if (!start_board_view(*server, sysfs_root, &sysfs) || !make_battery_dir(&battery_dir))
+    if (!board.start(*server) || !make_battery_dir(&battery_dir))
         return 1;
     auto battery = sim::start_battery_sim(scenario_path, battery_dir, &error);
     if (!battery) {
@@ -325,8 +355,7 @@ int main(int argc, char **argv)
         return 2;
     }
     std::printf("IIOD_REMOTE=%s\n", server->uri().c_str());
-    if (sysfs)
-        std::printf("SYSFS_ROOT=%s\n", sysfs_root.c_str());
+    board.print();
     // Scenario time 0 on the monotonic clock of every sensor timestamp.
     const int64_t epoch = server->epoch_ns();
     std::printf("SIM_EPOCH=%lld.%06lld\n", static_cast<long long>(epoch / 1000000000),
@@ -341,8 +370,7 @@ int main(int argc, char **argv)
     int sig = 0;
     sigwait(&stop_signals, &sig);
     producers->stop();
-    if (sysfs)
-        sysfs->stop();
+    board.stop();
     truth.reset();
     ultrasound.reset();
     gps.reset();

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "sim/sysfs_bridge.h"
 
+#include "sim/scan_stream.h"
+
 #include <fcntl.h>
 #include <iio.h>
 #include <poll.h>
@@ -11,7 +13,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -94,12 +95,6 @@ iio_context *create_context(const std::string &uri) {
   return iio_create_context_from_uri(text.data());
 }
 
-// One stream of scans from the server into a device's FIFO.
-struct stream {
-  std::thread worker;
-  std::atomic<bool> running{false};
-};
-
 struct bridged_device {
   std::string id;
   std::string dir;
@@ -110,7 +105,7 @@ struct bridged_device {
   iio_context *stream_ctx = nullptr; // the streams' own connection, made once
   std::set<std::string> client_written;     // files the client has written
   std::map<std::string, std::string> shown; // device attributes as last shown
-  std::unique_ptr<stream> active;
+  std::unique_ptr<scan_stream> active; // scans from the server into the FIFO
 };
 
 enum class watch_kind { device, buffer, trigger_link };
@@ -231,7 +226,7 @@ struct sysfs_bridge::impl {
     write_text(d.dir + "/buffer/enable", "0\n");
     write_text(d.dir + "/buffer/length", "64\n");
     write_text(d.dir + "/buffer/watermark", "1\n");
-    write_text(d.dir + "/trigger/current_trigger", "\n");
+    write_text(d.dir + "/trigger/current_trigger", "");
     // A connection of its own for the device's streams, made now: a
     // stream then starts as soon as the client enables the buffer.
     if (!(d.stream_ctx = create_context(uri))) {
@@ -339,12 +334,15 @@ struct sysfs_bridge::impl {
           name == (iio_device_get_name(t.remote) ? iio_device_get_name(t.remote)
                                                  : ""))
         trigger = t.remote;
-    if (!name.empty() && !trigger) {
-      log_line("%s: no trigger named %s", d.id, name);
-      return;
-    }
+    // As a kernel does, a name that is no trigger detaches the one there.
+    if (!name.empty() && !trigger)
+      log_line("%s: no trigger named %s: none attached", d.id, name);
     if (int r = iio_device_set_trigger(d.remote, trigger); r < 0)
       log_line("%s: the trigger cannot be set: %s", d.id, std::strerror(-r));
+    // No trigger reads as an empty file (libiio: -EIO), as on a kernel.
+    // Truncating is no close after a write: the watch does not see it.
+    if (!trigger)
+      (void)!truncate((d.dir + "/trigger/current_trigger").c_str(), 0);
   }
 
   // Shows the device attributes that the server changes by itself, as a
@@ -396,11 +394,24 @@ struct sysfs_bridge::impl {
       log_line("%s: no stream: %s", d.id, "no channel enabled");
       return;
     }
-    d.active = std::make_unique<stream>();
-    d.active->running = true;
-    d.active->worker =
-        std::thread([this, &d, s = d.active.get(), enabled, length, batch] {
-          run_stream(d, *s, enabled, length, batch);
+    scan_stream::setup setup;
+    setup.ctx = d.stream_ctx;
+    setup.device = d.id;
+    setup.channels = enabled;
+    setup.batch = size_t(batch);
+    setup.label = "sysfs: " + d.id;
+    d.active = scan_stream::start(
+        std::move(setup),
+        [this, &d, length, batch, sized = false](const char *scans,
+                                                 size_t count,
+                                                 size_t scan) mutable {
+          const size_t capacity = size_t(std::max(length, batch)) * scan;
+          if (!sized)
+            fcntl(d.fifo, F_SETPIPE_SZ,
+                  int(std::min<size_t>(std::max<size_t>(capacity, 65536),
+                                       kMaxPipeBytes)));
+          sized = true;
+          feed(d, scans, count * scan, scan, capacity);
         });
   }
 
@@ -410,70 +421,8 @@ struct sysfs_bridge::impl {
   void stop_stream(bridged_device &d) {
     if (!d.active)
       return;
-    d.active->running = false;
-    d.active->worker.join();
     d.active.reset();
     drain(d);
-  }
-
-  void run_stream(bridged_device &d, stream &s,
-                  const std::vector<std::string> &enabled, long length,
-                  long batch) {
-    iio_device *dev = iio_context_find_device(d.stream_ctx, d.id.c_str());
-    iio_buffer *buf = nullptr;
-    if (dev) {
-      for (unsigned c = 0; c < iio_device_get_channels_count(dev); c++) {
-        iio_channel *ch = iio_device_get_channel(dev, c);
-        const bool on = std::find(enabled.begin(), enabled.end(),
-                                  iio_channel_get_id(ch)) != enabled.end();
-        on ? iio_channel_enable(ch) : iio_channel_disable(ch);
-      }
-      // The server frees a buffer when the connection that had it
-      // closes: the previous stream's may still be on its way out.
-      for (int attempt = 0; attempt < 100 && s.running; attempt++) {
-        buf = iio_device_create_buffer(dev, size_t(batch), false);
-        if (buf || errno != EBUSY)
-          break;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-      }
-    }
-    if (!buf) {
-      if (s.running)
-        log_line("%s: the server refused the stream: %s", d.id,
-                 std::strerror(errno));
-      return;
-    }
-    const size_t scan =
-        size_t(std::max<ssize_t>(1, iio_device_get_sample_size(dev)));
-    const size_t capacity = size_t(std::max(length, batch)) * scan;
-    fcntl(d.fifo, F_SETPIPE_SZ,
-          int(std::min<size_t>(std::max<size_t>(capacity, 65536),
-                               kMaxPipeBytes)));
-    // A kernel goes on sampling whatever one transfer did: an error of
-    // the server's ends the stream only when it lasts.
-    int failures = 0;
-    while (s.running) {
-      const ssize_t r = iio_buffer_refill(buf);
-      if (r == -EAGAIN) { // a polled device with nothing new
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        continue;
-      }
-      if (r == -ETIMEDOUT)
-        continue;
-      if (r < 0) {
-        if (++failures < 100 && s.running) {
-          std::this_thread::sleep_for(std::chrono::milliseconds(1));
-          continue;
-        }
-        if (s.running)
-          log_line("%s: the stream stopped: %s", d.id, std::strerror(int(-r)));
-        break;
-      }
-      failures = 0;
-      feed(d, static_cast<const char *>(iio_buffer_start(buf)), size_t(r), scan,
-           capacity);
-    }
-    iio_buffer_destroy(buf);
   }
 
   // Appends scans to the FIFO; when the reader has fallen behind by more
