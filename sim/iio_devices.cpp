@@ -287,6 +287,10 @@ std::unique_ptr<device_model> make_device_model(const scenario_device &setup, ui
         if (e.kind == setup.kind) {
             std::unique_ptr<device_model> m = e.factory(setup, seed);
             m->unmount_ = inverse;
+            // Every scan is stamped on the monotonic clock, as a kernel does
+            // once the device selects it.
+            m->device_attrs_.push_back("current_timestamp_clock");
+            m->add_value("current_timestamp_clock", "monotonic");
             return m;
         }
     }

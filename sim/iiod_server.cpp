@@ -899,6 +899,10 @@ struct iiod_server::impl {
             int rc = resolve(cmd, &s, &file);
             if (rc)
                 return reply(rc);
+            // The server stamps its scans on the monotonic clock, and on no
+            // other.
+            if (file == "current_timestamp_clock")
+                return reply(value == "monotonic" ? static_cast<long>(cmd.number) : -EINVAL);
             char *end = nullptr;
             errno = 0;
             const long v = std::strtol(value.c_str(), &end, 10);
@@ -946,8 +950,9 @@ struct iiod_server::impl {
                 sensor_state *s = server.sensor_by_id(cmd.device);
                 if (!s)
                     return reply(server.trigger_by_id(cmd.device) ? -ENOENT : -ENODEV);
+                // A board's iiod reads an empty current_trigger: -EIO.
                 if (s->attached < 0)
-                    return reply(0);
+                    return reply(-EIO);
                 name = server.triggers[static_cast<size_t>(s->attached)].name;
             }
             std::string r = std::to_string(name.size()) + "\n" + name + "\n";

@@ -169,6 +169,10 @@ int replay_devices(const replay_capture &capture, const replay_clock &clock, int
         }
         for (unsigned a = 0; a < iio_device_get_attrs_count(dev); a++)
             model->add_device_attr(iio_device_get_attr(dev, a));
+        // Replayed scans are stamped on this machine's monotonic clock,
+        // whatever the capture's device said.
+        if (!iio_device_find_attr(dev, "current_timestamp_clock"))
+            model->add_device_attr("current_timestamp_clock");
 
         // Attribute records: the values at the start, then the changes.
         std::string trigger;
@@ -210,9 +214,11 @@ int replay_devices(const replay_capture &capture, const replay_clock &clock, int
                 } else if (a.scope != capture::attr_scope::device) {
                     continue;
                 }
-                model->record_value(r.time_ns, start_ns, file, std::string(a.value));
+                if (file != "current_timestamp_clock")
+                    model->record_value(r.time_ns, start_ns, file, std::string(a.value));
             }
         }
+        model->set_value("current_timestamp_clock", "monotonic");
         // A scan is stamped before the capture gets it, and not long before
         // the capture began (the kernel holds a few): otherwise the device's
         // clock is not the capture's (a capture taken on another machine).

@@ -130,6 +130,34 @@ int write_enable(iio_device *device, const char *value)
 
 } // namespace
 
+// The plug-in compares scans' timestamps with the monotonic clock. A kernel
+// stamps a device's scans on the clock its current_timestamp_clock names,
+// realtime until someone chooses; a device without the attribute stamps on
+// a clock nobody can choose.
+static int select_monotonic_clock(iio_device *device)
+{
+    const char *label = device_label(device);
+    if (!iio_device_find_attr(device, "current_timestamp_clock")) {
+        log_msg(kTag, LOG_ERR, "IIO device %s: no current_timestamp_clock: the clock of its timestamps is unknown",
+                label);
+        return -ENOTSUP;
+    }
+    char clock[32] = "";
+    const ssize_t n = iio_device_attr_read(device, "current_timestamp_clock", clock, sizeof clock);
+    clock[std::strcspn(clock, "\n")] = '\0';
+    if (n > 0 && std::strcmp(clock, "monotonic") == 0)
+        return 0;
+    const ssize_t w = iio_device_attr_write(device, "current_timestamp_clock", "monotonic");
+    if (w < 0) {
+        log_msg(kTag, LOG_ERR, "IIO device %s: can't stamp its scans on the monotonic clock (it uses %s): %s", label,
+                n > 0 ? clock : "an unreadable one", std::strerror(static_cast<int>(-w)));
+        return static_cast<int>(w);
+    }
+    log_msg(kTag, LOG_INFO, "IIO device %s: scans stamped on the monotonic clock, not %s", label,
+            n > 0 ? clock : "an unreadable one");
+    return 0;
+}
+
 iio_device *device_init(iio_context *ctx, const char *name, int buffered)
 {
     if (!ctx || !name)
@@ -147,6 +175,8 @@ iio_device *device_init(iio_context *ctx, const char *name, int buffered)
             log_msg(kTag, LOG_ERR, "IIO device %s has no buffer", name);
             return nullptr;
         }
+        if (iio_device_find_channel(device, "timestamp", false) && select_monotonic_clock(device) < 0)
+            return nullptr;
     }
     return device;
 }

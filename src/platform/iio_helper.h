@@ -34,7 +34,10 @@ struct iio_attr_double {
 };
 
 // The device named (device name, label or id). With buffered set, the device
-// must be able to stream (have scan elements). Null when not found.
+// must be able to stream (have scan elements), and one whose scans carry a
+// timestamp is made to stamp them on the monotonic clock (its
+// current_timestamp_clock, which a kernel sets to realtime by default). Null
+// when not found, or when its timestamps cannot be monotonic.
 iio_device *device_init(iio_context *ctx, const char *name, int buffered);
 
 // The trigger named; when device is given, the trigger is attached to it

@@ -69,7 +69,7 @@ protected:
     std::array<iio_channel *, 8> channels_{};
 };
 
-TEST_F(IioHelper, DeviceInitFindsDevicesAndRequiresScanElementsWhenBuffered)
+TEST_F(IioHelper, DeviceInitFindsDevicesRequiresScanElementsAndTheMonotonicClock)
 {
     struct row {
         const char *name;
@@ -82,15 +82,36 @@ TEST_F(IioHelper, DeviceInitFindsDevicesAndRequiresScanElementsWhenBuffered)
     log_capture cap;
     EXPECT_EQ(device_init(ctx_.get(), "orlune-gps", 1), nullptr);
     EXPECT_EQ(cap.texts("iio_helper"), std::vector<std::string>{"IIO device orlune-gps not found"});
+
+    // A streaming device stamps on the monotonic clock once set up, whatever
+    // it used before (a kernel starts on realtime).
+    iio_device *imu = iio_context_find_device(ctx_.get(), "orlune-imu");
+    if (kernel_transport()) {
+        ASSERT_GT(iio_device_attr_write(imu, "current_timestamp_clock", "realtime"), 0);
+    }
+    ASSERT_TRUE(device_init(ctx_.get(), "orlune-imu", 1));
+    char clock[32] = "";
+    ASSERT_GT(iio_device_attr_read(imu, "current_timestamp_clock", clock, sizeof clock), 0);
+    EXPECT_EQ(std::string(clock, std::strcspn(clock, "\n")), "monotonic");
+    // One whose clock nobody can choose is refused.
+    const std::string xml = "<?xml version=\"1.0\" encoding=\"utf-8\"?><context name=\"xml\">"
+                            "<device id=\"iio:device0\" name=\"old\"><channel id=\"timestamp\" type=\"input\">"
+                            "<scan-element index=\"0\" format=\"le:s64/64&gt;&gt;0\" /></channel></device></context>";
+    iio_ptr old{iio_create_xml_context_mem(xml.c_str(), xml.size())};
+    ASSERT_TRUE(old);
+    log_capture refused;
+    EXPECT_EQ(device_init(old.get(), "old", 1), nullptr);
+    EXPECT_EQ(refused.texts("iio_helper"),
+              std::vector<std::string>{"IIO device old: no current_timestamp_clock: the clock of its timestamps is unknown"});
 }
 
 TEST_F(IioHelper, TriggerInitAttachesTheTriggerToTheDevice)
 {
     iio_device *baro = device_init(ctx_.get(), "orlune-lps22hb", 1);
     ASSERT_TRUE(baro);
+    // None attached reads as a kernel's empty current_trigger.
     const iio_device *current = baro;
-    ASSERT_EQ(iio_device_get_trigger(baro, &current), 0);
-    EXPECT_EQ(current, nullptr);
+    EXPECT_EQ(iio_device_get_trigger(baro, &current), -EIO);
 
     iio_device *trigger = trigger_init(ctx_.get(), "orlune-baro-trig", baro);
     ASSERT_TRUE(trigger);
@@ -104,8 +125,11 @@ TEST_F(IioHelper, TriggerInitAttachesTheTriggerToTheDevice)
     EXPECT_EQ(trigger_init(ctx_.get(), "orlune-gps-trig", baro), nullptr);
 
     device_deinit(baro, trigger, nullptr);
-    ASSERT_EQ(iio_device_get_trigger(baro, &current), 0);
-    EXPECT_EQ(current, nullptr);
+    // (The sysfs stand-in follows the write a moment later.)
+    int rc = 0;
+    for (int i = 0; i < 100 && (rc = iio_device_get_trigger(baro, &current)) != -EIO; i++)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_EQ(rc, -EIO);
 }
 
 TEST_F(IioHelper, AttrReadFindsScalesAndMountMatricesByFileName)

@@ -141,7 +141,7 @@ TEST_F(IiodServer, AttributeRepliesCarryTheValueWithItsNul)
                          row{"READ iio:device0 DEBUG direct_reg_access\r\n", "-2\n"},
                          row{"READ iio:device0 \r\n", "-38\n"},
                          row{"GETTRIG trigger0\r\n", "-2\n"},
-                         row{"GETTRIG iio:device0\r\n", "0\n"},
+                         row{"GETTRIG iio:device0\r\n", "-5\n"},
                          row{"SETTRIG iio:device0 nothing\r\n", "-2\n"},
                          row{"SETTRIG iio:device0 trigger0\r\n", "0\n"},
                          row{"SET iio:device0 BUFFERS_COUNT 4\r\n", "0\n"},

@@ -128,7 +128,8 @@ bool read_attr(const iio_device *dev, const attr_key &a, std::string *value)
             *value = name ? name : iio_device_get_id(trig);
             return true;
         }
-        if (rc == -ENODEV || (rc == 0 && !trig)) {
+        // -EIO: a kernel's empty current_trigger, none attached.
+        if (rc == -ENODEV || rc == -EIO || (rc == 0 && !trig)) {
             value->clear();
             return true;
         }
