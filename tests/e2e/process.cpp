@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "support/test_env.h"
+#include "support/transport.h"
 
 extern char **environ;
 
@@ -120,14 +121,15 @@ bool process::wait_for_output(const std::string &needle, std::chrono::millisecon
 std::unique_ptr<process> start_sim(const std::vector<std::string> &argv, const std::string &dir,
                                    std::map<std::string, std::string> *env, std::string *error)
 {
-    // On the board's transport (under scripts/board.sh) the simulator also
-    // presents its devices as a kernel does, and the host reads them there.
-    const char *transport = getenv("ORLUNE_TEST_TRANSPORT");
-    const bool board = transport && std::string(transport) == "board";
+    // On the board's transport the simulator also presents its devices as a
+    // kernel does (under scripts/board.sh), or feeds the kernel's own (in a
+    // guest with the orlune_vehicle module), and the host reads them there.
+    const bool kernel = kernel_transport();
+    const bool board = board_transport();
     std::vector<std::string> args = argv;
     if (board) {
-        args.push_back("--sysfs");
-        args.push_back("/");
+        args.push_back(kernel ? "--kernel" : "--sysfs");
+        args.push_back(kernel ? "/dev/orlune-vehicle" : "/");
     }
     auto sim = std::make_unique<process>(args, *env, dir + "/sim.out", dir + "/sim.err");
     std::smatch m;

@@ -8,4 +8,7 @@ if(TARGET orlune_sim)
   # answers of the network server's; a kernel keeps the scans sampled before
   # a stall or a disable in its buffer.
   orlune_add_board_tests(iio_helper_test "-IioHelper.StreamFaultsReachTheCallerOnceAndTheStreamResumesInStep")
+  # On the genuine kernel too, but for a count of scans in 50 ms of wall
+  # time, which an emulated guest is too slow to meet.
+  orlune_add_kernel_tests(iio_helper_test "-IioHelper.StreamFaultsReachTheCallerOnceAndTheStreamResumesInStep:IioHelper.SeveralDevicesStreamAtOnce")
 endif()
