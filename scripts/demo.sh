@@ -4,13 +4,17 @@
 # configuration, shows the live view and a summary, and records the flight;
 # the recording, the simulator's truth and the logs are then plotted.
 #
-# Usage: scripts/demo.sh [seconds] [--scenario FILE] [--out DIR] [--board] [orlune-host options...]
+# Usage: scripts/demo.sh [seconds] [--scenario FILE] [--out DIR] [--board|--kernel] [orlune-host options...]
 #   seconds     how long the host acquires (default 45: the whole demo flight)
 #   --scenario  the scenario (default examples/scenarios/flight.cfg)
 #   --out DIR   where the recording, logs and plots go (default demo-output/<date-time>)
 #   --board     the IIO devices through the board's transport (libiio's local
 #               backend on the simulator's sysfs stand-in, scripts/board.sh;
 #               needs root) instead of the network
+#   --kernel    the IIO devices of a genuine Linux kernel: the flight runs in a
+#               QEMU guest (scripts/guest.sh) whose kernel has the virtual
+#               vehicle's driver, fed by the simulator and read through
+#               libiio's local backend; the output comes back to --out
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=${BUILD_DIR:-$root/build}
@@ -19,8 +23,10 @@ if [ "${ORLUNE_BOARD_NS:-}" != 1 ] && [[ " $* " == *" --board "* ]]; then
   exec "$root/scripts/board.sh" "$0" "$@"
 fi
 
+args=("$@")
 duration=45
 board=0
+kernel=0
 if [ $# -gt 0 ] && [[ $1 =~ ^[0-9]+([.][0-9]+)?$ ]]; then
   duration=$1
   shift
@@ -33,6 +39,7 @@ while [ $# -gt 0 ]; do
     --scenario) scenario=$(realpath "${2:?--scenario needs a file}"); shift 2 ;;
     --out) out=${2:?--out needs a directory}; shift 2 ;;
     --board) board=1; shift ;;
+    --kernel) kernel=1; shift ;;
     *) host_args+=("$1"); shift ;;
   esac
 done
@@ -40,6 +47,12 @@ done
 out=${out:-$root/demo-output/$(date +%Y%m%d-%H%M%S)}
 mkdir -p "$out"
 out=$(cd "$out" && pwd)
+if [ $kernel = 1 ] && [ "${ORLUNE_IN_GUEST:-}" != 1 ]; then
+  "$root/scripts/deps.sh" kernel
+  echo "booting the guest (its kernel under emulation: a minute or more before the flight)"
+  exec "$root/scripts/guest.sh" --share "$out" -- \
+    env ORLUNE_IN_GUEST=1 BUILD_DIR="$build" "$0" "${args[@]}" --out "$out"
+fi
 
 source "$root/scripts/vehicle.sh"
 vehicle=$(mktemp -d "${TMPDIR:-/tmp}/orlune-vehicle-XXXXXX")
@@ -48,11 +61,14 @@ sim_pid=""
 trap '[ -z "$sim_pid" ] || { kill $sim_pid 2>/dev/null || true; wait $sim_pid 2>/dev/null || true; }; rm -rf "$vehicle"' EXIT
 sysfs=()
 [ $board = 0 ] || sysfs=(--sysfs /)
+[ $kernel = 0 ] || sysfs=(--kernel /dev/orlune-vehicle)
 vehicle_start "$build/sim/orlune-sim" "$vehicle/sim.out" "$out/sim.log" \
   --scenario "$scenario" --truth "$out/truth.csv" "${sysfs[@]}" || exit 1
-if [ $board = 1 ]; then
+if [ $board = 1 ] || [ $kernel = 1 ]; then
   unset IIOD_REMOTE # libiio's local backend: the board's own devices
-  echo "virtual vehicle: $(basename "$scenario" .cfg) on the board's transport (local IIO devices), output in $out"
+  where="the board's transport (local IIO devices)"
+  [ $kernel = 0 ] || where="the guest kernel's IIO devices ($(uname -r))"
+  echo "virtual vehicle: $(basename "$scenario" .cfg) on $where, output in $out"
 else
   echo "virtual vehicle: $(basename "$scenario" .cfg) on $IIOD_REMOTE, output in $out"
 fi

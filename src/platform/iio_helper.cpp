@@ -122,6 +122,10 @@ bool storage_fits(const iio_device *device, const iio_channel *channel, unsigned
 int write_enable(iio_device *device, const char *value)
 {
     const ssize_t n = iio_device_buffer_attr_write(device, "enable", value);
+    // A board's iiod lists no "enable" and refuses it: there a buffer runs
+    // from its creation to its destruction.
+    if (n == -ENOENT && !iio_device_find_buffer_attr(device, "enable"))
+        return 0;
     if (n < 0)
         log_msg(kTag, LOG_ERR, "%s: can't write buffer enable %s: %s", device_label(device), value,
                 std::strerror(static_cast<int>(-n)));

@@ -73,7 +73,9 @@ iio_buffer *buffer_create(iio_device *device, const iio_channel_binding *binding
 
 // Starts and stops streaming into an existing buffer (its "enable" buffer
 // attribute). device_enable also attaches the trigger when one is given.
-// Results: the attribute write's byte count, or a negative errno.
+// Results: the attribute write's byte count, or a negative errno; 0 through
+// a board's iiod, which has no such attribute: there a buffer streams from
+// its creation to its destruction.
 int device_enable(iio_device *device, iio_device *trigger, iio_buffer *buffer);
 int device_disable(iio_device *device, iio_device *trigger);
 

@@ -139,7 +139,12 @@ std::unique_ptr<process> start_sim(const std::vector<std::string> &argv, const s
         *error = "orlune-sim did not print IIOD_REMOTE=ip:ADDRESS:PORT:\n" + out + sim->err();
         return nullptr;
     }
-    if (board)
+    // The kernel's devices may also be read through a board's iiod
+    // (ORLUNE_TEST_IIOD: its URI), as a workstation reads a board's.
+    const char *board_iiod = getenv("ORLUNE_TEST_IIOD");
+    if (kernel && board_iiod && *board_iiod)
+        (*env)["IIOD_REMOTE"] = board_iiod;
+    else if (board)
         env->erase("IIOD_REMOTE");
     else
         (*env)["IIOD_REMOTE"] = m[1];
