@@ -405,7 +405,11 @@ struct sysfs_bridge::impl {
         [this, &d, length, batch, sized = false](const char *scans,
                                                  size_t count,
                                                  size_t scan) mutable {
-          const size_t capacity = size_t(std::max(length, batch)) * scan;
+          // A kernel rounds the buffer's length up to a power of two.
+          size_t scans_held = 1;
+          while (scans_held < size_t(std::max(length, batch)))
+            scans_held *= 2;
+          const size_t capacity = scans_held * scan;
           if (!sized)
             fcntl(d.fifo, F_SETPIPE_SZ,
                   int(std::min<size_t>(std::max<size_t>(capacity, 65536),
@@ -425,26 +429,16 @@ struct sysfs_bridge::impl {
     drain(d);
   }
 
-  // Appends scans to the FIFO; when the reader has fallen behind by more
-  // than the buffer's length, the oldest scans make room, as in a kernel
-  // buffer.
+  // Appends scans to the FIFO; when the reader has fallen behind by the
+  // buffer's length, the newest scans find no room and are dropped, as a
+  // kernel buffer keeps its oldest.
   void feed(bridged_device &d, const char *data, size_t bytes, size_t scan,
             size_t capacity) {
     int queued = 0;
-    if (ioctl(d.fifo, FIONREAD, &queued) == 0 &&
-        size_t(queued) + bytes > capacity) {
-      size_t excess =
-          (size_t(queued) + bytes - capacity + scan - 1) / scan * scan;
-      excess = std::min(excess, size_t(queued) / scan * scan);
-      char scratch[4096];
-      while (excess > 0) {
-        const ssize_t n =
-            read(d.fifo, scratch, std::min(excess, sizeof scratch));
-        if (n <= 0)
-          break;
-        excess -= size_t(n);
-      }
-    }
+    if (ioctl(d.fifo, FIONREAD, &queued) == 0)
+      bytes = std::min(bytes, capacity > size_t(queued)
+                                  ? (capacity - size_t(queued)) / scan * scan
+                                  : 0);
     while (bytes > 0) {
       const ssize_t n = write(d.fifo, data, bytes);
       if (n <= 0)

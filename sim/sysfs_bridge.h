@@ -16,8 +16,9 @@
 // stops a stream of the enabled channels' scans, taken from the server (the
 // same models, truth, thermal inverses and faults as over the network) and
 // written to the FIFO as they become available, in the kernel's scan layout.
-// Like a kernel buffer, the FIFO starts empty at each enable and keeps the
-// newest buffer/length scans when the reader falls behind.
+// Like a kernel buffer, the FIFO starts empty at each enable, holds
+// buffer/length scans rounded up to a power of two, and keeps its oldest
+// scans when the reader falls behind.
 //
 // libiio's local backend reads the fixed paths /sys/bus/iio/devices and
 // /dev: the root is "/" inside a private mount namespace (scripts/board.sh
