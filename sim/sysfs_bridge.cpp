@@ -226,6 +226,7 @@ struct sysfs_bridge::impl {
     write_text(d.dir + "/buffer/enable", "0\n");
     write_text(d.dir + "/buffer/length", "64\n");
     write_text(d.dir + "/buffer/watermark", "1\n");
+    // None attached: an empty file (libiio: -EIO), as on a kernel.
     write_text(d.dir + "/trigger/current_trigger", "");
     // A connection of its own for the device's streams, made now: a
     // stream then starts as soon as the client enables the buffer.
@@ -339,10 +340,6 @@ struct sysfs_bridge::impl {
       log_line("%s: no trigger named %s: none attached", d.id, name);
     if (int r = iio_device_set_trigger(d.remote, trigger); r < 0)
       log_line("%s: the trigger cannot be set: %s", d.id, std::strerror(-r));
-    // No trigger reads as an empty file (libiio: -EIO), as on a kernel.
-    // Truncating is no close after a write: the watch does not see it.
-    if (!trigger)
-      (void)!truncate((d.dir + "/trigger/current_trigger").c_str(), 0);
   }
 
   // Shows the device attributes that the server changes by itself, as a

@@ -125,11 +125,15 @@ TEST_F(IioHelper, TriggerInitAttachesTheTriggerToTheDevice)
     EXPECT_EQ(trigger_init(ctx_.get(), "orlune-gps-trig", baro), nullptr);
 
     device_deinit(baro, trigger, nullptr);
-    // (The sysfs stand-in follows the write a moment later.)
-    int rc = 0;
-    for (int i = 0; i < 100 && (rc = iio_device_get_trigger(baro, &current)) != -EIO; i++)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    EXPECT_EQ(rc, -EIO);
+    // Detached again. The sysfs stand-in's file holds the empty name as
+    // libiio wrote it, where a kernel shows nothing.
+    const int rc = iio_device_get_trigger(baro, &current);
+    if (board_transport() && !kernel_transport()) {
+        EXPECT_EQ(rc, 0);
+        EXPECT_EQ(current, nullptr);
+    } else {
+        EXPECT_EQ(rc, -EIO);
+    }
 }
 
 TEST_F(IioHelper, AttrReadFindsScalesAndMountMatricesByFileName)
