@@ -88,6 +88,7 @@ struct unit {
     std::unique_ptr<scan_stream> stream;           // the latest: running, or ending
     size_t batch = 1;                              // the latest stream's scans per refill
     mutable std::atomic<uint64_t> refused{0};      // scans a full kernel buffer refused
+    mutable std::atomic<uint64_t> missed{0};       // scans the server dropped before the feeder took them
 };
 
 void log_line(const char *fmt, const std::string &a, const std::string &b = {})
@@ -369,10 +370,23 @@ struct kernel_bridge::impl {
         setup.batch = u.batch;
         setup.scan_bytes = u.desc->scan_bytes;
         setup.label = std::string("kernel: ") + u.desc->device;
+        // A stream that falls behind the server loses its oldest scans
+        // there: whole periods missing between two stamps.
+        double hz = 0;
+        const int64_t period_ns =
+            iio_device_attr_read_double(u.device, "sampling_frequency", &hz) == 0 && hz > 0 ? int64_t(1e9 / hz) : 0;
         u.stream = scan_stream::start(
             std::move(setup),
-            [this, &u, out = std::vector<char>(), dropped = false](const char *scans, size_t count,
-                                                                   size_t scan) mutable {
+            [this, &u, period_ns, previous = int64_t(0), out = std::vector<char>(),
+             dropped = false](const char *scans, size_t count, size_t scan) mutable {
+                for (size_t i = 0; i < count && period_ns; i++) {
+                    int64_t stamp;
+                    std::memcpy(&stamp, scans + (i + 1) * scan - sizeof stamp, sizeof stamp);
+                    const int64_t periods = previous ? (stamp - previous + period_ns / 2) / period_ns : 1;
+                    if (periods > 1)
+                        u.missed += uint64_t(periods - 1);
+                    previous = stamp;
+                }
                 send_scans(u, scans, count, scan, &out, &dropped);
             },
             std::move(u.stream));
@@ -518,10 +532,14 @@ void kernel_bridge::stop()
     (void)!write(impl_->stop_fd, &one, sizeof one);
     impl_->answering.join();
     // What the readers lost, for whoever counts the samples they got.
-    for (const unit &u : impl_->units)
+    for (const unit &u : impl_->units) {
         if (const uint64_t n = u.refused)
             log_line("%s: %s scans refused by a full kernel buffer (the reader fell behind)", u.desc->device,
                      std::to_string(n));
+        if (const uint64_t n = u.missed)
+            log_line("%s: %s scans missing before the kernel (this feeder fell behind the server, or a stall)", u.desc->device,
+                     std::to_string(n));
+    }
     close(impl_->node_fd);
     impl_->node_fd = -1;
 }
