@@ -496,15 +496,13 @@ static irqreturn_t vehicle_trigger_handler(int irq, void *p)
 	unsigned int i;
 	s64 mono;
 
-	if (u->batch) {
-		for (i = 0; i < u->batch_count; i++) {
-			memcpy(scan, u->batch + i * size, size);
-			/* The feeder stamps on CLOCK_MONOTONIC. */
-			mono = get_unaligned_le64(scan + size - 8);
-			if (iio_push_to_buffers_with_timestamp(indio_dev, scan,
-							       on_device_clock(indio_dev, mono)))
-				u->refused++;
-		}
+	for (i = 0; i < u->batch_count; i++) {
+		memcpy(scan, u->batch + i * size, size);
+		/* The feeder stamps on CLOCK_MONOTONIC. */
+		mono = get_unaligned_le64(scan + size - 8);
+		if (iio_push_to_buffers_with_timestamp(indio_dev, scan,
+						       on_device_clock(indio_dev, mono)))
+			u->refused++;
 	}
 	iio_trigger_notify_done(indio_dev->trig);
 	return IRQ_HANDLED;

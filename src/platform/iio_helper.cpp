@@ -132,13 +132,11 @@ int write_enable(iio_device *device, const char *value)
     return static_cast<int>(n);
 }
 
-} // namespace
-
 // The plug-in compares scans' timestamps with the monotonic clock. A kernel
 // stamps a device's scans on the clock its current_timestamp_clock names,
 // realtime until someone chooses; a device without the attribute stamps on
 // a clock nobody can choose.
-static int select_monotonic_clock(iio_device *device)
+int select_monotonic_clock(iio_device *device)
 {
     const char *label = device_label(device);
     if (!iio_device_find_attr(device, "current_timestamp_clock")) {
@@ -161,6 +159,8 @@ static int select_monotonic_clock(iio_device *device)
             n > 0 ? clock : "an unreadable one");
     return 0;
 }
+
+} // namespace
 
 iio_device *device_init(iio_context *ctx, const char *name, int buffered)
 {
