@@ -63,10 +63,12 @@ void scan_stream::pump(const setup &s, const sink &to, std::unique_ptr<scan_stre
             on ? iio_channel_enable(ch) : iio_channel_disable(ch);
         }
         // The server frees a buffer when the connection that had it closes:
-        // the previous stream's may still be on its way out.
+        // the previous stream's may still be on its way out. A buffer has a
+        // connection of its own, and a server that restarts refuses it for
+        // a moment.
         for (int attempt = 0; attempt < 100 && running_; attempt++) {
             buf = iio_device_create_buffer(dev, s.batch, false);
-            if (buf || errno != EBUSY)
+            if (buf || (errno != EBUSY && errno != ECONNREFUSED))
                 break;
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }

@@ -533,7 +533,16 @@ TEST_F(IioHelper, ServerDisconnectFailsTheRefillAndANewContextWorksAfterRestart)
     ASSERT_NO_FATAL_FAILURE(open_imu());
     ASSERT_EQ(iio_buffer_refill(imu_buffer_), 120);
     ASSERT_EQ(server_->inject({0, sim::fault_kind::disconnect, "", 0, 0, 1, 0.3}), 0);
-    EXPECT_LT(iio_buffer_refill(imu_buffer_), 0);
+    // A board's kernel hands out the batches it had queued before the
+    // refill fails; the network has none.
+    int queued = 0;
+    ssize_t refill;
+    while ((refill = iio_buffer_refill(imu_buffer_)) > 0 && queued < 64)
+        queued++;
+    EXPECT_LT(refill, 0);
+    if (!board_transport()) {
+        EXPECT_EQ(queued, 0);
+    }
     device_deinit(imu_, imu_trigger_, imu_buffer_);
     imu_ = imu_trigger_ = nullptr;
     imu_buffer_ = nullptr;
