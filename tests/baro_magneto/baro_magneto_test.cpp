@@ -268,6 +268,9 @@ TEST_F(BaroMagnetoTest, CreationFailures)
         {false, [&] { magneto_config_.trigger = "missing"; }, nullptr},
         {false, [&] { magneto_config_.sampling_frequency = 2000000; },
          "3 magneto_new:L: can't set magneto sampling frequency to 2000000 err=22(Invalid argument)"},
+        // The highest rate the device takes has a whole microsecond's period,
+        // but two seconds of it are more samples than a section holds.
+        {false, [&] { magneto_config_.sampling_frequency = 1000000; }, "3 failed to create sensors_magnetometer tlm"},
         {false, [&] { magneto_config_.device = "orlune-lps22hb"; }, nullptr}, // no magn_x
         {false, [] {}, "3 orlune-magneto: can't reconfigure 'orlune-magneto' thread: No such file or directory", none},
         {false, [] {}, "3 orlune-magneto: can't reconfigure 'orlune-magneto-trig' thread: No such file or directory",

@@ -21,6 +21,7 @@
 #include "support/alloc_counter.h"
 #include "support/test_env.h"
 
+using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
@@ -92,28 +93,30 @@ TEST_F(Battery, ArgumentsAreCheckedSilently)
 TEST_F(Battery, EachCreationFailureSaysWhy)
 {
     const std::string dir = root_.at(kDir);
-    const std::string start = "EVT:SMARTBATTERY;type='start';cell_voltage_0=3900;cell_voltage_1=3895";
-    const std::string frequency = "Battery frequency=20 Hz\n";
+    const std::string start = "5 EVT:SMARTBATTERY;type='start';cell_voltage_0=3900;cell_voltage_1=3895";
+    const std::string frequency = "6 Battery frequency=20 Hz\n";
     auto arm = [](const char *point) { return [point] { failpoint_arm(point, -ENOMEM); }; };
     // Each row spoils one file, or arms a fail point of the telemetry, which
-    // the world rarely refuses: nothing said after the pack's report.
+    // the world rarely refuses: nothing said after the pack's report. The
+    // messages as "<priority> <text>": a pack that is not there, or not
+    // ours, is a warning; a driver that does not serve it is an error.
     const struct row {
         const char *what;
         std::function<void()> spoil;
         std::vector<std::string> messages;
     } rows[] = {
-        {"no name", [&] { remove("name"); }, {"Cannot open " + dir + "/name: No such file or directory"}},
-        {"another driver", [&] { put("name", "bq27000\n"); }, {"Smartbattery Driver not present"}},
-        {"no present", [&] { remove("present"); }, {"Cannot open " + dir + "/present: No such file or directory"}},
-        {"no pack", [&] { put("present", "0\n"); }, {"Smartbattery not present"}},
+        {"no name", [&] { remove("name"); }, {"3 Cannot open " + dir + "/name: No such file or directory"}},
+        {"another driver", [&] { put("name", "bq27000\n"); }, {"4 Smartbattery Driver not present"}},
+        {"no present", [&] { remove("present"); }, {"3 Cannot open " + dir + "/present: No such file or directory"}},
+        {"no pack", [&] { put("present", "0\n"); }, {"4 Smartbattery not present"}},
         {"no model_name", [&] { remove("model_name"); },
-         {"battery: cannot access to \"model_name\"\n", "Mismatch between Smartbattery Driver and Libvigil"}},
+         {"3 battery: cannot access to \"model_name\"\n", "3 Mismatch between Smartbattery Driver and Libvigil"}},
         {"no alerts", [&] { remove("alerts"); },
-         {"battery: cannot access to \"alerts\"\n", "Mismatch between Smartbattery Driver and Libvigil"}},
+         {"3 battery: cannot access to \"alerts\"\n", "3 Mismatch between Smartbattery Driver and Libvigil"}},
         {"no usb_peer", [&] { remove("usb_peer"); }, {}},
         {"three cells", [&] { put("cell_voltage", "3 3900 3895 3890\n"); },
-         {"Cannot log cell voltage (cell count=3 max=2)"}},
-        {"no cells", [&] { put("cell_voltage", "\n"); }, {"Cannot log cell voltage (cell count=-1 max=2)"}},
+         {"3 Cannot log cell voltage (cell count=3 max=2)"}},
+        {"no cells", [&] { put("cell_voltage", "\n"); }, {"3 Cannot log cell voltage (cell count=-1 max=2)"}},
         {"shm_producer_create", arm("shm_producer_create"), {start, frequency}},
         {"shm_producer_register_struct", arm("shm_producer_register_struct"), {start, frequency}},
         {"shm_producer_complete", arm("shm_producer_complete"), {start, frequency}},
@@ -124,7 +127,11 @@ TEST_F(Battery, EachCreationFailureSaysWhy)
         r.spoil();
         EXPECT_EQ(create(), nullptr);
         failpoint_disarm_all();
-        EXPECT_EQ(log_.texts("battery"), r.messages);
+        std::vector<std::string> said;
+        for (const log_record &m : log_.take())
+            if (m.tag == "battery")
+                said.push_back(std::to_string(m.priority) + " " + m.text);
+        EXPECT_EQ(said, r.messages);
     }
 }
 
@@ -242,9 +249,11 @@ TEST_F(Battery, AnUnreadablePresentIsAnIoError)
 TEST_F(Battery, TransitionsBecomeEvents)
 {
     put("temperature", "3131\n"); // 313 K, 40 degrees Celsius
+    put("authenticated", "0\n");
     ASSERT_NE(create(), nullptr);
     ASSERT_EQ(battery_read(battery_, &updated_), 0);
-    log_.take();
+    // The first read reports the authentication as it finds it, "no" too.
+    EXPECT_THAT(log_.texts("battery"), Contains("EVT:SMARTBATTERY;authenticated='no'"));
     // Successive attribute contents, each with the events of its full read.
     const struct event_step {
         const char *file;

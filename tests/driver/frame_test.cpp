@@ -64,16 +64,20 @@ TEST_F(FrameTest, ProbeFailuresReleaseEverythingWithTheirResults)
     EXPECT_THAT(frame_messages(), ElementsAre("can't init imu"));
 }
 
-TEST_F(FrameTest, NothingEnabledStillAcquiresTheBatteryFallback)
+TEST_F(FrameTest, WithoutItsModulesTheBatteryFallbackIsStillAcquired)
 {
     EXPECT_STREQ(drv_.name, "sensors_orlune");
     EXPECT_EQ(drv_.end, nullptr);
     start_server();
-    configure(cfg_text::all_disabled());
+    // The only module enabled is a smart battery that is not there: the
+    // frame goes on without it.
+    configure(cfg_text::all_disabled().section(
+        "battery", {{"enabled", "true"}, {"device", "\"/sys/class/power_supply/none\""}, {"frequency", "20"}}));
     ASSERT_EQ(probe(), 0);
     ASSERT_NE(ctx_, nullptr);
     EXPECT_EQ(drv_.start(ctx_), 0);
-    EXPECT_THAT(frame_messages(), ElementsAre("orlune sensors acquisition started"));
+    EXPECT_THAT(frame_messages(),
+                ElementsAre("can't init battery: continue", "orlune sensors acquisition started"));
 
     data_.battery.present = 1;
     data_.battery.rsoc = 80;

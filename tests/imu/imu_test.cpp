@@ -186,13 +186,22 @@ TEST_F(ImuTest, ShortBatchIsPublishedWithAWarning)
     fault.count = 1;
     ASSERT_EQ(server_->inject(fault), 0);
     bool seen = false;
+    sensors_imu_data before{};
     for (int i = 0; i < 10 && !seen; i++) {
+        before = data_;
         ASSERT_EQ(imu_wait(imu.get()), 0);
         ASSERT_EQ(imu_read(imu.get(), &mask), 0);
         seen = data_.nb_samples == 3;
     }
     ASSERT_TRUE(seen);
     EXPECT_THAT(messages("imu"), ElementsAre("4 samples count mismatch: nb_read:3, fifo_size:5"));
+    // The mounting matrix (y and z negated) turns all five slots, the two
+    // that the short batch left from the one before included.
+    for (int i = 3; i < 5; i++) {
+        SCOPED_TRACE(i);
+        EXPECT_THAT(data_.accel[i], ElementsAre(before.accel[i][0], -before.accel[i][1], -before.accel[i][2]));
+        EXPECT_THAT(data_.gyro[i], ElementsAre(before.gyro[i][0], -before.gyro[i][1], -before.gyro[i][2]));
+    }
     EXPECT_EQ(imu_tlm_push(imu.get()), 0);
 }
 

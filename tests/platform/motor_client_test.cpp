@@ -130,6 +130,17 @@ TEST_F(MotorClientTest, FlushKeepsTheNewestSampleUpToTheLimitAndHoldsLaterOnesBa
     float volts = 0;
     ASSERT_EQ(sample_voltage(client_.get(), &volts), 0);
     EXPECT_FLOAT_EQ(volts, 12.6f);
+
+    // A sample queued but not read is forgotten when the stream is enabled
+    // again: the next one read comes after it.
+    const int64_t last = current_stamp();
+    ASSERT_EQ(samples_flush(client_.get(), &zero, &count), 0);
+    ASSERT_EQ(count, 1u);
+    ASSERT_GE(controller_disable(client_.get()), 0);
+    ASSERT_GE(controller_enable(client_.get()), 0);
+    ASSERT_EQ(samples_flush(client_.get(), &zero, &count), 0);
+    ASSERT_EQ(sample_read(client_.get()), 0);
+    EXPECT_GT(current_stamp(), last + kPeriodNs);
 }
 
 TEST_F(MotorClientTest, FlushWithoutSamplesTimesOut)

@@ -208,6 +208,7 @@ TEST(MsgSocket, MalformedFrameFromThePeerDropsTheConnection)
     ASSERT_EQ(listen(listener, 1), 0);
 
     recorder rec;
+    log_capture cap;
     msg_context *c = context_create(recorder::cb, &rec);
     ASSERT_EQ(context_connect(c, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
     int peer = accept(listener, nullptr, nullptr);
@@ -219,6 +220,12 @@ TEST(MsgSocket, MalformedFrameFromThePeerDropsTheConnection)
     context_process_fd(c);
     EXPECT_EQ(rec.ids, std::vector<uint32_t>{9});
     EXPECT_EQ(rec.events, (std::vector<int>{MSG_EVENT_CONNECTED, MSG_EVENT_MESSAGE, MSG_EVENT_DISCONNECTED}));
+    // A peer that talks nonsense is a warning: the client reconnects.
+    std::vector<std::string> said;
+    for (const log_record &r : cap.take())
+        if (r.tag == "msg_socket")
+            said.push_back(std::to_string(r.priority) + " " + r.text);
+    EXPECT_EQ(said, std::vector<std::string>{"4 malformed frame from the peer: connection dropped"});
     char byte;
     EXPECT_EQ(read(peer, &byte, 1), 0); // the client closed its end
     context_destroy(c);

@@ -25,7 +25,7 @@ TEST(Properties, FileRulesForKeysValuesAndComments)
 {
     test_root root;
     root.properties("# board identity\n"
-                    "  ro.hardware = board\n"
+                    " \t ro.hardware \t= board\n" // spaces and tabs around the key
                     // Found by fuzzing: a NUL byte inside a value made the
                     // returned length disagree with the string the caller sees.
                     "nul=orl\0une_sim\n"

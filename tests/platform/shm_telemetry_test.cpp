@@ -480,6 +480,16 @@ TEST(ShmTelemetry, ProducersRefuseWhatNoConsumerCouldRead)
     ASSERT_EQ(producer_complete(successor), 0);
     producer_destroy(p);
     EXPECT_EQ(access(root.file("ok").c_str(), F_OK), 0);
+    // A link in a section's place is replaced, not followed: the section it
+    // leads to is not marked closed.
+    ASSERT_EQ(symlink(root.file("ok").c_str(), root.file("linked").c_str()), 0);
+    shm_producer *over_link = producer_create("linked", 4, 1000);
+    ASSERT_EQ(producer_register_struct(over_link, &v, nullptr, &kValue), 0);
+    ASSERT_EQ(producer_complete(over_link), 0);
+    ASSERT_EQ(tlm_view_open("ok", &view), 0);
+    EXPECT_FALSE(tlm_view_closed(&view));
+    tlm_view_close(&view);
+    producer_destroy(over_link);
     producer_destroy(successor);
     EXPECT_EQ(access(root.file("ok").c_str(), F_OK), -1);
 }
