@@ -76,7 +76,7 @@ constexpr push_row kPush[] = {
 
 // Front-camera gimbal failures: reported at most once a second per calling
 // thread, with the number swallowed since the previous report.
-thread_local msg_throttle t_gimbal_failures{};
+ORLUNE_THROTTLE_STATE msg_throttle t_gimbal_failures{};
 
 // The battery sub-record filled from the motor controller when no smart
 // battery data is available.

@@ -30,7 +30,7 @@ constexpr uint64_t kDefectiveAfterUs = 9999999;
 constexpr uint64_t kTooOldIntervalMs = 10000;
 
 // Per acquisition thread: the "too old" messages emitted and masked.
-thread_local msg_throttle too_old_throttle;
+ORLUNE_THROTTLE_STATE msg_throttle too_old_throttle;
 
 } // namespace
 
