@@ -69,6 +69,7 @@ struct device_stream {
     std::atomic<uint64_t> bytes{0};
     std::atomic<uint64_t> drops{0};
     std::atomic<int> failed{0};
+    std::atomic<bool> set_up{false}; // a trigger was attached: the host reads it
     std::thread thread;
 };
 
@@ -164,6 +165,17 @@ void stream_device(const std::string &uri, device_stream *s, shared_writer *w)
         s->failed = ctx ? ENODEV : errno;
         return;
     }
+    // The capture attaches no trigger, and a kernel's buffer does not start
+    // without one: a device streams once the host has set it up.
+    for (;;) {
+        const iio_device *trig = nullptr;
+        if (iio_device_get_trigger(dev, &trig) == 0 && trig)
+            break;
+        if (g_stop)
+            return;
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    s->set_up = true;
     uint64_t mask = 0;
     const iio_channel *timestamp = nullptr;
     for (unsigned c = 0; c < iio_device_get_channels_count(dev); c++) {
@@ -475,7 +487,7 @@ int main(int argc, char **argv)
             for (auto &s : devices) {
                 samples += s->samples;
                 drops += s->drops;
-                streams += s->buffered && !s->failed;
+                streams += s->set_up && !s->failed;
             }
             uint64_t bytes;
             {
@@ -512,6 +524,9 @@ int main(int argc, char **argv)
         } else if (s->failed) {
             std::fprintf(stderr, "orlune-capture: %s: streaming stopped: %s\n", s->id.c_str(), strerror(s->failed));
             status = 1;
+        } else if (s->buffered && !s->set_up) {
+            std::fprintf(stderr, "orlune-capture: %s: not streamed: no trigger was attached (no reader set it up)\n",
+                         s->id.c_str());
         }
     }
     int rc = w.error;
