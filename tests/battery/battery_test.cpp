@@ -201,6 +201,7 @@ TEST_F(Battery, FirstFullReadConvertsAndMarksEveryField)
 
 TEST_F(Battery, CallsWithinThePeriodReadNoFile)
 {
+    put("avg_time_to_empty", "65535\n"); // a pack at rest: minutes whose seconds need 22 bits
     ASSERT_NE(create(), nullptr);
     ASSERT_EQ(battery_read(battery_, &updated_), 0);
     const sensors_battery_data first = data_;
@@ -211,6 +212,7 @@ TEST_F(Battery, CallsWithinThePeriodReadNoFile)
     EXPECT_EQ(updated_, 0u);
     EXPECT_EQ(data_.changed_mask, 0u);
     EXPECT_EQ(data_.voltage, first.voltage);
+    EXPECT_EQ(data_.avg_time_to_empty, 3932100u);
     EXPECT_GT(timespec_compare(&data_.timestamp, &first.timestamp), 0);
     // The pack has gone: -ENODEV at the next full read, and at once within its period.
     EXPECT_EQ(full_read(), -ENODEV);

@@ -256,10 +256,16 @@ TEST_F(FrameTest, SmartBatteryPresenceBecomesEventsAndTheFallbackCoversItsAbsenc
     EXPECT_TRUE(data_.updated_sensors & SENSORS_UPDATED_BATTERY);
     EXPECT_EQ(data_.battery.present, 1u);
     EXPECT_EQ(data_.battery.changed_mask & 0x3FFu, 0x3FFu);
-    // Within the read period: nothing new, no fallback.
+    // Within the read period: nothing new, no fallback, no telemetry sample.
     ASSERT_EQ(drv_.read(&data_, ctx_), 0);
     EXPECT_FALSE(data_.updated_sensors & SENSORS_UPDATED_BATTERY);
     EXPECT_EQ(data_.battery.present, 1u);
+    tlm_section_view view{};
+    ASSERT_EQ(tlm_view_open("sensors_battery", &view), 0);
+    const uint64_t written = tlm_view_written(&view);
+    EXPECT_EQ(drv_.tlm_write(ctx_), 0);
+    EXPECT_EQ(tlm_view_written(&view), written);
+    tlm_view_close(&view);
 
     // Removed: one "absent", then the fallback every cycle.
     root_.write(dir + "/present", "0\n");

@@ -13,6 +13,7 @@
 #include <string>
 #include <thread>
 
+#include "platform/iio_helper.h"
 #include "platform/shm_telemetry.h"
 #include "platform/time_helpers.h"
 #include "support/device_fixture.h"
@@ -183,9 +184,13 @@ TEST_F(BldcTest, FirstReadFlushesQuietlyAndReports)
     EXPECT_LE(flushed, 22u);
 
     // Without an IMU time the oldest sample not read is taken: nothing dropped, nothing said.
+    // A timeout the host set on the context is in force again after the flush's.
+    ASSERT_EQ(context_timeout_set(iio_.get(), 1000), 0);
     uint32_t mask = 0;
     EXPECT_EQ(bldc_cypress_read(bldc_.get(), &mask, nullptr), 0);
     EXPECT_EQ(mask, SENSORS_UPDATED_MOTORS);
+    EXPECT_EQ(context_timeout(iio_.get()), 1000u);
+    context_timeout_forget(iio_.get()); // the context goes with the test, its address may come back
     EXPECT_THAT(messages("bldc"), IsEmpty());
 }
 

@@ -528,7 +528,7 @@ TEST(ShmTelemetry, AFullFileSystemFailsACreationAndKillsNobody)
     };
     child_process child([&](const child_process::link &) {
         log_capture cap;
-        // A section file whose ring was never stored, made elsewhere: its first page only.
+        // A section file made elsewhere, of which only the last page was never stored.
         setenv(kTlmDirEnv, root.at("/elsewhere").c_str(), 1);
         shm_producer *model = make("sparse");
         timespec ts{5, 0};
@@ -542,7 +542,9 @@ TEST(ShmTelemetry, AFullFileSystemFailsACreationAndKillsNobody)
             mount("tlm", dir.c_str(), "tmpfs", 0, "size=512k,mode=0755") != 0)
             return 90;
         int fd = open((dir + "/sparse.tlm").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
-        if (fd < 0 || pwrite(fd, sparse.data(), 4096, 0) != 4096 || ftruncate(fd, off_t(sparse.size())) != 0)
+        const size_t stored = (sparse.size() - 1) / 4096 * 4096;
+        if (fd < 0 || pwrite(fd, sparse.data(), stored, 0) != ssize_t(stored) ||
+            ftruncate(fd, off_t(sparse.size())) != 0)
             return 91;
         close(fd);
 
