@@ -2,13 +2,15 @@
 # Builds the benchmarks, measures every figure of the performance report in
 # one run on this machine, and writes docs/performance.md.
 #
-# Usage: scripts/bench-report.sh [--quick] [--output FILE] [--build-dir DIR] [--no-build]
+# Usage: scripts/bench-report.sh [--quick] [--output FILE] [--build-dir DIR] [--no-build] [--no-kernel]
 #   --quick       short runs: checks that everything works end to end (the
 #                 figures are then only indicative)
 #   --output      where to write the report (default: docs/performance.md;
 #                 or the variable BENCH_REPORT_OUT)
 #   --build-dir   build directory (default: build-bench; or BUILD_DIR)
 #   --no-build    use the binaries already in the build directory
+#   --no-kernel   leave the genuine kernel's column out (its guest takes a
+#                 minute or more)
 # The per-cycle figures are measured on both transports: the network one
 # (libiio's network backend to orlune-sim) and the board's (libiio's local
 # backend on orlune-sim's sysfs stand-in, in scripts/board.sh's namespace;
@@ -22,6 +24,7 @@ build=${BUILD_DIR:-$root/build-bench}
 out=${BENCH_REPORT_OUT:-$root/docs/performance.md}
 quick=0
 do_build=1
+kernel=1
 board_dir=""
 kernel_dir=""
 while [ $# -gt 0 ]; do
@@ -32,7 +35,8 @@ while [ $# -gt 0 ]; do
     --output) out=$2; shift ;;
     --build-dir) build=$2; shift ;;
     --no-build) do_build=0 ;;
-    -h|--help) sed -n '2,12p' "$0"; exit 0 ;;
+    --no-kernel) kernel=0 ;;
+    -h|--help) sed -n '2,19p' "$0"; exit 0 ;;
     *) echo "bench-report: unknown option '$1'" >&2; exit 2 ;;
   esac
   shift
@@ -193,33 +197,31 @@ for i in $(seq "$first_runs"); do
 done
 stop_sim
 
-# --- The same on the board's transport ------------------------------------------
-board_note=""
-board_args=(--board-run "$work/board-run" --no-build --build-dir "$build")
-[ $quick = 1 ] && board_args+=(--quick)
-board_status=0
-"$root/scripts/board.sh" "$0" "${board_args[@]}" > "$work/board-run.log" 2>&1 || board_status=$?
-if [ $board_status = 77 ]; then
-  board_note="not measured: $(tail -1 "$work/board-run.log")"
-elif [ $board_status != 0 ] || [ ! -s "$work/board-run/cycles.txt" ]; then
-  echo "bench-report: the board's transport run failed:" >&2
-  cat "$work/board-run.log" >&2
-  exit 1
-fi
+# run_inside NAME WHAT COMMAND...: this script again under COMMAND (board.sh's
+# namespace, guest.sh's guest), its figures into $work/NAME-run. Prints the
+# note for the report when COMMAND cannot run here (status 77); fails when
+# the run does.
+run_inside() {
+  local name=$1 what=$2 status=0
+  shift 2
+  local args=("--$name-run" "$work/$name-run" --no-build --build-dir "$build")
+  [ $quick = 1 ] && args+=(--quick)
+  "$@" "$0" "${args[@]}" > "$work/$name-run.log" 2>&1 || status=$?
+  if [ $status = 77 ]; then
+    echo "not measured: $(tail -1 "$work/$name-run.log")"
+  elif [ $status != 0 ] || [ ! -s "$work/$name-run/cycles.txt" ]; then
+    echo "bench-report: $what run failed:" >&2
+    cat "$work/$name-run.log" >&2
+    return 1
+  fi
+}
 
-# --- And on the genuine kernel, in the emulated guest ---------------------
-kernel_note=""
-kernel_args=(--kernel-run "$work/kernel-run" --no-build --build-dir "$build")
-[ $quick = 1 ] && kernel_args+=(--quick)
-kernel_status=0
-"$root/scripts/guest.sh" --timeout 900 --share "$work" -- "$0" "${kernel_args[@]}" \
-  > "$work/kernel-run.log" 2>&1 || kernel_status=$?
-if [ $kernel_status = 77 ]; then
-  kernel_note="not measured: $(tail -1 "$work/kernel-run.log")"
-elif [ $kernel_status != 0 ] || [ ! -s "$work/kernel-run/cycles.txt" ]; then
-  echo "bench-report: the genuine kernel's run failed:" >&2
-  cat "$work/kernel-run.log" >&2
-  exit 1
+# --- The same on the board's transport, and on the genuine kernel ---------
+board_note=$(run_inside board "the board's transport" "$root/scripts/board.sh") || exit 1
+kernel_note="not measured: --no-kernel"
+if [ $kernel = 1 ]; then
+  kernel_note=$(run_inside kernel "the genuine kernel's" "$root/scripts/guest.sh" --timeout 900 --share "$work" --) ||
+    exit 1
 fi
 
 # --- IMU batch rate: orlune-host beside iio_readdev ------------------------
@@ -509,9 +511,9 @@ ages are the emulation's, many times a board's, and say nothing of one. Its
 system calls and instructions count what the plug-in did in those cycles,
 on the kernel's own attribute files and character devices; but under
 callgrind in the guest the plug-in falls behind its devices and catches
-up, which a board does not make it do: ${kernel_warnings:-no} warnings in
-the ${n_cg_kernel:-} cycles of the kernel's callgrind run (the motor
-controller's samples flushed, each a formatted message and a write).
+up, which a board does not make it do: ${kernel_warnings:-no} warnings in the
+${n_cg_kernel:-} cycles of the kernel's callgrind run (the motor controller's
+samples flushed, each a formatted message and a write).
 
 ## Plug-in cost per cycle
 
