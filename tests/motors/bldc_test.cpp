@@ -197,8 +197,8 @@ TEST_F(BldcTest, FirstReadFlushesQuietlyAndReports)
 TEST_F(BldcTest, NoSampleLeavesTheRecordAlone)
 {
     start();
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    read();
+    // The first sample taken, and with it the controller's first report.
+    ASSERT_TRUE(read_until([&](const sensors_motors_data &) { return (last_mask_ & SENSORS_UPDATED_MOTORS) != 0; }));
     ASSERT_EQ(server_->inject({.kind = sim::fault_kind::stall, .device = "orlune-esc", .duration_s = 10}), 0);
     messages("bldc");
     // The stall empties the queue: the flush waits in vain for the samples
