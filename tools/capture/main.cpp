@@ -166,14 +166,16 @@ void stream_device(const std::string &uri, device_stream *s, shared_writer *w)
         return;
     }
     // The capture attaches no trigger, and a kernel's buffer does not start
-    // without one: a device streams once the host has set it up.
-    for (;;) {
+    // without one: a device streams once the host has set it up. Looked at
+    // every 100 ms; the stop is seen within 5, so that the capture's end
+    // (its last record) follows the other devices' last scans closely.
+    for (int tick = 0;; tick++) {
         const iio_device *trig = nullptr;
-        if (iio_device_get_trigger(dev, &trig) == 0 && trig)
+        if (tick % 20 == 0 && iio_device_get_trigger(dev, &trig) == 0 && trig)
             break;
         if (g_stop)
             return;
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
     s->set_up = true;
     uint64_t mask = 0;
