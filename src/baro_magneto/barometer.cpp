@@ -90,7 +90,7 @@ extern "C" barometer_ctx *barometer_new(const sensors_baro_config *config, iio_c
     if (!baro->buffer)
         return nullptr;
     for (int i = 0; i < CHANNEL_COUNT; i++)
-        baro->decoders[i] = channel_decoder_of(baro->channels[i]);
+        baro->decoders[i] = channel_decoder_of(baro->channels[i], baro->buffer);
 
     const iio_attr_double attrs[] = {
         {"in_pressure0_scale", &baro->pressure_scale, true},

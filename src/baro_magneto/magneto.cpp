@@ -78,7 +78,7 @@ bool bind_channels(magneto_ctx &m)
     if (!m.buffer)
         return false;
     for (int i = 0; i < CHANNEL_COUNT; i++)
-        m.decoders[i] = channel_decoder_of(m.channels[i]);
+        m.decoders[i] = channel_decoder_of(m.channels[i], m.buffer);
     return attr_read_doubles(m.device, attrs, attr_count) >= 0;
 }
 

@@ -446,6 +446,27 @@ channel_decoder channel_decoder_of(const iio_channel *channel)
     d.shift = uint8_t(f->shift);
     d.width = uint8_t(f->is_fully_defined ? f->length : f->bits);
     d.is_signed = f->is_signed;
+    d.unused = uint8_t(64 - d.width);
+    return d;
+}
+
+channel_decoder channel_decoder_of(const iio_channel *channel, const iio_buffer *buffer)
+{
+    channel_decoder d = channel_decoder_of(channel);
+    if (!channel || !buffer)
+        return d;
+    // libiio places a channel by the buffer's mask and the formats of the
+    // channels before it, from the start of the buffer; a disabled channel
+    // is placed at the end. (A board's buffer has no memory before its first
+    // refill: the places are then counted from null.)
+    const auto start = reinterpret_cast<uintptr_t>(iio_buffer_start(buffer));
+    const auto first = reinterpret_cast<uintptr_t>(iio_buffer_first(buffer, channel));
+    const auto end = reinterpret_cast<uintptr_t>(iio_buffer_end(buffer));
+    const ptrdiff_t step = iio_buffer_step(buffer);
+    if (first != end && first >= start && first - start < uintptr_t(step)) {
+        d.placed = true;
+        d.offset = uint32_t(first - start);
+    }
     return d;
 }
 
@@ -458,7 +479,7 @@ float buffer_first_float(const iio_buffer *buffer, const channel_decoder &decode
 {
     if (!buffer || !decoder.channel)
         return 0.0f;
-    const char *p = static_cast<const char *>(iio_buffer_first(buffer, decoder.channel));
+    const char *p = buffer_first(buffer, decoder);
     if (!p || p >= static_cast<const char *>(iio_buffer_end(buffer)))
         return 0.0f;
     return static_cast<float>(channel_decode(decoder, p));
@@ -473,7 +494,7 @@ int buffer_first_timestamp(const iio_buffer *buffer, const channel_decoder &deco
 {
     if (!buffer || !decoder.channel || !timestamp)
         return -EINVAL;
-    const char *p = static_cast<const char *>(iio_buffer_first(buffer, decoder.channel));
+    const char *p = buffer_first(buffer, decoder);
     if (!p || p >= static_cast<const char *>(iio_buffer_end(buffer)))
         return -ENODATA;
     *timestamp = ns_to_timespec(channel_decode(decoder, p));

@@ -108,8 +108,25 @@ struct channel_decoder {
     uint8_t shift;
     uint8_t width; // bits that hold the value once shifted
     bool is_signed;
+    uint8_t unused; // 64 - width: the high bits dropped once shifted
+    // Where the channel lies in a scan, known when the decoder was made for
+    // a buffer: the channel mask of a buffer never changes, so neither does
+    // the place.
+    bool placed;
+    uint32_t offset; // bytes from the start of a scan
 };
 channel_decoder channel_decoder_of(const iio_channel *channel);
+// The same, and the channel's place in the scans of buffer.
+channel_decoder channel_decoder_of(const iio_channel *channel, const iio_buffer *buffer);
+
+// The channel's value in the buffer's first scan: iio_buffer_first, without
+// asking libiio once the place is known.
+inline const char *buffer_first(const iio_buffer *buffer, const channel_decoder &d)
+{
+    if (d.placed)
+        return static_cast<const char *>(iio_buffer_start(buffer)) + d.offset;
+    return static_cast<const char *>(iio_buffer_first(buffer, d.channel));
+}
 
 // channel_convert_int(d.channel, src), computed inline for a plain format.
 inline int64_t channel_decode(const channel_decoder &d, const void *src)
@@ -122,9 +139,8 @@ inline int64_t channel_decode(const channel_decoder &d, const void *src)
     case 8: __builtin_memcpy(&v, src, 8); break;
     default: return channel_convert_int(d.channel, src);
     }
-    v >>= d.shift;
-    const unsigned unused = 64u - d.width;
-    return d.is_signed ? static_cast<int64_t>(v << unused) >> unused : static_cast<int64_t>((v << unused) >> unused);
+    v = (v >> d.shift) << d.unused;
+    return d.is_signed ? static_cast<int64_t>(v) >> d.unused : static_cast<int64_t>(v >> d.unused);
 }
 
 // The IIO context's timeout in force, in milliseconds. libiio can set a

@@ -110,8 +110,10 @@ int fetch(motor_client *client, sample *out)
     if (r == 0)
         return -EAGAIN;
     const iio_buffer *buffer = client->buffer;
+    const char *scan = static_cast<const char *>(iio_buffer_start(buffer));
     auto field = [&](channel_index c) {
-        return channel_decode(client->decoders[c], iio_buffer_first(buffer, client->channels[c]));
+        const channel_decoder &d = client->decoders[c];
+        return channel_decode(d, d.placed ? scan + d.offset : buffer_first(buffer, d));
     };
     for (int m = 0; m < SENSORS_MOTOR_COUNT; m++) {
         out->speed[m] = uint16_t(field(channel_index(SPEED0 + m)));
@@ -172,7 +174,7 @@ motor_client *controller_open(iio_device *trigger, iio_context *ctx, const char 
     if (!client->buffer)
         return nullptr;
     for (int i = 0; i < CHANNEL_COUNT; i++)
-        client->decoders[i] = channel_decoder_of(client->channels[i]);
+        client->decoders[i] = channel_decoder_of(client->channels[i], client->buffer);
     // Nothing is queued before controller_enable.
     const int r = device_disable(client->device, client->trigger);
     if (r < 0) {
