@@ -74,6 +74,27 @@ struct imu_calib_terms {
 // extrapolation outside the characterised range.
 void imu_calib_terms_at(const imu_calib &calib, double temperature_k, imu_calib_terms *terms);
 
+// The one temperature a batch is corrected at: the mean of its first n
+// samples' (n > 0), summed in double in sample order.
+inline double imu_calib_batch_temperature(const sensors_imu_data &imu, unsigned n)
+{
+    double sum = 0.0;
+    for (unsigned i = 0; i < n; i++)
+        sum += imu.temperature[i];
+    return sum / n;
+}
+
+// v = m * (v - bias), in double, stored as f32.
+inline void imu_calib_correct(float v[3], const double bias[3], const double m[3][3])
+{
+    const double x = double(v[0]) - bias[0];
+    const double y = double(v[1]) - bias[1];
+    const double z = double(v[2]) - bias[2];
+    v[0] = static_cast<float>(m[0][0] * x + m[0][1] * y + m[0][2] * z);
+    v[1] = static_cast<float>(m[1][0] * x + m[1][1] * y + m[1][2] * z);
+    v[2] = static_cast<float>(m[2][0] * x + m[2][1] * y + m[2][2] * z);
+}
+
 // Pressure bias (Pa) subtracted at temperature_k, summed in double. The
 // correction itself rounds the pressure to f32 after each term.
 double baro_calib_bias_at(const baro_calib &calib, double temperature_k);

@@ -88,16 +88,6 @@ double eval(const imu_calib &calib, const imu_calib_poly &p, double temperature_
     return calib_poly_eval_extrap(p.poly, p.extrap, calib.range, temperature_k);
 }
 
-// v = m * (v - bias), in double, stored as f32.
-void correct(float v[3], const double bias[3], const double m[3][3])
-{
-    double x = double(v[0]) - bias[0];
-    double y = double(v[1]) - bias[1];
-    double z = double(v[2]) - bias[2];
-    for (int row = 0; row < 3; row++)
-        v[row] = static_cast<float>(m[row][0] * x + m[row][1] * y + m[row][2] * z);
-}
-
 } // namespace
 
 imu_calib *imu_calib_load(const imu_calib_paths &paths)
@@ -175,15 +165,12 @@ extern "C" SENSORS_API int imu_calib_apply(const imu_calib *calib, sensors_imu_d
         return 0;
 
     // One temperature for the whole batch: the mean of its samples.
-    double sum = 0.0;
-    for (unsigned i = 0; i < n; i++)
-        sum += imu->temperature[i];
     imu_calib_terms terms;
-    imu_calib_terms_at(*calib, sum / n, &terms);
+    imu_calib_terms_at(*calib, imu_calib_batch_temperature(*imu, n), &terms);
 
     for (unsigned i = 0; i < n; i++) {
-        correct(imu->gyro[i], terms.gyro_bias, terms.gyro_matrix);
-        correct(imu->accel[i], terms.accel_bias, terms.accel_matrix);
+        imu_calib_correct(imu->gyro[i], terms.gyro_bias, terms.gyro_matrix);
+        imu_calib_correct(imu->accel[i], terms.accel_bias, terms.accel_matrix);
     }
     return 0;
 }

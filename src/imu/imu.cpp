@@ -4,10 +4,12 @@
 #include <sensors/calib.h>
 #include <sensors/imu.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
 #include "common/owned.h"
+#include "calib/calib_sets.h"
 #include "platform/iio_helper.h"
 #include "platform/log.h"
 #include "platform/sched_config.h"
@@ -56,6 +58,8 @@ struct imu_ctx {
     double temp_scale;
     float gyro_matrix[9];
     float accel_matrix[9];
+    // The six vector channels are plain 16-bit values, read as they lie.
+    bool in_place;
     imu_calib *calibration;
     sensors_imu_data *record;
     shm_producer *producer;
@@ -115,46 +119,35 @@ int apply_scheduling(void *sched, const sensors_imu_config &config)
     return 0;
 }
 
-// Converts one three-axis group of the batch (16-bit channels) into vectors.
-size_t read_vectors(const imu_ctx &imu, channel_index first, double scale, float (*out)[3], const char *debug_fmt)
+// Scans of the batch that hold a value of the channel at first: those in
+// which it starts before the end of the data, at most a batch.
+size_t scans_holding(const char *first, const char *end, ptrdiff_t step, uint32_t fifo_size)
 {
-    const iio_buffer *buffer = imu.buffer;
-    const ptrdiff_t step = iio_buffer_step(buffer);
-    const char *end = static_cast<const char *>(iio_buffer_end(buffer));
-    const char *p[3];
-    for (int axis = 0; axis < 3; axis++)
-        p[axis] = static_cast<const char *>(iio_buffer_first(buffer, imu.channels[first + axis]));
-    // The usual layout, three 16-bit values in place: read as they are.
-    bool in_place = true;
-    for (int axis = 0; axis < 3; axis++) {
-        const channel_decoder &d = imu.decoders[first + axis];
-        in_place = in_place && d.bytes == 2 && d.shift == 0 && d.width == 16;
+    if (!first || first >= end || step <= 0)
+        return 0;
+    const size_t scans = size_t((end - first + step - 1) / step);
+    return scans < fifo_size ? scans : fifo_size;
+}
+
+// One scan's vector of a three-axis group (at bytes into the batch), scaled:
+// read as the values lie in the usual layout (two bytes each, all of them
+// the value), else through the channels' format.
+inline void read_vector(const imu_ctx &imu, channel_index first, const char *const p[CHANNEL_COUNT], ptrdiff_t at,
+                        double scale, float out[3])
+{
+    int16_t x, y, z;
+    if (imu.in_place) {
+        memcpy(&x, p[first] + at, 2);
+        memcpy(&y, p[first + 1] + at, 2);
+        memcpy(&z, p[first + 2] + at, 2);
+    } else {
+        x = int16_t(channel_decode(imu.decoders[first], p[first] + at));
+        y = int16_t(channel_decode(imu.decoders[first + 1], p[first + 1] + at));
+        z = int16_t(channel_decode(imu.decoders[first + 2], p[first + 2] + at));
     }
-    size_t n = 0;
-    if (in_place) {
-        const ptrdiff_t y_at = p[1] - p[0], z_at = p[2] - p[0];
-        for (const char *scan = p[0]; n < imu.fifo_size && scan < end; scan += step, n++) {
-            int16_t x, y, z;
-            memcpy(&x, scan, 2);
-            memcpy(&y, scan + y_at, 2);
-            memcpy(&z, scan + z_at, 2);
-            out[n][0] = float(double(x) * scale);
-            out[n][1] = float(double(y) * scale);
-            out[n][2] = float(double(z) * scale);
-            log_msg(kTag, LOG_DEBUG, debug_fmt, out[n][0], out[n][1], out[n][2]);
-        }
-        return n;
-    }
-    while (n < imu.fifo_size && p[0] < end) {
-        for (int axis = 0; axis < 3; axis++) {
-            const auto raw = int16_t(channel_decode(imu.decoders[first + axis], p[axis]));
-            out[n][axis] = float(double(raw) * scale);
-            p[axis] += step;
-        }
-        log_msg(kTag, LOG_DEBUG, debug_fmt, out[n][0], out[n][1], out[n][2]);
-        n++;
-    }
-    return n;
+    out[0] = float(double(x) * scale);
+    out[1] = float(double(y) * scale);
+    out[2] = float(double(z) * scale);
 }
 
 } // namespace
@@ -228,8 +221,12 @@ extern "C" imu_ctx *imu_new(const sensors_imu_config *config, iio_context *iio, 
                                 imu->fifo_size, 1);
     if (!imu->buffer)
         return nullptr;
-    for (int i = 0; i < CHANNEL_COUNT; i++)
-        imu->decoders[i] = channel_decoder_of(imu->channels[i]);
+    imu->in_place = true;
+    for (int i = 0; i < CHANNEL_COUNT; i++) {
+        const channel_decoder &d = imu->decoders[i] = channel_decoder_of(imu->channels[i], imu->buffer);
+        if (i < TEMP)
+            imu->in_place = imu->in_place && d.bytes == 2 && d.shift == 0 && d.width == 16;
+    }
 
     if (apply_scheduling(sched, *config) < 0)
         return nullptr;
@@ -306,25 +303,38 @@ extern "C" int imu_read(imu_ctx *imu, uint32_t *updated)
     const iio_buffer *buffer = imu->buffer;
     const ptrdiff_t step = iio_buffer_step(buffer);
     const char *end = static_cast<const char *>(iio_buffer_end(buffer));
+    const char *p[CHANNEL_COUNT];
+    for (int c = 0; c < CHANNEL_COUNT; c++)
+        p[c] = buffer_first(buffer, imu->decoders[c]);
+    const size_t accel_count = scans_holding(p[ACCEL_X], end, step, imu->fifo_size);
+    const size_t gyro_count = scans_holding(p[ANGLVEL_X], end, step, imu->fifo_size);
+    const size_t temp_count = scans_holding(p[TEMP], end, step, imu->fifo_size);
+    const size_t ts_count = scans_holding(p[TIMESTAMP], end, step, imu->fifo_size);
 
-    size_t accel_count = read_vectors(*imu, ACCEL_X, imu->accel_scale, d.accel, "Accel\t%+f\t%+f\t%+f");
-    for (size_t i = 0; i < accel_count; i++)
-        d.sample_flags[i] = 0;
-    size_t gyro_count = read_vectors(*imu, ANGLVEL_X, imu->gyro_scale, d.gyro, "Gyro\t\t%+f\t%+f\t%+f");
-
-    size_t temp_count = 0;
-    for (const char *p = static_cast<const char *>(iio_buffer_first(buffer, imu->channels[TEMP]));
-         temp_count < imu->fifo_size && p < end; p += step, temp_count++) {
-        float raw = float(channel_decode(imu->decoders[TEMP], p));
-        d.temperature[temp_count] =
-            float((double(raw) + imu->temp_offset) * imu->temp_scale + kCelsiusToKelvin);
-        log_msg(kTag, LOG_DEBUG, "Temperature\t%f", d.temperature[temp_count]);
+    // Scan by scan: each channel's values lie one step apart.
+    const size_t scans = std::max({accel_count, gyro_count, temp_count, ts_count});
+    for (size_t k = 0; k < scans; k++) {
+        const ptrdiff_t at = ptrdiff_t(k) * step;
+        if (k < accel_count) {
+            read_vector(*imu, ACCEL_X, p, at, imu->accel_scale, d.accel[k]);
+            d.sample_flags[k] = 0;
+        }
+        if (k < gyro_count)
+            read_vector(*imu, ANGLVEL_X, p, at, imu->gyro_scale, d.gyro[k]);
+        if (k < temp_count) {
+            float raw = float(channel_decode(imu->decoders[TEMP], p[TEMP] + at));
+            d.temperature[k] = float((double(raw) + imu->temp_offset) * imu->temp_scale + kCelsiusToKelvin);
+        }
+        if (k < ts_count)
+            d.timestamps[k] = ns_to_timespec(channel_decode(imu->decoders[TIMESTAMP], p[TIMESTAMP] + at));
     }
-
-    size_t ts_count = 0;
-    for (const char *p = static_cast<const char *>(iio_buffer_first(buffer, imu->channels[TIMESTAMP]));
-         ts_count < imu->fifo_size && p < end; p += step, ts_count++) {
-        d.timestamps[ts_count] = ns_to_timespec(channel_decode(imu->decoders[TIMESTAMP], p));
+    if (LOG_DEBUG <= g_log_ceiling.load(std::memory_order_relaxed)) {
+        for (size_t k = 0; k < accel_count; k++)
+            log_msg(kTag, LOG_DEBUG, "Accel\t%+f\t%+f\t%+f", d.accel[k][0], d.accel[k][1], d.accel[k][2]);
+        for (size_t k = 0; k < gyro_count; k++)
+            log_msg(kTag, LOG_DEBUG, "Gyro\t\t%+f\t%+f\t%+f", d.gyro[k][0], d.gyro[k][1], d.gyro[k][2]);
+        for (size_t k = 0; k < temp_count; k++)
+            log_msg(kTag, LOG_DEBUG, "Temperature\t%f", d.temperature[k]);
     }
 
     if (accel_count != gyro_count || accel_count != temp_count || accel_count != ts_count)
@@ -335,14 +345,38 @@ extern "C" int imu_read(imu_ctx *imu, uint32_t *updated)
                 size_t(imu->fifo_size));
     d.nb_samples = uint8_t(accel_count);
 
+    // The thermal correction at the batch's temperature, and the rotation
+    // into the vehicle's axes, before or after it, vector by vector.
+    const unsigned n = d.nb_samples;
+    imu_calib_terms terms;
+    if (n > 0)
+        imu_calib_terms_at(*imu->calibration, imu_calib_batch_temperature(d, n), &terms);
+    auto correct = [&](unsigned i) {
+        imu_calib_correct(d.gyro[i], terms.gyro_bias, terms.gyro_matrix);
+        imu_calib_correct(d.accel[i], terms.accel_bias, terms.accel_matrix);
+    };
     if (imu->config->rotation_enabled && !imu->config->rotation_after_calib) {
-        imu_rotate_data(imu);
-        imu_calib_apply(imu->calibration, &d);
-    } else if (imu->config->rotation_enabled) {
-        imu_calib_apply(imu->calibration, &d);
-        imu_rotate_data(imu);
+        for (unsigned i = 0; i < n; i++) {
+            vector_rotate(d.accel[i], imu->accel_matrix);
+            vector_rotate(d.gyro[i], imu->gyro_matrix);
+            correct(i);
+        }
     } else {
-        imu_calib_apply(imu->calibration, &d);
+        for (unsigned i = 0; i < n; i++) {
+            correct(i);
+            if (imu->config->rotation_enabled) {
+                vector_rotate(d.accel[i], imu->accel_matrix);
+                vector_rotate(d.gyro[i], imu->gyro_matrix);
+            }
+        }
+    }
+    // The record's slots beyond the batch are turned too, as the whole
+    // record always was.
+    if (imu->config->rotation_enabled) {
+        for (unsigned i = n; i < SENSORS_IMU_MAX_SAMPLES; i++) {
+            vector_rotate(d.accel[i], imu->accel_matrix);
+            vector_rotate(d.gyro[i], imu->gyro_matrix);
+        }
     }
     *updated |= SENSORS_UPDATED_IMU;
     return 0;
