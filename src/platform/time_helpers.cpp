@@ -55,20 +55,6 @@ int timespec_diff(const timespec *a, const timespec *b, timespec *out)
     return 0;
 }
 
-timespec ns_to_timespec(int64_t ns)
-{
-    int64_t sec = ns / kNsPerSec;
-    int64_t rem = ns % kNsPerSec;
-    if (rem < 0) {
-        sec -= 1;
-        rem += kNsPerSec;
-    }
-    timespec t{};
-    t.tv_sec = sec;
-    t.tv_nsec = rem;
-    return t;
-}
-
 int timespec_to_ns(const timespec *t, int64_t *ns)
 {
     if (!ns || !timespec_is_normalised(t))

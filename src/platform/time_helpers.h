@@ -30,8 +30,21 @@ bool timespec_is_normalised(const timespec *t);
 int timespec_diff(const timespec *a, const timespec *b, timespec *out);
 
 // Splits a nanosecond count; negative counts give a negative tv_sec with a
-// non-negative tv_nsec (-1 ns is {-1, 999999999}).
-timespec ns_to_timespec(int64_t ns);
+// non-negative tv_nsec (-1 ns is {-1, 999999999}). Inline: every sample's
+// timestamp passes here.
+inline timespec ns_to_timespec(int64_t ns)
+{
+    int64_t sec = ns / kNsPerSec;
+    int64_t rem = ns % kNsPerSec;
+    if (rem < 0) {
+        sec -= 1;
+        rem += kNsPerSec;
+    }
+    timespec t{};
+    t.tv_sec = sec;
+    t.tv_nsec = rem;
+    return t;
+}
 
 // Nanoseconds of t; -EOVERFLOW beyond what 64 bits of nanoseconds hold (about 292 years).
 int timespec_to_ns(const timespec *t, int64_t *ns);
