@@ -799,9 +799,7 @@ struct scatter_run {
     uint8_t *destination;
     size_t stride;
     uint32_t from; // in the scratch
-    uint32_t len;  // 0: timestamps only
-    uint32_t capacity;
-    timespec *timestamps;
+    uint32_t len;
 };
 
 struct consumer_section {
@@ -821,13 +819,15 @@ struct consumer_section {
     // exists, so that looking for an absent section costs a lookup.
     bool have_dir;
     int dir_fd;
-    // The section's copies, computed once: the scatters at completion, the
-    // gathers at each attach (they follow the file's layout). Each array
-    // has room for one run a field of the section.
+    // The section's copies, computed once: the scatters and the timestamps'
+    // destinations at completion, the gathers at each attach (they follow
+    // the file's layout). Each array has room for one a field of the section.
     copy_run *gathers;
     uint32_t gather_count;
     scatter_run *scatters;
     uint32_t scatter_count;
+    timespec **stamps;
+    uint32_t stamp_count;
 };
 
 } // namespace
@@ -1008,22 +1008,20 @@ inline void copy_run_bytes(uint8_t *to, const uint8_t *from, uint32_t len)
 int read_sample(shm_consumer *c, uint32_t index, uint64_t n, uint32_t k, timespec *ts)
 {
     const consumer_section &s = c->sections[index];
+    uint8_t *scratch = c->scratch;
     timespec sample_time{};
     int r = read_slot(&s.view, n, &sample_time, [&](const uint8_t *sample) {
-        for (uint32_t i = 0; i < s.gather_count; i++)
-            copy_run_bytes(c->scratch + s.gathers[i].to, sample + s.gathers[i].from, s.gathers[i].len);
+        for (const copy_run *run = s.gathers, *end = run + s.gather_count; run < end; run++)
+            copy_run_bytes(scratch + run->to, sample + run->from, run->len);
     });
     if (r < 0)
         return r;
-    for (uint32_t i = 0; i < s.scatter_count; i++) {
-        const scatter_run &run = s.scatters[i];
-        if (k >= run.capacity)
-            continue;
-        if (run.len)
-            copy_run_bytes(run.destination + k * run.stride, c->scratch + run.from, run.len);
-        if (run.timestamps)
-            run.timestamps[k] = sample_time;
-    }
+    // k is below the capacity of every destination of the section (its
+    // readers ask for no more than the smallest holds).
+    for (const scatter_run *run = s.scatters, *end = run + s.scatter_count; run < end; run++)
+        copy_run_bytes(run->destination + k * run->stride, scratch + run->from, run->len);
+    for (uint32_t i = 0; i < s.stamp_count; i++)
+        s.stamps[i][k] = sample_time;
     if (ts)
         *ts = sample_time;
     return 0;
@@ -1201,16 +1199,21 @@ int consumer_complete(shm_consumer *consumer)
             fields += consumer->fields[j].section == i;
         free(s.gathers); // left by a completion that ran short of memory
         free(s.scatters);
-        s.scatter_count = 0;
+        free(s.stamps);
+        s.scatter_count = s.stamp_count = 0;
         s.gathers = static_cast<copy_run *>(calloc(fields, sizeof(copy_run)));
         s.scatters = static_cast<scatter_run *>(calloc(fields, sizeof(scatter_run)));
-        if (!s.gathers || !s.scatters)
+        s.stamps = static_cast<timespec **>(calloc(fields, sizeof(timespec *)));
+        if (!s.gathers || !s.scatters || !s.stamps)
             return -ENOMEM;
         for (size_t j = 0; j < consumer->field_count; j++) {
             const consumer_field &f = consumer->fields[j];
-            if (f.section == i && (f.scatter_len || f.timestamps))
-                s.scatters[s.scatter_count++] = {f.destination, f.stride, f.scratch_offset, f.scatter_len, f.capacity,
-                                                 f.timestamps};
+            if (f.section != i)
+                continue;
+            if (f.scatter_len)
+                s.scatters[s.scatter_count++] = {f.destination, f.stride, f.scratch_offset, f.scatter_len};
+            if (f.timestamps)
+                s.stamps[s.stamp_count++] = f.timestamps;
         }
     }
     consumer->scratch_size = total;
@@ -1263,6 +1266,7 @@ void consumer_destroy(shm_consumer *consumer)
         forget_dir(consumer->sections[i]);
         free(consumer->sections[i].gathers);
         free(consumer->sections[i].scatters);
+        free(consumer->sections[i].stamps);
     }
     free(consumer->sections);
     free(consumer->fields);
