@@ -59,6 +59,7 @@ struct motor_client {
     bool has_ahead;
     int64_t newest_ns; // timestamp of the newest sample taken from the device
     bool has_newest;
+    bool read_first; // a fetch reads once without waiting before it waits
     sample current;
     bool has_current;
 };
@@ -101,10 +102,25 @@ int write_text(motor_client *client, const char *attr, const char *text)
     return r < 0 ? int(r) : 0;
 }
 
+// A refill of a board's buffer that may wait polls before it reads, even
+// when the sample is there. A sample that is due mostly is: so it is first
+// asked for without waiting (one read), and waited for only when it is not.
+ssize_t refill(motor_client *client)
+{
+    if (client->read_first) {
+        iio_buffer_set_blocking_mode(client->buffer, false);
+        const ssize_t r = iio_buffer_refill(client->buffer);
+        iio_buffer_set_blocking_mode(client->buffer, true);
+        if (r != -EAGAIN)
+            return r;
+    }
+    return iio_buffer_refill(client->buffer);
+}
+
 // Takes the next sample from the device into *out.
 int fetch(motor_client *client, sample *out)
 {
-    const ssize_t r = iio_buffer_refill(client->buffer);
+    const ssize_t r = refill(client);
     if (r < 0)
         return int(r);
     if (r == 0)
@@ -175,6 +191,11 @@ motor_client *controller_open(iio_device *trigger, iio_context *ctx, const char 
         return nullptr;
     for (int i = 0; i < CHANNEL_COUNT; i++)
         client->decoders[i] = channel_decoder_of(client->channels[i], client->buffer);
+    // Only libiio's local backend can be asked not to wait for one refill
+    // (the mode is the device's, switched without a system call).
+    const char *backend = iio_context_get_name(ctx);
+    client->read_first = blocking && backend && strcmp(backend, "local") == 0 &&
+                         iio_buffer_set_blocking_mode(client->buffer, true) == 0;
     // Nothing is queued before controller_enable.
     const int r = device_disable(client->device, client->trigger);
     if (r < 0) {
