@@ -46,18 +46,6 @@ void value_and_slope(const calib_poly &poly, double x, double *value, double *sl
 
 } // namespace
 
-double calib_poly_eval(const calib_poly &poly, double x)
-{
-    uint32_t count = poly.count < kCalibMaxCoeffs ? poly.count : kCalibMaxCoeffs;
-    double value = 0.0;
-    double power = 1.0;
-    for (uint32_t k = 0; k < count; k++) {
-        value += poly.coefficients[k] * power;
-        power *= x;
-    }
-    return value;
-}
-
 calib_extrap compute_linear_extrap_coefs(const calib_poly &poly, const calib_range &range)
 {
     calib_extrap e{};
@@ -66,16 +54,6 @@ calib_extrap compute_linear_extrap_coefs(const calib_poly &poly, const calib_ran
     value_and_slope(poly, range.temp_min - range.temp0, &e.value_lo, &e.slope_lo);
     value_and_slope(poly, range.temp_max - range.temp0, &e.value_hi, &e.slope_hi);
     return e;
-}
-
-double calib_poly_eval_extrap(const calib_poly &poly, const calib_extrap &extrap, const calib_range &range,
-                              double temperature_k)
-{
-    if (temperature_k >= range.temp_min && temperature_k <= range.temp_max)
-        return calib_poly_eval(poly, temperature_k - range.temp0);
-    if (temperature_k <= range.temp_min)
-        return extrap.value_lo + extrap.slope_lo * (temperature_k - range.temp_min);
-    return extrap.value_hi + extrap.slope_hi * (temperature_k - range.temp_max);
 }
 
 FILE *calib_open_first(const log_tag &tag, std::span<const char *const> paths, bool log_first)

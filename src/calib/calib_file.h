@@ -52,7 +52,18 @@ inline constexpr calib_range kCalibDefaultRange{0.0, kCalibDefaultTempMinK, kCal
 
 // P(x) = c0 + c1 x + c2 x^2 + c3 x^3 limited to the polynomial's count, the
 // powers formed by repeated multiplication from 1.0. Count 0 gives 0.
-double calib_poly_eval(const calib_poly &poly, double x);
+inline double calib_poly_eval(const calib_poly &poly, double x)
+{
+    uint32_t count = poly.count < kCalibMaxCoeffs ? poly.count : kCalibMaxCoeffs;
+    double value = 0.0;
+    double power = 1.0;
+    for (uint32_t k = 0; k < count; k++) {
+        value += poly.coefficients[k] * power;
+        power *= x;
+    }
+    return value;
+}
+
 
 // Value and slope of the polynomial at temp_min and temp_max; all zero for a
 // polynomial never loaded.
@@ -60,8 +71,16 @@ calib_extrap compute_linear_extrap_coefs(const calib_poly &poly, const calib_ran
 
 // The polynomial inside [temp_min, temp_max] (bounds included), its tangent
 // line at the nearer bound outside.
-double calib_poly_eval_extrap(const calib_poly &poly, const calib_extrap &extrap, const calib_range &range,
-                              double temperature_k);
+inline double calib_poly_eval_extrap(const calib_poly &poly, const calib_extrap &extrap, const calib_range &range,
+                                     double temperature_k)
+{
+    if (temperature_k >= range.temp_min && temperature_k <= range.temp_max)
+        return calib_poly_eval(poly, temperature_k - range.temp0);
+    if (temperature_k <= range.temp_min)
+        return extrap.value_lo + extrap.slope_lo * (temperature_k - range.temp_min);
+    return extrap.value_hi + extrap.slope_hi * (temperature_k - range.temp_max);
+}
+
 
 // One known polynomial of a set: the loader stores an accepted line named
 // `name` into *poly and raises *largest to its count.
