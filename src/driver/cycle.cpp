@@ -182,7 +182,7 @@ int sensors_orlune_tlm_write(sensors_orlune_ctx *ctx)
         return 0;
     uint32_t updated = ctx->record->updated_sensors;
     for (const push_row &row : kPush)
-        if (row.enabled(*ctx->config) && (updated & row.bit))
+        if ((updated & row.bit) && row.enabled(*ctx->config))
             row.push(ctx);
     return 0;
 }
