@@ -86,6 +86,11 @@ void scan_stream::pump(const setup &s, const sink &to, std::unique_ptr<scan_stre
         iio_buffer_destroy(buf);
         return;
     }
+    // The server hands over the scans it has; the sink gets whole batches,
+    // as a device that batches its scans releases them.
+    const size_t batch_bytes = s.batch * scan;
+    std::vector<char> pending;
+    pending.reserve(batch_bytes);
     int failures = 0;
     while (running_) {
         const ssize_t r = iio_buffer_refill(buf);
@@ -105,8 +110,20 @@ void scan_stream::pump(const setup &s, const sink &to, std::unique_ptr<scan_stre
             break;
         }
         failures = 0;
-        if (running_ && r > 0)
-            to(static_cast<const char *>(iio_buffer_start(buf)), static_cast<size_t>(r) / scan, scan);
+        if (!running_ || r <= 0)
+            continue;
+        const char *got = static_cast<const char *>(iio_buffer_start(buf));
+        size_t bytes = static_cast<size_t>(r) / scan * scan;
+        if (s.batch <= 1 || (pending.empty() && bytes == batch_bytes)) {
+            to(got, bytes / scan, scan);
+            continue;
+        }
+        pending.insert(pending.end(), got, got + bytes);
+        const size_t whole = pending.size() / batch_bytes * batch_bytes;
+        if (whole > 0) {
+            to(pending.data(), whole / scan, scan);
+            pending.erase(pending.begin(), pending.begin() + static_cast<ptrdiff_t>(whole));
+        }
     }
     iio_buffer_destroy(buf);
 }

@@ -30,7 +30,7 @@ public:
         iio_context *ctx = nullptr;
         std::string device;                // the server's device id
         std::vector<std::string> channels; // scan elements to enable, by id; empty: every one
-        size_t batch = 1;                  // scans per refill
+        size_t batch = 1;                  // scans per refill, and per delivery: a batch whole
         size_t scan_bytes = 0;             // the size a scan must have; 0: any
         std::string label;                 // names the stream in the log ("sysfs: iio:device0")
     };

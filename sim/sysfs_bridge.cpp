@@ -412,7 +412,7 @@ struct sysfs_bridge::impl {
                   int(std::min<size_t>(std::max<size_t>(capacity, 65536),
                                        kMaxPipeBytes)));
           sized = true;
-          feed(d, scans, count * scan, scan, capacity);
+          feed(d, scans, count * scan, scan * size_t(batch), capacity);
         });
   }
 
@@ -426,15 +426,18 @@ struct sysfs_bridge::impl {
     drain(d);
   }
 
-  // Appends scans to the FIFO; when the reader has fallen behind by the
-  // buffer's length, the newest scans find no room and are dropped, as a
-  // kernel buffer keeps its oldest.
-  void feed(bridged_device &d, const char *data, size_t bytes, size_t scan,
+  // Appends whole batches to the FIFO; when the reader has fallen behind by
+  // the buffer's length, the newest find no room and are dropped, as a
+  // kernel buffer keeps its oldest. A kernel keeps the scans of a batch that
+  // fit, and wakes its reader at the watermark (a batch) whatever the
+  // alignment; a FIFO wakes it at any byte, so a batch split there would
+  // split every later one across two wakes: the stand-in drops it whole.
+  void feed(bridged_device &d, const char *data, size_t bytes, size_t batch,
             size_t capacity) {
     int queued = 0;
     if (ioctl(d.fifo, FIONREAD, &queued) == 0)
       bytes = std::min(bytes, capacity > size_t(queued)
-                                  ? (capacity - size_t(queued)) / scan * scan
+                                  ? (capacity - size_t(queued)) / batch * batch
                                   : 0);
     while (bytes > 0) {
       const ssize_t n = write(d.fifo, data, bytes);
