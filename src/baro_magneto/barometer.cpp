@@ -12,6 +12,7 @@
 #include "common/owned.h"
 #include "platform/iio_helper.h"
 #include "platform/sched_config.h"
+#include "driver/ready_sources.h"
 
 namespace {
 
@@ -35,6 +36,7 @@ struct barometer_ctx {
     iio_device *device;
     iio_device *trigger;
     iio_buffer *buffer;
+    polled::source source; // the buffer, for the cycle's one poll
     iio_channel *channels[CHANNEL_COUNT];
     channel_decoder decoders[CHANNEL_COUNT];
     double pressure_offset; // raw units; always 0
@@ -89,6 +91,7 @@ extern "C" barometer_ctx *barometer_new(const sensors_baro_config *config, iio_c
                                  polled::kScansPerRefill, 0);
     if (!baro->buffer)
         return nullptr;
+    polled::watch(&baro->source, baro->buffer);
     for (int i = 0; i < CHANNEL_COUNT; i++)
         baro->decoders[i] = channel_decoder_of(baro->channels[i], baro->buffer);
 
@@ -150,11 +153,16 @@ extern "C" int barometer_stop(barometer_ctx *baro)
     return polled::as_status(device_disable(baro->device, baro->trigger));
 }
 
+ready_hint *barometer_ready_hint(barometer_ctx *baro)
+{
+    return baro ? &baro->source.hint : nullptr;
+}
+
 extern "C" int barometer_read(barometer_ctx *baro, uint32_t *updated)
 {
     if (!baro || !updated)
         return -EINVAL;
-    int r = polled::poll(baro->buffer);
+    int r = polled::poll(&baro->source);
     if (r <= 0)
         return r;
     sensors_baro_data &d = *baro->record;

@@ -14,6 +14,7 @@
 #include "common/owned.h"
 #include "platform/iio_helper.h"
 #include "platform/sched_config.h"
+#include "driver/ready_sources.h"
 
 namespace {
 
@@ -37,6 +38,7 @@ struct magneto_ctx {
     iio_device *device;
     iio_device *trigger;
     iio_buffer *buffer;
+    polled::source source; // the buffer, for the cycle's one poll
     iio_channel *channels[CHANNEL_COUNT];
     channel_decoder decoders[CHANNEL_COUNT];
     double scales[3];   // uT per raw unit
@@ -77,6 +79,7 @@ bool bind_channels(magneto_ctx &m)
     m.buffer = buffer_create(m.device, bindings, channel_count, polled::kKernelLength, polled::kScansPerRefill, 0);
     if (!m.buffer)
         return false;
+    polled::watch(&m.source, m.buffer);
     for (int i = 0; i < CHANNEL_COUNT; i++)
         m.decoders[i] = channel_decoder_of(m.channels[i], m.buffer);
     return attr_read_doubles(m.device, attrs, attr_count) >= 0;
@@ -200,11 +203,16 @@ extern "C" int magneto_stop(magneto_ctx *magneto)
     return polled::as_status(device_disable(magneto->device, magneto->trigger));
 }
 
+ready_hint *magneto_ready_hint(magneto_ctx *magneto)
+{
+    return magneto ? &magneto->source.hint : nullptr;
+}
+
 extern "C" int magneto_read(magneto_ctx *magneto, uint32_t *updated, float temperature)
 {
     if (!magneto || !updated)
         return -EINVAL;
-    int r = polled::poll(magneto->buffer);
+    int r = polled::poll(&magneto->source);
     if (r <= 0)
         return r;
     sensors_magneto_data &d = *magneto->record;

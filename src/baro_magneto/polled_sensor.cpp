@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "baro_magneto/polled_sensor.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <cstring>
 
 namespace polled {
 
@@ -16,9 +18,22 @@ int as_status(int r)
     return r < 0 ? r : 0;
 }
 
-int poll(iio_buffer *buffer)
+void watch(source *s, iio_buffer *buffer)
 {
-    ssize_t r = iio_buffer_refill(buffer);
+    s->buffer = buffer;
+    s->fd = -1;
+    const iio_device *device = buffer ? iio_buffer_get_device(buffer) : nullptr;
+    const char *backend = device ? iio_context_get_name(iio_device_get_context(device)) : nullptr;
+    if (backend && std::strcmp(backend, "local") == 0)
+        s->fd = std::max(iio_buffer_get_poll_fd(buffer), -1);
+    s->hint = ready_hint_for(&s->fd);
+}
+
+int poll(source *s)
+{
+    if (ready_hint_take_empty(&s->hint, s->fd))
+        return 0;
+    ssize_t r = iio_buffer_refill(s->buffer);
     if (r == -EAGAIN || r == 0)
         return 0;
     return int(r);

@@ -10,6 +10,7 @@
 #include <cstdint>
 
 #include "platform/log.h"
+#include "platform/ready_poll.h"
 #include "platform/sensor_tlm_layouts.h"
 #include "platform/shm_telemetry.h"
 
@@ -40,9 +41,19 @@ const char *device_name(const iio_device *device);
 // write returned.
 int as_status(int r);
 
+// The polled buffer and what the cycle's one poll found on it.
+struct source {
+    iio_buffer *buffer;
+    int fd;          // the buffer's descriptor where it tells (a board's); -1 elsewhere
+    ready_hint hint; // on fd
+};
+// The source of a buffer just made. Only a board's character device says
+// whether a scan waits: over the network a socket is silent until asked.
+void watch(source *s, iio_buffer *buffer);
 // One refill of the polled buffer: the byte count of a new scan, 0 when no
-// scan was waiting (-EAGAIN, or an empty refill), else the negative errno.
-int poll(iio_buffer *buffer);
+// scan was waiting (-EAGAIN, an empty refill, or the cycle's poll found
+// none), else the negative errno.
+int poll(source *s);
 
 // Creates the producer of section, registers record with layout_of(kind),
 // completes it. Each failure is logged under tag as its module's own

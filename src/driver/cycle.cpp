@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // The acquisition cycle: read, write and telemetry write.
 //
-// Read blocks only in the IMU wait; every other sensor is polled once. The
-// frame allocates nothing here and formats text only when it logs.
+// Read blocks only in the IMU wait; every other sensor is polled once (those
+// that can tell whether anything waits, all in one poll). The frame
+// allocates nothing here and formats text only when it logs.
 #include <cerrno>
 #include <cstring>
 
@@ -15,6 +16,8 @@
 
 #include "driver/driver_ctx.h"
 #include "driver/driver_log.h"
+#include "driver/ready_sources.h"
+#include "platform/ready_poll.h"
 #include "tlm_sensors/throttle.h"
 
 namespace {
@@ -120,6 +123,20 @@ int sensors_orlune_read(sensors_data *record, sensors_orlune_ctx *ctx)
             return r;
         }
     }
+
+    // The polled sources that can tell whether something waits are asked
+    // together, once: those with nothing are not read one by one.
+    ready_hint *hints[4];
+    size_t hint_count = 0;
+    if (config.baro.enabled)
+        hints[hint_count++] = barometer_ready_hint(ctx->baro);
+    if (config.magneto.enabled)
+        hints[hint_count++] = magneto_ready_hint(ctx->magneto);
+    if (config.gps.enabled)
+        hints[hint_count++] = gps_ready_hint(ctx->gps);
+    if (config.ultrasound.enabled)
+        hints[hint_count++] = us_ready_hint(ctx->us);
+    ready_poll(hints, hint_count);
 
     for (const poll_row &row : kPoll) {
         if (!row.enabled(config))

@@ -16,6 +16,7 @@
 #include "platform/sensor_tlm_layouts.h"
 #include "platform/shm_telemetry.h"
 #include "platform/time_helpers.h"
+#include "driver/ready_sources.h"
 
 namespace {
 
@@ -203,6 +204,11 @@ extern "C" int gps_stop(gps_ctx *gps)
         return r;
     }
     return 0;
+}
+
+ready_hint *gps_ready_hint(gps_ctx *gps)
+{
+    return gps ? context_ready_hint(gps->context) : nullptr;
 }
 
 extern "C" int gps_read(gps_ctx *gps, uint32_t *updated)

@@ -16,6 +16,7 @@
 #include "platform/shm_telemetry.h"
 #include "platform/time_helpers.h"
 #include "platform/ultrasound_service.h"
+#include "driver/ready_sources.h"
 
 namespace {
 
@@ -120,6 +121,11 @@ extern "C" int us_stop(us_ctx *us)
     ranging_close(us->ranging);
     us->ranging = nullptr;
     return 0;
+}
+
+ready_hint *us_ready_hint(us_ctx *us)
+{
+    return us ? ranging_ready_hint(us->ranging) : nullptr;
 }
 
 extern "C" int us_read(us_ctx *us, uint32_t *updated)

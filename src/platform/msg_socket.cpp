@@ -12,6 +12,7 @@
 
 #include "common/owned.h"
 #include "platform/log.h"
+#include "platform/ready_poll.h"
 #include "platform/time_helpers.h"
 #include "platform/trust.h"
 
@@ -122,13 +123,15 @@ int send_all_or_nothing(int fd, const msg_frame *frame)
 // Reads what is pending into buf (up to cap) and hands every whole frame to
 // deliver. Returns the number of frames, -EPIPE when the peer closed or the
 // socket failed, -EBADMSG for a malformed frame. *len carries the bytes kept
-// between calls.
+// between calls. A read that did not fill the room took all there was: what
+// comes after it (a hang-up included) is for the next call.
 template <typename Deliver>
 int drain(int fd, uint8_t *buf, size_t cap, size_t *len, Deliver deliver)
 {
     int frames = 0;
-    for (;;) {
-        ssize_t n = recv(fd, buf + *len, cap - *len, MSG_DONTWAIT);
+    for (bool emptied = false; !emptied;) {
+        const size_t room = cap - *len;
+        ssize_t n = recv(fd, buf + *len, room, MSG_DONTWAIT);
         if (n == 0)
             return -EPIPE;
         if (n < 0) {
@@ -138,6 +141,7 @@ int drain(int fd, uint8_t *buf, size_t cap, size_t *len, Deliver deliver)
                 return frames;
             return -EPIPE;
         }
+        emptied = size_t(n) < room;
         *len += size_t(n);
         size_t used = 0;
         for (;;) {
@@ -155,6 +159,7 @@ int drain(int fd, uint8_t *buf, size_t cap, size_t *len, Deliver deliver)
         memmove(buf, buf + used, *len - used);
         *len -= used;
     }
+    return frames;
 }
 
 int64_t now_ms()
@@ -419,6 +424,7 @@ struct msg_context {
     // user id), until a trusted server is found.
     trust_refusals refusals;
     int64_t next_attempt_ms;
+    ready_hint hint; // on fd: the cycle's one poll
     size_t rx_len;
     uint8_t rx[kMsgMaxFrame];
 };
@@ -504,6 +510,7 @@ msg_context *context_create(msg_client_cb callback, void *user_data)
     if (!c)
         return nullptr;
     c->fd = -1;
+    c->hint = ready_hint_for(&c->fd);
     c->loop.epoll_fd = -1;
     c->callback = callback;
     c->user_data = user_data;
@@ -558,7 +565,7 @@ int context_process_fd(msg_context *context)
         c->reported_up = true;
         c->callback(c, MSG_EVENT_CONNECTED, nullptr, nullptr, c->user_data);
     }
-    if (c->fd < 0)
+    if (c->fd < 0 || ready_hint_take_empty(&c->hint, c->fd))
         return 0;
     const int fd = c->fd;
     int r = drain(fd, c->rx, sizeof c->rx, &c->rx_len, [c, fd](const msg_message &m) {
@@ -578,6 +585,11 @@ int context_process_fd(msg_context *context)
         c->callback(c, MSG_EVENT_DISCONNECTED, nullptr, nullptr, c->user_data);
     }
     return 0;
+}
+
+ready_hint *context_ready_hint(msg_context *context)
+{
+    return context ? &context->hint : nullptr;
 }
 
 int context_send(msg_context *context, const msg_frame *frame)

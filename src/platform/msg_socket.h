@@ -125,8 +125,12 @@ int context_connect(msg_context *context, const sockaddr *address, socklen_t len
 // Whether the connection is up at this moment.
 bool context_is_connected(const msg_context *context);
 // Processes everything pending without blocking. Number of messages handed
-// to the callback, or -EINVAL.
+// to the callback, or -EINVAL. When the cycle's one poll found nothing on
+// the connection (context_ready_hint), it does not ask again.
 int context_process_fd(msg_context *context);
+// The connection's hint for ready_poll.
+struct ready_hint;
+ready_hint *context_ready_hint(msg_context *context);
 // 0; -ENOTCONN when not connected; -EAGAIN when the socket is full (the
 // frame is not sent); -EPIPE when the connection broke.
 int context_send(msg_context *context, const msg_frame *frame);

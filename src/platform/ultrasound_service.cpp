@@ -106,6 +106,11 @@ ranging_handle *ranging_open(const ranging_settings *settings)
     return h.release();
 }
 
+ready_hint *ranging_ready_hint(ranging_handle *handle)
+{
+    return handle ? context_ready_hint(handle->context) : nullptr;
+}
+
 int ranging_read(ranging_handle *handle, ranging_result *result)
 {
     if (!handle || !result || !result->measure)

@@ -69,5 +69,8 @@ ranging_handle *ranging_open(const ranging_settings *settings);
 // there (not yet, or gone: the result keeps the last measurement, zeroed
 // before the first, with count 0); -EINVAL.
 int ranging_read(ranging_handle *handle, ranging_result *result);
+// The service connection's hint for ready_poll; null for a null handle.
+struct ready_hint;
+ready_hint *ranging_ready_hint(ranging_handle *handle);
 // Null is accepted.
 void ranging_close(ranging_handle *handle);
