@@ -45,9 +45,9 @@ done
 # Sizes of the run. The full run takes about two minutes after the build;
 # the quick one about twenty seconds.
 if [ $quick = 1 ]; then
-  cycles=200 cg_cycles=20 first_runs=3 tput_runs=1 tput_s=1 tlm_reps=2 tlm_min_time=0.01 age_s=1.5 stalls_s=3 replay_s=4
+  cycles=200 cg_cycles=20 st_cycles=200 first_runs=3 tput_runs=1 tput_s=1 tlm_reps=2 tlm_min_time=0.01 age_s=1.5 stalls_s=3 replay_s=4
 else
-  cycles=4000 cg_cycles=400 first_runs=9 tput_runs=5 tput_s=3 tlm_reps=5 tlm_min_time=0.2 age_s=10 stalls_s=8 replay_s=45
+  cycles=4000 cg_cycles=400 st_cycles=1000 first_runs=9 tput_runs=5 tput_s=3 tlm_reps=5 tlm_min_time=0.2 age_s=10 stalls_s=8 replay_s=45
 fi
 
 load_start=$(cut -d' ' -f1-3 /proc/loadavg)
@@ -159,6 +159,21 @@ measure_cycles() {
     echo "$(callgrind_groups "$dir/cg-$part.objects" "$n") $(callgrind_syscalls "$dir/callgrind.$part" "orlune_meter_$part" "$n")" \
       > "$dir/cg-$part.sum"
   done
+  # System calls as the kernel sees them, IMU wait included: strace over
+  # runs of st_cycles and three times as many; their difference per cycle
+  # leaves start-up and shut-down out. Clock reads are left out too: the
+  # plug-in's are answered in user space (vDSO), the meter's CPU-time clock
+  # is a system call of its own.
+  if command -v strace >/dev/null; then
+    local m
+    for m in 1 3; do
+      strace -f -c -o "$dir/strace-$m.txt" "$meter" cycles $((m * st_cycles)) 50 > /dev/null 2>&1 || true
+    done
+    awk -v n=$((2 * st_cycles)) 'FNR == 1 { f++ }
+      $1 ~ /^[0-9.]+$/ && $NF != "total" && $NF != "clock_gettime" { calls[f] += $4 }
+      END { if (calls[1] && calls[2]) printf "%.2f\n", (calls[2] - calls[1]) / n }' \
+      "$dir/strace-1.txt" "$dir/strace-3.txt" > "$dir/strace.sum"
+  fi
 }
 
 # The board's transport: the same per-cycle figures and an IMU age run,
@@ -420,7 +435,7 @@ host_lost=$(awk '{ s += $3 } END { print s }' "$work/tput.txt")
 transport_row() { printf '| %s | %s | %s | %s |\n' "$1" "$2" "${3:--}" "${4:--}"; }
 # cycle_figures DIR: "own_wall own_cpu wait_wall wait_cpu allocs_per_cycle
 # own_instructions own_syscalls wait_instructions wait_syscalls
-# own_plugin_instructions"
+# own_plugin_instructions syscalls_per_cycle (strace, IMU wait included)"
 cycle_figures() {
   local d=$1 own_sum wait_sum
   read -r -a own_sum < "$d/cg-own_step.sum"
@@ -429,7 +444,8 @@ cycle_figures() {
     "$(value wait_wall_us_mean "$d/cycles.txt") $(value wait_cpu_us_mean "$d/cycles.txt")" \
     "$(value own_allocs_per_cycle "$d/cycles.txt")" \
     "$((own_sum[0] + own_sum[1] + own_sum[2] + own_sum[3])) ${own_sum[4]}" \
-    "$((wait_sum[0] + wait_sum[1] + wait_sum[2] + wait_sum[3])) ${wait_sum[4]}" "${own_sum[0]}"
+    "$((wait_sum[0] + wait_sum[1] + wait_sum[2] + wait_sum[3])) ${wait_sum[4]}" "${own_sum[0]}" \
+    "$(cat "$d/strace.sum" 2>/dev/null | grep . || echo -)"
 }
 read -r -a net_fig < <(cycle_figures "$work")
 read -r net_age_reads net_age_med net_age_p99 net_age_max net_age_over < <(age_stats age-all)
@@ -488,6 +504,7 @@ transport_row "read + tlm_write without the IMU wait, wall µs" "${net_fig[0]}" 
 transport_row "the same, CPU µs" "${net_fig[1]}" "${board_fig[1]:-}" "${kernel_fig[1]:-}"
 transport_row "IMU wait, wall µs" "${net_fig[2]}" "${board_fig[2]:-}" "${kernel_fig[2]:-}"
 transport_row "IMU wait, CPU µs" "${net_fig[3]}" "${board_fig[3]:-}" "${kernel_fig[3]:-}"
+transport_row "system calls, IMU wait included (strace, clock reads aside)" "${net_fig[10]}" "${board_fig[10]:-}" "${kernel_fig[10]:-}"
 transport_row "system calls without the IMU wait (callgrind)" "${net_fig[6]}" "${board_fig[6]:-}" "${kernel_fig[6]:-}"
 transport_row "system calls in the IMU wait (callgrind)" "${net_fig[8]}" "${board_fig[8]:-}" "${kernel_fig[8]:-}"
 transport_row "instructions without the IMU wait (user space, callgrind)" "${net_fig[5]}" "${board_fig[5]:-}" "${kernel_fig[5]:-}"
@@ -568,6 +585,18 @@ instructions per cycle exceed its budget on either transport.
 |---|---|
 $(callgrind_top_own "$work/callgrind.own_step" "$(value cycles "$work/cg-own_step.txt")" 10)
 
+The largest part is the IMU batch's arithmetic, in \`imu_read\`: five scans
+converted, each vector turned into the vehicle's axes (nine products in
+single precision) and corrected (nine more in double), and once a batch the
+24 thermal polynomials (\`imu_calib_terms_at\`). Then the telemetry readers'
+copies (\`read_sample\`): the gimbal's latest five samples every cycle,
+whether or not new ones came, and the vision readers' latest sample, each
+copied whole out of the ring before it is handed out. The motor controller's
+sample (\`fetch\`: sixteen channels converted) and the frame's calls make
+most of the rest. Each channel's place in a scan is resolved once, when its
+buffer is made: libiio is not asked for it every cycle (its
+\`iio_buffer_first\` costs about 140 instructions a call, in libiio's row).
+
 **How the waits are separated.** \`bench/cycle_meter\` makes each cycle two
 calls: \`imu_wait\` (libiio's refill of the IMU buffer: blocked until the
 batch of five is complete, then receiving it), and the rest: \`imu_read\`,
@@ -589,7 +618,9 @@ the time of the batch's first IMU sample. It asks the IIO server for a sample
 only while one up to that time is due, so with the controller at the batch
 rate it makes one refill per cycle that finds its sample already delivered,
 and waits only when a due sample is late (the controller's delivery delay
-beyond the batch's span): a round trip, rarely a wait.
+beyond the batch's span): a round trip, rarely a wait. On a board (libiio's
+local backend) that refill first reads without waiting: a due sample that is
+there costs one read, without the poll a waiting refill makes first.
 Second, round trips to the IIO server over libiio's network backend: one
 refill per polled IIO device per cycle (the barometer and magnetometer mostly
 answer -EAGAIN), each a request and an answer on the socket, with system calls

@@ -31,7 +31,7 @@ all=(
   libiio-utils
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev llvm
-  valgrind
+  valgrind strace
 )
 
 purpose=${1:-all}

@@ -64,6 +64,16 @@ for own in $(grep -E -- "$own_row" "$out" | head -1 | awk -F'|' '{ print $3, $4 
     failures=$((failures + 1))
   fi
 done
+# And the system calls a board makes per cycle, as the kernel counts them.
+sys_budget=5
+strace_row="^\| system calls, IMU wait included \(strace, clock reads aside\) \| $num \| ($board) \| - \|$"
+expect "transports, system calls (strace)" "$strace_row"
+board_sys=$(grep -E -- "$strace_row" "$out" | head -1 | awk -F'|' '{ gsub(/ /, ""); print $4 }')
+echo "system calls per cycle on the board's transport, IMU wait included: $board_sys, budget $sys_budget"
+if [ -n "$board_sys" ] && [ "$board_sys" != - ] && ! awk -v v="$board_sys" -v b="$sys_budget" 'BEGIN { exit !(v <= b) }'; then
+  echo "FAIL: the board's transport makes $board_sys system calls per cycle, over the budget of $sys_budget"
+  failures=$((failures + 1))
+fi
 expect "transports, IMU age" "^\| IMU age at read return, median / p99 / max ms [^|]*\| $num / $num / $num \| ($board / $board / $board|-) \| - \|$"
 # Cost per cycle: times, the step table, instructions split by object.
 positive "own wall time" "^\| read \+ tlm_write without the IMU wait \| $num \| $num \|$"
