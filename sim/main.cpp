@@ -146,11 +146,12 @@ int replay_main(const std::string &path, bool fast, bool capture_clock, bool loo
         return 2;
     }
     sim::replay_clock clock(start);
-    // A loop's pass lasts from the start to the capture's last record, which
-    // comes after every scan it holds.
-    const int64_t loop_ns = loop ? std::max<int64_t>(capture->last_ns() - start, 1) : 0;
+    // A loop's pass lasts at most from the start to the capture's last
+    // record, which comes after every scan it holds; it ends one period
+    // after the IMU's last scan.
+    int64_t loop_ns = loop ? std::max<int64_t>(capture->last_ns() - start, 1) : 0;
     std::vector<sim::replay_device> devices;
-    if (sim::replay_devices(*capture, clock, start, loop_ns, &devices, &error) != 0) {
+    if (sim::replay_devices(*capture, clock, start, &loop_ns, &devices, &error) != 0) {
         std::fprintf(stderr, "orlune-sim: %s\n", error.c_str());
         return 2;
     }
@@ -178,9 +179,10 @@ int replay_main(const std::string &path, bool fast, bool capture_clock, bool loo
     std::printf("IIOD_REMOTE=%s\n", server->uri().c_str());
     board.print();
     std::printf("SMARTBATTERY_DIR=%s\n", battery_dir.c_str());
+    const int64_t end = loop ? start + loop_ns : capture->last_ns();
     std::printf("REPLAY_START=%lld.%09lld\nREPLAY_END=%lld.%09lld\n", static_cast<long long>(start / 1000000000),
-                static_cast<long long>(start % 1000000000), static_cast<long long>(capture->last_ns() / 1000000000),
-                static_cast<long long>(capture->last_ns() % 1000000000));
+                static_cast<long long>(start % 1000000000), static_cast<long long>(end / 1000000000),
+                static_cast<long long>(end % 1000000000));
     std::printf("# replay of '%s' (%s), %.3f s from %.3f s, %s%s\n", path.c_str(),
                 std::string(capture->head().get("source")).c_str(),
                 static_cast<double>(capture->last_ns() - start) / 1e9, seek_s,

@@ -112,8 +112,11 @@ struct replay_device {
 // The capture's streaming devices; attribute values recorded up to start_ns
 // are the initial ones, later ones are served once the clock passes them.
 // 0, or -EINVAL with *error saying what does not fit.
-// loop_ns: see replay_device (0: one pass).
-int replay_devices(const replay_capture &capture, const replay_clock &clock, int64_t start_ns, int64_t loop_ns,
+// *loop_ns: see replay_device (0: one pass). A loop's pass, given as the
+// time from the start to the capture's end, is narrowed to end one period
+// after the last scan of the device that streams the most (the IMU), so
+// that its scans go on across the seam without a gap.
+int replay_devices(const replay_capture &capture, const replay_clock &clock, int64_t start_ns, int64_t *loop_ns,
                    std::vector<replay_device> *out, std::string *error);
 
 // The streams that do not go through the IIO server: the battery's files,

@@ -51,6 +51,7 @@ public:
             changes_.push_back({t, file, value});
     }
     void set_blocking(bool blocking) { blocking_ = blocking; }
+    void set_loop(int64_t loop) { loop_ = loop; }
 
     void sample(const vehicle &, double, uint64_t, int64_t *raw) const override
     {
@@ -109,9 +110,11 @@ uint64_t replay_device::until(int64_t t) const
     return passes * n + static_cast<uint64_t>(std::upper_bound(first, stamps.end(), t) - first);
 }
 
-int replay_devices(const replay_capture &capture, const replay_clock &clock, int64_t start_ns, int64_t loop_ns,
+int replay_devices(const replay_capture &capture, const replay_clock &clock, int64_t start_ns, int64_t *loop,
                    std::vector<replay_device> *out, std::string *error)
 {
+    const int64_t loop_ns = *loop;
+    std::vector<recorded_model *> models;
     const std::string &xml = capture.context_xml();
     if (xml.empty()) {
         *error = "replay: the capture has no IIO description";
@@ -255,12 +258,26 @@ int replay_devices(const replay_capture &capture, const replay_clock &clock, int
                             model->record_value(r.time_ns, start_ns, std::string(a.name), std::string(a.value));
                         }
             }
+        models.push_back(model.get());
         d.model = std::move(model);
         out->push_back(std::move(d));
     }
     if (out->empty()) {
         *error = "replay: the capture holds no IIO device that streams";
         return -EINVAL;
+    }
+    const replay_device *fastest = nullptr;
+    for (const replay_device &d : *out)
+        if (d.per_pass() >= 2 && (!fastest || d.per_pass() > fastest->per_pass()))
+            fastest = &d;
+    if (loop_ns && fastest) {
+        const int64_t span = fastest->stamps.back() - fastest->stamps[fastest->base];
+        const int64_t seam = span + span / static_cast<int64_t>(fastest->per_pass() - 1);
+        *loop = std::min(loop_ns, std::max<int64_t>(seam, 1));
+        for (replay_device &d : *out)
+            d.loop_ns = *loop;
+        for (recorded_model *m : models)
+            m->set_loop(*loop);
     }
     return 0;
 }
