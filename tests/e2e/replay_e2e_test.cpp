@@ -9,11 +9,12 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <filesystem>
 #include <cmath>
+#include <filesystem>
+#include <limits>
 #include <map>
-#include <set>
 #include <regex>
+#include <set>
 #include <sstream>
 #include <thread>
 
@@ -125,20 +126,34 @@ TEST_F(ReplayEndToEnd, ReplaysMatchEachOtherAndTheLiveFlight)
         const auto next = live_starts.upper_bound(t);
         return next != live_starts.begin() && next != live_starts.end() && *next - *std::prev(next) > 0.0075;
     };
+    // A live host that lost part of a batch (the server keeps a lagging
+    // reader's newest scans) takes its batches five scans at a time from a
+    // shifted start after that: from then on it has none to match.
+    double shifted_from = std::numeric_limits<double>::infinity();
+    for (auto a = live_starts.begin(), b = std::next(a); a != live_starts.end() && b != live_starts.end(); a++, b++) {
+        const double periods = (*b - *a) / 0.005;
+        if (std::fabs(periods - std::round(periods)) > 0.1) {
+            shifted_from = *a;
+            break;
+        }
+    }
     for (const csv *replayed : {&fast1, &paced}) {
         std::map<std::string, const std::vector<std::string> *> live_batches;
         for (const auto &row : live.rows)
             live_batches[row[t0]] = &row;
+        size_t matched = 0;
         for (const auto &row : replayed->rows) {
             auto it = live_batches.find(row[t0]);
-            if (it == live_batches.end() && lost_live(std::stod(row[t0])))
+            if (it == live_batches.end() && (lost_live(std::stod(row[t0])) || std::stod(row[t0]) > shifted_from))
                 continue;
+            matched++;
             ASSERT_NE(it, live_batches.end()) << "a replayed batch the live flight never had: " << row[t0];
             for (size_t c = 1; c < names.size(); c++)
                 if (starts_with_any(names[c], {"imu_", "gyro_", "accel_"})) {
                     ASSERT_EQ(row[c], (*it->second)[c]) << names[c] << " of the batch at " << row[t0];
                 }
         }
+        EXPECT_GT(matched, 0u) << "no replayed batch met its live one";
     }
     EXPECT_GT(paced.rows.size(), fast1.rows.size() * 9 / 10) << "the original pace delivers the flight";
 
