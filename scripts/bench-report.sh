@@ -527,7 +527,7 @@ simulator feeding the driver from the same guest: its wall times and IMU
 ages are the emulation's, many times a board's, and say nothing of one. Its
 system calls and instructions count what the plug-in did in those cycles,
 on the kernel's own attribute files and character devices; but under
-callgrind in the guest the plug-in falls behind its devices and catches
+callgrind and strace in the guest the plug-in falls behind its devices and catches
 up, which a board does not make it do: ${kernel_warnings:-no} warnings in the
 ${n_cg_kernel:-} cycles of the kernel's callgrind run (the motor controller's
 samples flushed, each a formatted message and a write).
@@ -585,10 +585,12 @@ instructions per cycle exceed its budget on either transport.
 |---|---|
 $(callgrind_top_own "$work/callgrind.own_step" "$(value cycles "$work/cg-own_step.txt")" 10)
 
-The largest part is the IMU batch's arithmetic, in \`imu_read\`: five scans
-converted, each vector turned into the vehicle's axes (nine products in
-single precision) and corrected (nine more in double), and once a batch the
-24 thermal polynomials (\`imu_calib_terms_at\`). Then the telemetry readers'
+The largest part is the IMU batch's arithmetic, in \`imu_read\` and the
+helpers it inlines (whose lines the table counts under their own headers,
+in the rest): five scans converted, each vector turned into the vehicle's
+axes (nine products in single precision) and corrected (nine more in
+double), about 1,700 instructions a batch in all, and once a batch the 24
+thermal polynomials (\`imu_calib_terms_at\`). Then the telemetry readers'
 copies (\`read_sample\`): the gimbal's latest five samples every cycle,
 whether or not new ones came, and the vision readers' latest sample, each
 copied whole out of the ring before it is handed out. The motor controller's
