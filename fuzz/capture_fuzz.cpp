@@ -37,8 +37,8 @@ void read_all(const uint8_t *data, size_t size)
         return;
     sim::replay_clock clock(replayed->first_ns());
     std::vector<sim::replay_device> devices;
-    const int64_t pass = std::max<int64_t>(replayed->last_ns() - replayed->first_ns(), 1);
-    if (sim::replay_devices(*replayed, clock, replayed->first_ns(), pass, &devices, &error) == 0)
+    int64_t pass = std::max<int64_t>(replayed->last_ns() - replayed->first_ns(), 1);
+    if (sim::replay_devices(*replayed, clock, replayed->first_ns(), &pass, &devices, &error) == 0)
         for (const sim::replay_device &d : devices)
             if (d.per_pass() && d.until(d.stamp(d.per_pass() - 1)) < d.per_pass())
                 __builtin_trap(); // a pass's last scan is stamped after all the others
