@@ -8,8 +8,8 @@
 #include <cerrno>
 #include <cstring>
 
-#include "common/owned.h"
 #include "calib/calib_sets.h"
+#include "common/owned.h"
 #include "platform/iio_helper.h"
 #include "platform/log.h"
 #include "platform/sched_config.h"
