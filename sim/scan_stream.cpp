@@ -113,12 +113,7 @@ void scan_stream::pump(const setup &s, const sink &to, std::unique_ptr<scan_stre
         if (!running_ || r <= 0)
             continue;
         const char *got = static_cast<const char *>(iio_buffer_start(buf));
-        size_t bytes = static_cast<size_t>(r) / scan * scan;
-        if (s.batch <= 1 || (pending.empty() && bytes == batch_bytes)) {
-            to(got, bytes / scan, scan);
-            continue;
-        }
-        pending.insert(pending.end(), got, got + bytes);
+        pending.insert(pending.end(), got, got + static_cast<size_t>(r) / scan * scan);
         const size_t whole = pending.size() / batch_bytes * batch_bytes;
         if (whole > 0) {
             to(pending.data(), whole / scan, scan);

@@ -36,7 +36,7 @@ struct barometer_ctx {
     iio_device *device;
     iio_device *trigger;
     iio_buffer *buffer;
-    polled::source source; // the buffer, for the cycle's one poll
+    polled::source source; // what the cycle's one poll found on buffer
     iio_channel *channels[CHANNEL_COUNT];
     channel_decoder decoders[CHANNEL_COUNT];
     double pressure_offset; // raw units; always 0
@@ -162,7 +162,7 @@ extern "C" int barometer_read(barometer_ctx *baro, uint32_t *updated)
 {
     if (!baro || !updated)
         return -EINVAL;
-    int r = polled::poll(&baro->source);
+    int r = polled::poll(baro->buffer, &baro->source);
     if (r <= 0)
         return r;
     sensors_baro_data &d = *baro->record;

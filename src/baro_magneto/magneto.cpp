@@ -38,7 +38,7 @@ struct magneto_ctx {
     iio_device *device;
     iio_device *trigger;
     iio_buffer *buffer;
-    polled::source source; // the buffer, for the cycle's one poll
+    polled::source source; // what the cycle's one poll found on buffer
     iio_channel *channels[CHANNEL_COUNT];
     channel_decoder decoders[CHANNEL_COUNT];
     double scales[3];   // uT per raw unit
@@ -212,7 +212,7 @@ extern "C" int magneto_read(magneto_ctx *magneto, uint32_t *updated, float tempe
 {
     if (!magneto || !updated)
         return -EINVAL;
-    int r = polled::poll(&magneto->source);
+    int r = polled::poll(magneto->buffer, &magneto->source);
     if (r <= 0)
         return r;
     sensors_magneto_data &d = *magneto->record;

@@ -3,7 +3,8 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
+
+#include "platform/iio_helper.h"
 
 namespace polled {
 
@@ -20,20 +21,18 @@ int as_status(int r)
 
 void watch(source *s, iio_buffer *buffer)
 {
-    s->buffer = buffer;
     s->fd = -1;
     const iio_device *device = buffer ? iio_buffer_get_device(buffer) : nullptr;
-    const char *backend = device ? iio_context_get_name(iio_device_get_context(device)) : nullptr;
-    if (backend && std::strcmp(backend, "local") == 0)
+    if (device && context_is_local(iio_device_get_context(device)))
         s->fd = std::max(iio_buffer_get_poll_fd(buffer), -1);
     s->hint = ready_hint_for(&s->fd);
 }
 
-int poll(source *s)
+int poll(iio_buffer *buffer, source *s)
 {
     if (ready_hint_take_empty(&s->hint, s->fd))
         return 0;
-    ssize_t r = iio_buffer_refill(s->buffer);
+    ssize_t r = iio_buffer_refill(buffer);
     if (r == -EAGAIN || r == 0)
         return 0;
     return int(r);

@@ -41,9 +41,8 @@ const char *device_name(const iio_device *device);
 // write returned.
 int as_status(int r);
 
-// The polled buffer and what the cycle's one poll found on it.
+// What the cycle's one poll found on a polled buffer.
 struct source {
-    iio_buffer *buffer;
     int fd;          // the buffer's descriptor where it tells (a board's); -1 elsewhere
     ready_hint hint; // on fd
 };
@@ -53,7 +52,7 @@ void watch(source *s, iio_buffer *buffer);
 // One refill of the polled buffer: the byte count of a new scan, 0 when no
 // scan was waiting (-EAGAIN, an empty refill, or the cycle's poll found
 // none), else the negative errno.
-int poll(source *s);
+int poll(iio_buffer *buffer, source *s);
 
 // Creates the producer of section, registers record with layout_of(kind),
 // completes it. Each failure is logged under tag as its module's own

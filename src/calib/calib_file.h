@@ -64,7 +64,6 @@ inline double calib_poly_eval(const calib_poly &poly, double x)
     return value;
 }
 
-
 // Value and slope of the polynomial at temp_min and temp_max; all zero for a
 // polynomial never loaded.
 calib_extrap compute_linear_extrap_coefs(const calib_poly &poly, const calib_range &range);
@@ -80,7 +79,6 @@ inline double calib_poly_eval_extrap(const calib_poly &poly, const calib_extrap 
         return extrap.value_lo + extrap.slope_lo * (temperature_k - range.temp_min);
     return extrap.value_hi + extrap.slope_hi * (temperature_k - range.temp_max);
 }
-
 
 // One known polynomial of a set: the loader stores an accepted line named
 // `name` into *poly and raises *largest to its count.

@@ -303,9 +303,10 @@ extern "C" int imu_read(imu_ctx *imu, uint32_t *updated)
     const iio_buffer *buffer = imu->buffer;
     const ptrdiff_t step = iio_buffer_step(buffer);
     const char *end = static_cast<const char *>(iio_buffer_end(buffer));
+    const char *start = static_cast<const char *>(iio_buffer_start(buffer));
     const char *p[CHANNEL_COUNT];
     for (int c = 0; c < CHANNEL_COUNT; c++)
-        p[c] = buffer_first(buffer, imu->decoders[c]);
+        p[c] = buffer_first(buffer, start, imu->decoders[c]);
     const size_t accel_count = scans_holding(p[ACCEL_X], end, step, imu->fifo_size);
     const size_t gyro_count = scans_holding(p[ANGLVEL_X], end, step, imu->fifo_size);
     const size_t temp_count = scans_holding(p[TEMP], end, step, imu->fifo_size);

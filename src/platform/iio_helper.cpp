@@ -531,14 +531,19 @@ context_timeout_entry *timeout_entry(const iio_context *ctx)
 
 } // namespace
 
+bool context_is_local(const iio_context *ctx)
+{
+    const char *backend = ctx ? iio_context_get_name(ctx) : nullptr;
+    return backend && std::strcmp(backend, "local") == 0;
+}
+
 unsigned context_timeout(const iio_context *ctx)
 {
     if (!ctx)
         return 0;
     if (const context_timeout_entry *e = timeout_entry(ctx))
         return e->timeout_ms;
-    const char *backend = iio_context_get_name(ctx);
-    const unsigned timeout_ms = backend && std::strcmp(backend, "local") == 0 ? kLocalTimeoutMs : kRemoteTimeoutMs;
+    const unsigned timeout_ms = context_is_local(ctx) ? kLocalTimeoutMs : kRemoteTimeoutMs;
     // Kept where a slot is free, so that the next question is one comparison.
     if (context_timeout_entry *e = timeout_entry(nullptr))
         *e = {ctx, timeout_ms};

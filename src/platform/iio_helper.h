@@ -119,13 +119,16 @@ channel_decoder channel_decoder_of(const iio_channel *channel);
 // The same, and the channel's place in the scans of buffer.
 channel_decoder channel_decoder_of(const iio_channel *channel, const iio_buffer *buffer);
 
-// The channel's value in the buffer's first scan: iio_buffer_first, without
-// asking libiio once the place is known.
+// The channel's value in the buffer's first scan, start being
+// iio_buffer_start(buffer): iio_buffer_first, without asking libiio once
+// the place is known.
+inline const char *buffer_first(const iio_buffer *buffer, const char *start, const channel_decoder &d)
+{
+    return d.placed ? start + d.offset : static_cast<const char *>(iio_buffer_first(buffer, d.channel));
+}
 inline const char *buffer_first(const iio_buffer *buffer, const channel_decoder &d)
 {
-    if (d.placed)
-        return static_cast<const char *>(iio_buffer_start(buffer)) + d.offset;
-    return static_cast<const char *>(iio_buffer_first(buffer, d.channel));
+    return buffer_first(buffer, static_cast<const char *>(iio_buffer_start(buffer)), d);
 }
 
 // channel_convert_int(d.channel, src), computed inline for a plain format.
@@ -142,6 +145,11 @@ inline int64_t channel_decode(const channel_decoder &d, const void *src)
     v = (v >> d.shift) << d.unused;
     return d.is_signed ? static_cast<int64_t>(v) >> d.unused : static_cast<int64_t>(v >> d.unused);
 }
+
+// Whether the context is libiio's local backend: a board reading its own
+// devices (character devices that can be polled, refills that can be asked
+// not to wait).
+bool context_is_local(const iio_context *ctx);
 
 // The IIO context's timeout in force, in milliseconds. libiio can set a
 // context's timeout but not tell it, so the platform keeps, per context, the

@@ -128,8 +128,7 @@ int fetch(motor_client *client, sample *out)
     const iio_buffer *buffer = client->buffer;
     const char *scan = static_cast<const char *>(iio_buffer_start(buffer));
     auto field = [&](channel_index c) {
-        const channel_decoder &d = client->decoders[c];
-        return channel_decode(d, d.placed ? scan + d.offset : buffer_first(buffer, d));
+        return channel_decode(client->decoders[c], buffer_first(buffer, scan, client->decoders[c]));
     };
     for (int m = 0; m < SENSORS_MOTOR_COUNT; m++) {
         out->speed[m] = uint16_t(field(channel_index(SPEED0 + m)));
@@ -193,9 +192,7 @@ motor_client *controller_open(iio_device *trigger, iio_context *ctx, const char 
         client->decoders[i] = channel_decoder_of(client->channels[i], client->buffer);
     // Only libiio's local backend can be asked not to wait for one refill
     // (the mode is the device's, switched without a system call).
-    const char *backend = iio_context_get_name(ctx);
-    client->read_first = blocking && backend && strcmp(backend, "local") == 0 &&
-                         iio_buffer_set_blocking_mode(client->buffer, true) == 0;
+    client->read_first = blocking && context_is_local(ctx) && iio_buffer_set_blocking_mode(client->buffer, true) == 0;
     // Nothing is queued before controller_enable.
     const int r = device_disable(client->device, client->trigger);
     if (r < 0) {
