@@ -14,7 +14,6 @@
 #include <limits>
 #include <map>
 #include <regex>
-#include <set>
 #include <sstream>
 #include <thread>
 
@@ -119,32 +118,32 @@ TEST_F(ReplayEndToEnd, ReplaysMatchEachOtherAndTheLiveFlight)
     // live host may have lost a batch that the capture kept: then its
     // recording has a gap there.
     const size_t t0 = live.col("imu_t0");
-    std::set<double> live_starts;
+    std::map<double, const std::vector<std::string> *> live_batches; // by first timestamp
     for (const auto &row : live.rows)
-        live_starts.insert(std::stod(row[t0]));
+        live_batches[std::stod(row[t0])] = &row;
     const auto lost_live = [&](double t) {
-        const auto next = live_starts.upper_bound(t);
-        return next != live_starts.begin() && next != live_starts.end() && *next - *std::prev(next) > 0.0075;
+        const auto next = live_batches.upper_bound(t);
+        return next != live_batches.begin() && next != live_batches.end() &&
+               next->first - std::prev(next)->first > 0.0075;
     };
     // A live host that lost part of a batch (the server keeps a lagging
     // reader's newest scans) takes its batches five scans at a time from a
     // shifted start after that: from then on it has none to match.
     double shifted_from = std::numeric_limits<double>::infinity();
-    for (auto a = live_starts.begin(), b = std::next(a); a != live_starts.end() && b != live_starts.end(); a++, b++) {
-        const double periods = (*b - *a) / 0.005;
+    for (auto a = live_batches.begin(), b = std::next(a); a != live_batches.end() && b != live_batches.end();
+         a++, b++) {
+        const double periods = (b->first - a->first) / 0.005;
         if (std::fabs(periods - std::round(periods)) > 0.1) {
-            shifted_from = *a;
+            shifted_from = a->first;
             break;
         }
     }
     for (const csv *replayed : {&fast1, &paced}) {
-        std::map<std::string, const std::vector<std::string> *> live_batches;
-        for (const auto &row : live.rows)
-            live_batches[row[t0]] = &row;
         size_t matched = 0;
         for (const auto &row : replayed->rows) {
-            auto it = live_batches.find(row[t0]);
-            if (it == live_batches.end() && (lost_live(std::stod(row[t0])) || std::stod(row[t0]) > shifted_from))
+            const double start = std::stod(row[t0]);
+            auto it = live_batches.find(start);
+            if (it == live_batches.end() && (lost_live(start) || start > shifted_from))
                 continue;
             matched++;
             ASSERT_NE(it, live_batches.end()) << "a replayed batch the live flight never had: " << row[t0];

@@ -99,6 +99,24 @@ void list_attrs(const iio_device *dev, device_stream *s)
         s->attrs.push_back({attr_scope::trigger, "", "current_trigger", "", false});
 }
 
+// The trigger attached to dev: 1 with its name, 0 when none is (a kernel's
+// empty current_trigger reads as -EIO), or the negative errno of the query.
+int attached_trigger(const iio_device *dev, std::string *name)
+{
+    const iio_device *trig = nullptr;
+    const int rc = iio_device_get_trigger(dev, &trig);
+    if (rc == 0 && trig) {
+        const char *n = iio_device_get_name(trig);
+        *name = n ? n : iio_device_get_id(trig);
+        return 1;
+    }
+    if (rc == -ENODEV || rc == -EIO || (rc == 0 && !trig)) {
+        name->clear();
+        return 0;
+    }
+    return rc < 0 ? rc : -EIO;
+}
+
 // Reads one attribute; false when it cannot be read now (a write-only
 // attribute, a device that went away).
 bool read_attr(const iio_device *dev, const attr_key &a, std::string *value)
@@ -121,21 +139,8 @@ bool read_attr(const iio_device *dev, const attr_key &a, std::string *value)
     }
     case capture::attr_scope::observed:
         return false;
-    case capture::attr_scope::trigger: {
-        const iio_device *trig = nullptr;
-        const int rc = iio_device_get_trigger(dev, &trig);
-        if (rc == 0 && trig) {
-            const char *name = iio_device_get_name(trig);
-            *value = name ? name : iio_device_get_id(trig);
-            return true;
-        }
-        // -EIO: a kernel's empty current_trigger, none attached.
-        if (rc == -ENODEV || rc == -EIO || (rc == 0 && !trig)) {
-            value->clear();
-            return true;
-        }
-        return false;
-    }
+    case capture::attr_scope::trigger:
+        return attached_trigger(dev, value) >= 0;
     }
     if (n < 0)
         return false;
@@ -169,9 +174,14 @@ void stream_device(const std::string &uri, device_stream *s, shared_writer *w)
     // without one: a device streams once the host has set it up. Looked at
     // every 100 ms; the stop is seen within 5, so that the capture's end
     // (its last record) follows the other devices' last scans closely.
+    std::string trigger;
     for (int tick = 0;; tick++) {
-        const iio_device *trig = nullptr;
-        if (tick % 20 == 0 && iio_device_get_trigger(dev, &trig) == 0 && trig)
+        const int attached = tick % 20 == 0 ? attached_trigger(dev, &trigger) : 0;
+        if (attached < 0) {
+            s->failed = -attached;
+            return;
+        }
+        if (attached)
             break;
         if (g_stop)
             return;
