@@ -5,6 +5,7 @@
 
 #include <libconfig.h>
 
+#include <algorithm>
 #include <array>
 #include <cctype>
 #include <cerrno>
@@ -26,6 +27,10 @@ constexpr std::array<double, 4> kDefaultDeliveryPeriods{0.0, 0.0, 0.0, 0.1};
 // An explicit delivery-delay stays below this, s.
 constexpr double kMaxDeliveryDelayS = 1.0;
 static_assert(kDefaultDeliveryPeriods.size() == kDeviceKinds.size());
+// Times a scenario may fly its list of phases.
+constexpr int kMaxRepeat = 1000;
+// Coefficients a drift polynomial may have: c0 to c7.
+constexpr int kMaxDriftCoeffs = 8;
 constexpr std::array<const char *, 5> kFaultKinds{"refill-error", "short-batch", "stall", "disconnect",
                                                     "motor-error"};
 
@@ -134,6 +139,73 @@ public:
         return 0;
     }
 
+    // A polynomial: an array or a list of 1 to kMaxDriftCoeffs numbers.
+    int poly(const config_setting_t *s, const char *key, drift_poly *out)
+    {
+        const int n = config_setting_length(s);
+        if (!(config_setting_is_array(s) || config_setting_is_list(s)) || n < 1 || n > kMaxDriftCoeffs)
+            return fail(s, std::string("'") + key + "' needs polynomials of 1 to " + std::to_string(kMaxDriftCoeffs) +
+                               " coefficients, each in [ ]");
+        out->resize(size_t(n));
+        for (int i = 0; i < n; i++)
+            if (!config_number(config_setting_get_elem(s, unsigned(i)), &(*out)[size_t(i)]))
+                return fail(s, std::string("'") + key + "' must hold numbers");
+        return 0;
+    }
+
+    // A list of N polynomials, one per axis (or per matrix entry, row-major).
+    template <size_t N>
+    int polys(const config_setting_t *group, const char *key, std::array<drift_poly, N> *out)
+    {
+        const config_setting_t *s = config_setting_get_member(group, key);
+        if (!s)
+            return 0;
+        if (!config_setting_is_list(s) || config_setting_length(s) != int(N))
+            return fail(s, std::string("'") + key + "' must be a list of " + std::to_string(N) + " polynomials");
+        for (size_t i = 0; i < N; i++) {
+            const int rc = poly(config_setting_get_elem(s, unsigned(i)), key, &(*out)[i]);
+            if (rc)
+                return rc;
+        }
+        return 0;
+    }
+
+    // The unit's true drift; only the keys of the device's kind.
+    int drift(const config_setting_t *device, device_kind kind, std::optional<unit_drift> *out)
+    {
+        const config_setting_t *g = config_setting_get_member(device, "drift");
+        if (!g)
+            return 0;
+        if (!config_setting_is_group(g))
+            return fail(g, "'drift' must be a group");
+        static constexpr std::array<std::pair<const char *, device_kind>, 6> kKeys{{{"gyro-bias", device_kind::imu},
+                                                                                     {"accel-bias", device_kind::imu},
+                                                                                     {"gyro-scale", device_kind::imu},
+                                                                                     {"accel-scale", device_kind::imu},
+                                                                                     {"pressure-bias", device_kind::baro},
+                                                                                     {"field-bias", device_kind::magneto}}};
+        for (int i = 0; i < config_setting_length(g); i++) {
+            const config_setting_t *e = config_setting_get_elem(g, unsigned(i));
+            const std::string_view name = config_setting_name(e);
+            if (name == "temp-0")
+                continue;
+            auto known = std::find_if(kKeys.begin(), kKeys.end(), [&](const auto &k) { return name == k.first; });
+            if (known == kKeys.end() || known->second != kind)
+                return fail(e, "'drift' of a device of kind '" + std::string(device_kind_name(kind)) +
+                                   "' has no key '" + std::string(name) + "'");
+        }
+        unit_drift d;
+        const config_setting_t *pressure = config_setting_get_member(g, "pressure-bias");
+        int rc;
+        if ((rc = number(g, "temp-0", &d.temp0_k, true)) || (rc = polys(g, "gyro-bias", &d.gyro_bias)) ||
+            (rc = polys(g, "accel-bias", &d.accel_bias)) || (rc = polys(g, "gyro-scale", &d.gyro_scale)) ||
+            (rc = polys(g, "accel-scale", &d.accel_scale)) || (rc = polys(g, "field-bias", &d.field_bias)) ||
+            (pressure && (rc = poly(pressure, "pressure-bias", &d.pressure_bias))))
+            return rc;
+        *out = std::move(d);
+        return 0;
+    }
+
     int device(const config_setting_t *g, scenario_device *d)
     {
         std::string kind;
@@ -148,7 +220,8 @@ public:
             (rc = number(g, "noise", &d->noise_counts)) || (rc = number(g, "warm-up-rise", &d->warm.rise_k)) ||
             (rc = number(g, "warm-up-time-constant", &d->warm.time_constant_s)) ||
             (rc = number(g, "supply-voltage", &d->supply_voltage)) || (rc = integer(g, "flight-time", &d->flight_time_s)) ||
-            (rc = number(g, "delivery-delay", &d->delivery_delay_s)) || (rc = attributes(g, &d->attributes)))
+            (rc = number(g, "delivery-delay", &d->delivery_delay_s)) || (rc = attributes(g, &d->attributes)) ||
+            (rc = drift(g, d->kind, &d->drift)))
             return rc;
         return 0;
     }
@@ -204,6 +277,7 @@ public:
     int all(const config_setting_t *root, scenario *s)
     {
         double seed = static_cast<double>(s->seed);
+        int repeat = 1; // times the list of phases is flown
         int rc;
         if ((rc = text(root, "name", &s->name)) || (rc = number(root, "seed", &seed)) ||
             (rc = number(root, "ambient-temperature", &s->ambient_k)) ||
@@ -212,8 +286,14 @@ public:
             (rc = numbers(root, "earth-field", &s->earth_field_gauss)) ||
             (rc = list(root, "devices", &s->devices, &reader::device)) ||
             (rc = list(root, "phases", &s->phases, &reader::phase)) ||
-            (rc = list(root, "faults", &s->faults, &reader::fault)))
+            (rc = list(root, "faults", &s->faults, &reader::fault)) || (rc = integer(root, "repeat", &repeat)))
             return rc;
+        if (repeat < 1 || repeat > kMaxRepeat)
+            return fail(config_setting_get_member(root, "repeat"),
+                        "'repeat' must be from 1 to " + std::to_string(kMaxRepeat));
+        const std::vector<scenario_phase> cycle = s->phases;
+        for (int i = 1; i < repeat; i++)
+            s->phases.insert(s->phases.end(), cycle.begin(), cycle.end());
         // 2^64: the first value a seed cannot hold.
         if (!(seed >= 0 && seed < 18446744073709551616.0))
             return fail(config_setting_get_member(root, "seed"), "'seed' must be from 0 to 2^64 - 1");
@@ -261,6 +341,14 @@ int parse_config(config_t *cfg, scenario *out, std::string *error)
 }
 
 } // namespace
+
+double drift_poly_eval(const drift_poly &poly, double x)
+{
+    double value = 0.0;
+    for (auto c = poly.rbegin(); c != poly.rend(); ++c)
+        value = value * x + *c;
+    return value;
+}
 
 const char *device_kind_name(device_kind kind)
 {

@@ -26,6 +26,26 @@ struct warm_up {
     double time_constant_s = 60.0;
 };
 
+// A polynomial of the die temperature T in x = T - temp0, coefficients in
+// ascending powers; empty: the entry's default (0, or 1 on a diagonal).
+using drift_poly = std::vector<double>;
+
+double drift_poly_eval(const drift_poly &poly, double x);
+
+// How a unit drifts for real: what the sensor adds and multiplies, known to
+// the simulator only. A reading is S(T) truth + b(T), in the axes its thermal
+// stage works in (the vehicle's by default). With one, the device ignores the
+// calibration files, so a recording shows the unit as it is.
+struct unit_drift {
+    double temp0_k = 318.15;
+    std::array<drift_poly, 3> gyro_bias;   // rad/s, x y z
+    std::array<drift_poly, 3> accel_bias;  // m/s²
+    std::array<drift_poly, 9> gyro_scale;  // row-major, row: output axis
+    std::array<drift_poly, 9> accel_scale;
+    drift_poly pressure_bias;              // Pa
+    std::array<drift_poly, 3> field_bias;  // µT, x y z
+};
+
 struct scenario_device {
     device_kind kind = device_kind::imu;
     std::string name;             // IIO device name
@@ -48,6 +68,9 @@ struct scenario_device {
     // a device tree that reports odd ones (a zero or NaN scale). Only what the
     // device reports changes; its samples are still made with its own values.
     std::vector<std::pair<std::string, std::string>> attributes;
+    // The unit's own thermal drift; unset: the inverse of the calibration
+    // files (thermal.h).
+    std::optional<unit_drift> drift;
 };
 
 struct scenario_phase {

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "sim/thermal.h"
 
+#include <array>
 #include <cerrno>
 #include <memory>
 #include <span>
@@ -34,6 +35,49 @@ void uncalibrate_vector(double *values, const double matrix[3][3], const double 
         values[a] = raw[size_t(a)] + bias[a];
 }
 
+// reading = S(T) truth + b(T) for one vector; an empty entry of S is 1 on
+// the diagonal and 0 elsewhere.
+void drift_vector(double *values, const std::array<drift_poly, 9> &scale, const std::array<drift_poly, 3> &bias,
+                  double x)
+{
+    const double truth[3] = {values[0], values[1], values[2]};
+    for (size_t r = 0; r < 3; r++) {
+        double out = drift_poly_eval(bias[r], x);
+        for (size_t c = 0; c < 3; c++) {
+            const drift_poly &entry = scale[r * 3 + c];
+            out += (entry.empty() ? (r == c ? 1.0 : 0.0) : drift_poly_eval(entry, x)) * truth[c];
+        }
+        values[r] = out;
+    }
+}
+
+// The unit's own drift as the device's thermal stage.
+void install_drift(device_model &model, device_kind kind, const unit_drift &drift)
+{
+    switch (kind) {
+    case device_kind::imu:
+        model.thermal = [drift](std::span<double> values, double temp_k) {
+            const double x = temp_k - drift.temp0_k;
+            drift_vector(&values[0], drift.accel_scale, drift.accel_bias, x);
+            drift_vector(&values[3], drift.gyro_scale, drift.gyro_bias, x);
+        };
+        break;
+    case device_kind::baro:
+        model.thermal = [drift](std::span<double> values, double temp_k) {
+            values[0] += drift_poly_eval(drift.pressure_bias, temp_k - drift.temp0_k);
+        };
+        break;
+    case device_kind::magneto:
+        model.thermal = [drift](std::span<double> values, double temp_k) {
+            for (size_t a = 0; a < 3; a++)
+                values[a] += drift_poly_eval(drift.field_bias[a], temp_k - drift.temp0_k);
+        };
+        break;
+    default:
+        break;
+    }
+}
+
 } // namespace
 
 int install_thermal_inverses(iiod_server &server, const scenario &s, std::string *error)
@@ -42,6 +86,16 @@ int install_thermal_inverses(iiod_server &server, const scenario &s, std::string
         device_model *model = server.model(d.name);
         if (!model)
             continue;
+        if (d.drift) {
+            install_drift(*model, d.kind, *d.drift);
+            if (d.kind == device_kind::magneto)
+                for (const scenario_device &other : s.devices)
+                    if (other.kind == device_kind::baro) {
+                        calibrate_at_die_of(*model, other.warm);
+                        break;
+                    }
+            continue;
+        }
         switch (d.kind) {
         case device_kind::imu: {
             auto set = share<imu_calib, imu_calib_destroy>(imu_calib_new());

@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// The virtual vehicle's sensors drift with temperature the way the
-// calibration files say: each device model gets the inverse of the thermal
-// calibration the plug-in will apply, read from the same files (under the
-// same ORLUNE_ROOT), so that a calibrated reading comes back to the truth.
+// The virtual vehicle's sensors drift with temperature. By default they drift
+// the way the calibration files say: each device model gets the inverse of
+// the thermal calibration the plug-in will apply, read from the same files
+// (under the same ORLUNE_ROOT), so that a calibrated reading comes back to the
+// truth. A device whose scenario gives its unit's own drift drifts that way
+// instead, whatever the files say: a bench recording of it shows the unit,
+// and a calibration made from one can be checked against what the unit does.
 #pragma once
 
 #include <string>
@@ -11,8 +14,8 @@
 
 namespace sim {
 
-// Installs the inverses on the server's devices; call it before clients
-// stream. Returns 0, or -EINVAL when a calibration file exists but is
+// Installs the inverses (or the scenario's drift) on the server's devices;
+// call it before clients stream. Returns 0, or -EINVAL when a calibration file exists but is
 // unusable (the plug-in would refuse it too), with *error set.
 // The barometer's die drives the magnetometer's calibration too: the
 // plug-in corrects the field at the barometer's temperature of the same

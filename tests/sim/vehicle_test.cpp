@@ -10,8 +10,11 @@
 #include <tuple>
 
 #include "sim/iio_devices.h"
+#include "sim/iiod_server.h"
 #include "sim/scenario.h"
+#include "sim/thermal.h"
 #include "sim/vehicle.h"
+#include "support/test_env.h"
 
 namespace {
 
@@ -94,6 +97,19 @@ TEST(Scenario, RejectsWhatTheServerCouldNotServe)
         {"simulator = { faults = ( { at = 1; kind = \"explode\"; } ); };", "unknown fault kind 'explode' (line 1)"},
         {"simulator = { faults = ( { at = 1; kind = \"stall\"; device = \"orlune-gps\"; } ); };",
          "stall: unknown device 'orlune-gps'"},
+        {"simulator = { repeat = 0; };", "'repeat' must be from 1 to 1000 (line 1)"},
+        {"simulator = { devices = ( { kind = \"imu\"; name = \"a\"; trigger = \"t\";\n"
+         "  drift = { gyro-bias = ( [0.1], [0.2], [0.3] ); }; } ); };",
+         "missing 'temp-0' (line 2)"},
+        {"simulator = { devices = ( { kind = \"imu\"; name = \"a\"; trigger = \"t\";\n"
+         "  drift = { temp-0 = 300.0; pressure-bias = [1.0]; }; } ); };",
+         "'drift' of a device of kind 'imu' has no key 'pressure-bias' (line 2)"},
+        {"simulator = { devices = ( { kind = \"imu\"; name = \"a\"; trigger = \"t\";\n"
+         "  drift = { temp-0 = 300.0; accel-bias = ( [0.1], [0.2] ); }; } ); };",
+         "'accel-bias' must be a list of 3 polynomials (line 2)"},
+        {"simulator = { devices = ( { kind = \"magneto\"; name = \"a\"; trigger = \"t\";\n"
+         "  drift = { temp-0 = 300.0; field-bias = ( [0.1], [], [0.3] ); }; } ); };",
+         "'field-bias' needs polynomials of 1 to 8 coefficients, each in [ ] (line 2)"},
     };
     sim::scenario s;
     std::string error;
@@ -248,6 +264,57 @@ TEST(DeviceModels, ThermalInverseShiftsTheRawCountsAndNoiseIsSeeded)
     sim::scenario_device flat = s.devices[0];
     flat.mount_matrix = {1, 0, 0, 1, 0, 0, 0, 0, 1};
     EXPECT_EQ(sim::make_device_model(flat, 1), nullptr) << "a singular mount matrix has no inverse";
+}
+
+// A unit's own drift replaces the inverse of the calibration files, which
+// the plug-in reads: with the example set under the root, the IMU still
+// reads S(T) truth + b(T) and the barometer its own bias; a device without
+// a drift keeps the files' inverse. The list of phases repeats.
+TEST(Scenario, UnitDriftIsTheScenariosNotTheFiles)
+{
+    test_root root;
+    for (const char *file :
+         {"/factory/flight_imu_thermal_bias", "/factory/flight_baro_thermal_bias", "/factory/flight_magneto_thermal_bias"})
+        root.write(file, read_file(example("../calibration") + file));
+    sim::scenario s;
+    std::string error;
+    ASSERT_EQ(sim::scenario_parse(R"(simulator = {
+  repeat = 3;
+  devices = (
+    { kind = "imu"; name = "imu"; trigger = "imu-trig";
+      drift = { temp-0 = 300.0;
+                gyro-bias = ( [0.01, 0.001], [0.0], [-0.02, 0.0, 1.0e-4] );
+                accel-scale = ( [1.1], [0.0], [0.0], [0.0], [1.0], [0.0], [0.05, 0.01], [0.0], [0.9] ); }; },
+    { kind = "baro"; name = "baro"; trigger = "baro-trig"; drift = { temp-0 = 300; pressure-bias = [5, 2]; }; },
+    { kind = "magneto"; name = "mag"; trigger = "mag-trig"; }
+  );
+  phases = ( { name = "hold"; duration = 1.0; }, { name = "turn"; duration = 0.5; roll-rate = 1.0; } );
+};)",
+                                  &s, &error),
+              0)
+        << error;
+    ASSERT_EQ(s.phases.size(), 6u);
+    EXPECT_EQ(s.phases[4].name, "hold");
+    EXPECT_EQ(s.phases[5].roll_rate, 1.0);
+
+    auto server = sim::iiod_server::start(s, {}, &error);
+    ASSERT_TRUE(server) << error;
+    ASSERT_EQ(sim::install_thermal_inverses(*server, s, &error), 0) << error;
+    // accel x y z, gyro x y z at 310 K: x = 10.
+    std::array<double, 6> imu{1.0, 2.0, 3.0, 0.5, 0.25, 0.125};
+    server->model("imu")->thermal(imu, 310.0);
+    const std::array<double, 6> expected{1.1, 2.0, (0.05 + 0.1) * 1.0 + 0.9 * 3.0, 0.5 + 0.02, 0.25,
+                                         0.125 - 0.02 + 0.01};
+    for (size_t i = 0; i < 6; i++)
+        EXPECT_NEAR(imu[i], expected[i], 1e-12) << i;
+    std::array<double, 1> pressure{1000.0};
+    server->model("baro")->thermal(pressure, 310.0);
+    EXPECT_NEAR(pressure[0], 1025.0, 1e-9);
+    // No drift: the example file's inverse adds its bias, 3.52 - 0.084 x uT
+    // on x with x = 310 - 318.15.
+    std::array<double, 3> field{10.0, 0.0, 0.0};
+    server->model("mag")->thermal(field, 310.0);
+    EXPECT_NEAR(field[0], 10.0 + 3.52 + 0.084 * 8.15, 1e-9);
 }
 
 } // namespace
