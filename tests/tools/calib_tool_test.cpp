@@ -1,0 +1,277 @@
+// SPDX-License-Identifier: Apache-2.0
+// orlune-calib on made-up bench recordings: a unit whose drift the test
+// knows, turned through the six faces while it warms. The fit must find the
+// drift again, and refuse a recording that cannot determine it with a
+// message that says what is missing.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cmath>
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "calib/calib_sets.h"
+#include "support/test_env.h"
+#include "tool_test_util.h"
+
+using ::testing::HasSubstr;
+
+namespace {
+
+constexpr double kG = 9.80665;
+constexpr double kT0 = 318.15;
+
+// The synthetic unit: reading = S(T) truth + b(T), x = T - kT0.
+std::array<double, 3> gyro_bias(double x)
+{
+    return {0.02 + 6e-4 * x - 8e-6 * x * x, -0.015 - 4e-4 * x, 0.01 + 3e-4 * x};
+}
+std::array<double, 3> accel_bias(double x)
+{
+    return {0.12 + 3e-3 * x, -0.09 - 2e-3 * x + 3e-5 * x * x, 0.2 + 4e-3 * x};
+}
+double scale(int axis, double x)
+{
+    return std::array<double, 3>{1.012, 0.99, 1.008}[size_t(axis)] + 1.5e-4 * x;
+}
+constexpr double kCross = 0.003; // every off-diagonal term
+
+struct turn_step {
+    int axis;
+    int sign;
+    double quarters = 1.0; // how far, in quarter turns
+};
+// The bench's cycle: the faces -z, -y, +z, +y, +x, +y, -x, +y, -z, +x, -z, -x, -z.
+const std::vector<turn_step> kCycle{{0, 1}, {0, 1}, {0, 1}, {2, 1}, {2, -1}, {2, -1}, {2, 1},
+                                    {0, 1}, {1, 1}, {1, -1}, {1, -1}, {1, 1}};
+
+struct bench_options {
+    std::vector<turn_step> cycle = kCycle;
+    double rise_k = 60.0;     // the die warms from 283.15 K by this much
+    double wobble = 0.0;      // rad/s of a 1.5 Hz shake on every axis
+    const imu_calib *applied = nullptr; // a set the plug-in applied while recording
+};
+
+std::array<double, 3> rotate(const std::array<double, 3> &v, int axis, double angle)
+{
+    // A force fixed in space seen from a unit turning by +angle about axis.
+    const double c = std::cos(-angle), s = std::sin(-angle);
+    std::array<double, 3> out = v;
+    const int i = (axis + 1) % 3, j = (axis + 2) % 3;
+    out[size_t(i)] = c * v[size_t(i)] - s * v[size_t(j)];
+    out[size_t(j)] = s * v[size_t(i)] + c * v[size_t(j)];
+    return out;
+}
+
+// Five cycles of 1 s holds and 0.5 s quarter turns, as the host records
+// them: 200 reads a second of 5-sample batch means.
+std::string bench_recording(const bench_options &o)
+{
+    std::string csv = "t,updated,imu_n,imu_t0,imu_t1,gyro_x,gyro_y,gyro_z,accel_x,accel_y,accel_z,imu_temp,baro_p\n";
+    std::array<double, 3> f{0, 0, -kG};
+    double t = 100.0;
+    uint64_t seed = 12345;
+    auto noise = [&seed](double sigma) {
+        double sum = 0; // a sum of uniforms: close enough to Gaussian here
+        for (int k = 0; k < 4; k++) {
+            seed = seed * 6364136223846793005ULL + 1442695040888963407ULL;
+            sum += double(seed >> 11) / 9007199254740992.0 - 0.5;
+        }
+        return sum * sigma * std::sqrt(3.0);
+    };
+    auto emit = [&](double seconds, int axis, double rate) {
+        for (int r = 0; r < int(std::lround(seconds / 0.005)); r++) {
+            std::array<double, 3> w{};
+            std::array<double, 3> gyro_sum{}, accel_sum{};
+            double temp = 0;
+            for (int k = 0; k < 5; k++) {
+                t += 0.001;
+                if (axis >= 0) {
+                    w[size_t(axis)] = rate;
+                    f = rotate(f, axis, rate * 0.001);
+                }
+                const double shake = o.wobble * std::sin(2 * M_PI * 1.5 * t);
+                const double temp_k = 283.15 + o.rise_k * (1 - std::exp(-(t - 100.0) / 35.0));
+                const double x = temp_k - kT0;
+                const auto gb = gyro_bias(x), ab = accel_bias(x);
+                for (int i = 0; i < 3; i++) {
+                    double g = gb[size_t(i)], a = ab[size_t(i)];
+                    for (int c = 0; c < 3; c++) {
+                        const double s = i == c ? scale(i, x) : kCross;
+                        g += s * (w[size_t(c)] + shake);
+                        a += s * f[size_t(c)];
+                    }
+                    gyro_sum[size_t(i)] += g / 5 + noise(0.002) / 5;
+                    accel_sum[size_t(i)] += a / 5 + noise(0.01) / 5;
+                }
+                temp += temp_k / 5;
+            }
+            if (o.applied) {
+                imu_calib_terms terms;
+                imu_calib_terms_at(*o.applied, temp, &terms);
+                float g[3] = {float(gyro_sum[0]), float(gyro_sum[1]), float(gyro_sum[2])};
+                float a[3] = {float(accel_sum[0]), float(accel_sum[1]), float(accel_sum[2])};
+                imu_calib_correct(g, terms.gyro_bias, terms.gyro_matrix);
+                imu_calib_correct(a, terms.accel_bias, terms.accel_matrix);
+                gyro_sum = {g[0], g[1], g[2]};
+                accel_sum = {a[0], a[1], a[2]};
+            }
+            char row[320];
+            std::snprintf(row, sizeof row, "%.6f,0x1,5,%.6f,%.6f,%.6g,%.6g,%.6g,%.6g,%.6g,%.6g,%.3f,0.00\n", t + 0.0002,
+                          t - 0.004, t, gyro_sum[0], gyro_sum[1], gyro_sum[2], accel_sum[0], accel_sum[1],
+                          accel_sum[2], temp);
+            csv += row;
+        }
+    };
+    for (int cycle = 0; cycle < 5; cycle++)
+        for (const turn_step &s : o.cycle) {
+            emit(1.0, -1, 0);
+            emit(0.5 * s.quarters, s.axis, s.sign * M_PI);
+        }
+    emit(1.0, -1, 0);
+    return csv;
+}
+
+std::string tool()
+{
+    return ORLUNE_CALIB_TOOL;
+}
+
+// The unit's drift found again from its recording, whether the plug-in
+// delivered it uncorrected or through a set of files it applied then (the
+// example factory set: --applied undoes it).
+TEST(CalibTool, FitFindsTheUnitsDriftAndThePlugInReadsItBack)
+{
+    const std::string factory = std::string(std::getenv("ORLUNE_TEST_DATA") ?: ".") + "/examples/calibration/factory";
+    const std::string factory_bias = factory + "/flight_imu_thermal_bias", factory_ortho = factory + "/flight_imu_thermal_ortho";
+    imu_calib *applied = imu_calib_load({{factory_bias.c_str(), nullptr}, {factory_ortho.c_str(), nullptr}});
+    ASSERT_NE(applied, nullptr);
+    for (const imu_calib *in_force : {static_cast<const imu_calib *>(nullptr), static_cast<const imu_calib *>(applied)}) {
+        SCOPED_TRACE(in_force ? "recorded through the factory set" : "recorded uncorrected");
+        test_root root;
+        write_file(root.path() + "/bench.csv", bench_recording({.applied = in_force}));
+        const run_result r = run(tool() + " fit " + root.path() + "/bench.csv --out " + root.path() +
+                                 (in_force ? " --applied " + factory : std::string()));
+        ASSERT_EQ(r.status, 0) << r.output;
+
+        const std::string bias = root.path() + "/flight_imu_thermal_bias", ortho = root.path() + "/flight_imu_thermal_ortho";
+        log_capture_start();
+        imu_calib *set = imu_calib_load({{bias.c_str(), nullptr}, {ortho.c_str(), nullptr}});
+        const std::vector<log_record> said = log_capture_take();
+        log_capture_stop();
+        ASSERT_NE(set, nullptr) << read_file(bias);
+        for (const log_record &l : said)
+            EXPECT_GT(l.priority, LOG_WARNING) << l.text;
+        // The faces all rest from the second cycle's -x (about 300 K) to the
+        // fifth's last (about 338 K).
+        EXPECT_GT(set->range.temp_min, 296.0);
+        EXPECT_LT(set->range.temp_min, 306.0);
+        EXPECT_GT(set->range.temp_max, 334.0);
+        EXPECT_LT(set->range.temp_max, 340.0);
+
+        // Corrected readings of the true state come back to it over the range.
+        for (double temp = set->range.temp_min; temp <= set->range.temp_max; temp += 2.0) {
+            imu_calib_terms terms;
+            imu_calib_terms_at(*set, temp, &terms);
+            const double x = temp - kT0;
+            const auto gb = gyro_bias(x), ab = accel_bias(x);
+            for (int i = 0; i < 3; i++) {
+                EXPECT_NEAR(terms.gyro_bias[i], gb[size_t(i)], 2e-4) << "gyro " << i << " at " << temp;
+                EXPECT_NEAR(terms.accel_bias[i], ab[size_t(i)], 3e-3) << "accel " << i << " at " << temp;
+                // M S = I: row i of M times column c of S.
+                for (int c = 0; c < 3; c++) {
+                    double gyro = 0, accel = 0;
+                    for (int k = 0; k < 3; k++) {
+                        const double s = k == c ? scale(k, x) : kCross;
+                        gyro += terms.gyro_matrix[i][k] * s;
+                        accel += terms.accel_matrix[i][k] * s;
+                    }
+                    EXPECT_NEAR(gyro, i == c ? 1.0 : 0.0, 5e-4) << "gyro M S " << i << c << " at " << temp;
+                    EXPECT_NEAR(accel, i == c ? 1.0 : 0.0, 5e-4) << "accel M S " << i << c << " at " << temp;
+                }
+            }
+        }
+        imu_calib_destroy(set);
+        if (in_force)
+            continue;
+
+        // check: the numbers over the range and 10 K beyond, and a recording
+        // of the uncorrected unit shows the drift as its residuals.
+        const run_result c = run(tool() + " check " + root.path() + " --recording " + root.path() + "/bench.csv");
+        ASSERT_EQ(c.status, 0) << c.output;
+        EXPECT_THAT(c.output, HasSubstr("0 loader warnings"));
+        EXPECT_THAT(c.output, ::testing::ContainsRegex("largest within the range: gyro bias 0.0[23][0-9]* rad/s"));
+    }
+    imu_calib_destroy(applied);
+}
+
+// A recording that cannot determine the fit, or that is not a recording.
+struct refusal {
+    const char *name;
+    std::function<std::string()> make;
+    const char *message;
+};
+
+std::string edited(const std::function<void(std::string *)> &edit)
+{
+    std::string text = bench_recording({});
+    edit(&text);
+    return text;
+}
+
+const refusal kRefusals[] = {
+    {"narrow", [] { return bench_recording({.rise_k = 8.0}); }, "a thermal fit needs at least 10.0 K"},
+    {"missing -x",
+     [] {
+         // The cycle without its two visits to -x.
+         return bench_recording({.cycle = {{0, 1}, {0, 1}, {0, 1}, {2, 1}, {2, -1}, {0, 1}, {1, 1}, {1, -1}}});
+     },
+     "no still period on face -x"},
+    {"no turn about y",
+     [] { return bench_recording({.cycle = {{0, 1}, {0, 1}, {0, 1}, {2, 1}, {2, -1}, {2, -1}, {2, 1}, {0, 1}}}); },
+     "no two 90° turns about the y axis"},
+    {"moving", [] { return bench_recording({.wobble = 0.3}); }, "the unit is moving: it never rests still"},
+    {"tilted",
+     [] {
+         std::vector<turn_step> cycle = kCycle;
+         cycle[0].quarters = 0.5;
+         return bench_recording({.cycle = cycle});
+     },
+     "the unit rests 45° away from its nearest face"},
+    {"turned the long way",
+     [] {
+         std::vector<turn_step> cycle = kCycle;
+         cycle[0] = {0, -1, 3.0};
+         return bench_recording({.cycle = cycle});
+     },
+     "from face -z to face -y, where a quarter turn was expected"},
+    {"truncated", [] { return edited([](std::string *t) { t->resize(t->size() * 3 / 5); }); }, "(the recording is cut short)"},
+    {"missing column", [] { return edited([](std::string *t) { t->replace(t->find("gyro_z"), 6, "gyro_w"); }); },
+     "no column 'gyro_z' in the header"},
+    {"garbage number",
+     [] {
+         return edited([](std::string *t) {
+             const size_t row = t->find('\n', t->size() / 2) + 1;
+             const size_t field = t->find(",5,", row) + 3;
+             t->insert(t->find(',', t->find(',', field) + 1) + 1, "0x1.2.3");
+         });
+     },
+     "is not a number"},
+};
+
+TEST(CalibTool, RefusesRecordingsThatCannotDetermineTheFit)
+{
+    for (const refusal &c : kRefusals) {
+        test_root root;
+        write_file(root.path() + "/bench.csv", c.make());
+        const run_result r = run(tool() + " fit " + root.path() + "/bench.csv --out " + root.path());
+        EXPECT_EQ(r.status, 1) << c.name << ": " << r.output;
+        EXPECT_THAT(r.output, HasSubstr(c.message)) << c.name;
+        EXPECT_FALSE(std::filesystem::exists(root.path() + "/flight_imu_thermal_bias")) << c.name;
+    }
+}
+
+} // namespace
