@@ -2,6 +2,8 @@
 // orlune-sim: the virtual vehicle as a process. Serves the scenario's IIO
 // devices, prints the environment a sensor host needs, and runs until
 // SIGINT or SIGTERM.
+#include <sched.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
@@ -12,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/sched_config.h"
 #include "sim/battery.h"
 #include "sim/gps_daemon.h"
 #include "sim/iiod_server.h"
@@ -30,6 +33,7 @@ void usage(FILE *out)
 {
     std::fputs("usage: orlune-sim [--scenario FILE] [--port N] [--address A] [--battery-dir DIR] [--truth FILE]\n"
                "                  [--sysfs ROOT | --kernel NODE] [--print-xml]\n"
+               "                  [--realtime PRIO [--cpus LIST]]\n"
                "       orlune-sim --replay CAPTURE [--fast] [--seek S] [--loop] [--capture-clock] [--port N] [--address A]\n"
                "                  [--battery-dir DIR] [--sysfs ROOT | --kernel NODE]\n"
                "  --scenario FILE  libconfig scenario (default: the built-in one, see examples/scenarios)\n"
@@ -46,6 +50,11 @@ void usage(FILE *out)
                "                   node (usually /dev/orlune-vehicle): a host reads them with libiio's local\n"
                "                   backend from the kernel's own sysfs tree and /dev/iio:deviceN\n"
                "  --print-xml      print the context description and exit\n"
+               "  --realtime PRIO  run every thread of the simulator at SCHED_FIFO priority PRIO (1-99), above\n"
+               "                   the flight loop's, and lock its memory: the simulated sensors keep their\n"
+               "                   clock on a busy machine as hardware does (needs CAP_SYS_NICE; without\n"
+               "                   it the simulator says so and runs at its ordinary priority)\n"
+               "  --cpus LIST      with --realtime, keep the simulator's threads on these CPUs (0,2-3)\n"
                "  --replay CAPTURE serve a capture (orlune-capture) instead of the scenario's models:\n"
                "                   IIO devices, battery files, GPS daemon, ultrasound service and\n"
                "                   telemetry sections as recorded (docs/replay.md)\n"
@@ -212,6 +221,36 @@ int replay_main(const std::string &path, bool fast, bool capture_clock, bool loo
     return 0;
 }
 
+// Every thread of the simulator inherits the main thread's policy and
+// affinity, so they are set before the first one starts. False for a
+// priority or CPU list that does not parse.
+bool enter_realtime(const std::string &priority, const std::string &cpus)
+{
+    const std::string line = "orlune-sim fifo " + priority + " " + (cpus.empty() ? "-" : cpus) + " self";
+    sched_entry entry;
+    sched_config *config = sched_config_new();
+    if (!config || sched_config_parse_line(line.c_str(), &entry) != 0 || entry.priority == 0 ||
+        sched_config_add(config, entry) != 0) {
+        std::fprintf(stderr, "orlune-sim: bad real-time priority '%s' (1 to 99) or CPU list '%s'\n", priority.c_str(),
+                     cpus.c_str());
+        sched_config_destroy(config);
+        return false;
+    }
+    const int r = sched_config_apply(config, "orlune-sim");
+    sched_config_destroy(config);
+    if (r < 0) {
+        std::fprintf(stderr, "orlune-sim: running without real-time priorities: %s\n", std::strerror(-r));
+        return true;
+    }
+    char now[64];
+    sched_describe_self(now, sizeof now);
+    const int locked = sched_lock_memory();
+    std::fprintf(stderr, "orlune-sim: every thread at %s, %s%s%s\n", now,
+                 locked == 0 ? "memory locked" : "memory not locked (", locked == 0 ? "" : std::strerror(-locked),
+                 locked == 0 ? "" : ")");
+    return true;
+}
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -226,6 +265,7 @@ int main(int argc, char **argv)
     std::string replay_path;
     bool fast = false, capture_clock = false, loop = false;
     double seek_s = 0;
+    std::string realtime, cpus;
     for (int i = 1; i < argc; i++) {
         const std::string arg = argv[i];
         const bool has_value = i + 1 < argc;
@@ -269,6 +309,10 @@ int main(int argc, char **argv)
                 std::fprintf(stderr, "orlune-sim: bad seek '%s'\n", argv[i]);
                 return 2;
             }
+        } else if (arg == "--realtime" && has_value) {
+            realtime = argv[++i];
+        } else if (arg == "--cpus" && has_value) {
+            cpus = argv[++i];
         } else if (arg == "--print-xml") {
             print_xml = true;
         } else if (arg == "--help" || arg == "-h") {
@@ -291,6 +335,12 @@ int main(int argc, char **argv)
                              "--kernel) streams at the original pace only\n");
         return 2;
     }
+    if (realtime.empty() && !cpus.empty()) {
+        std::fprintf(stderr, "orlune-sim: --cpus keeps the real-time threads on CPUs: it needs --realtime\n");
+        return 2;
+    }
+    if (!realtime.empty() && !enter_realtime(realtime, cpus))
+        return 2;
     if (!replay_path.empty())
         return replay_main(replay_path, fast, capture_clock, loop, seek_s, options, battery_dir, board);
 

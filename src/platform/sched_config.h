@@ -15,7 +15,8 @@
 //   # name       policy  priority  cpus  threads
 //   imu          fifo    60        1     irq/*-orlune-imu
 //   barometer    other   0         -     self
-// policy: other, batch, idle, fifo, rr; cpus: "-" (unchanged) or a list such as 0,2-3.
+// policy: other, batch, idle, fifo, rr; cpus: "-" (unchanged) or a list such as
+// 0,2-3.
 #pragma once
 
 #include <sched.h>
@@ -25,12 +26,12 @@
 struct sched_config;
 
 struct sched_entry {
-    char name[48];
-    int policy;   // SCHED_OTHER, SCHED_FIFO, ...
-    int priority; // 1..99 for fifo and rr, 0 otherwise
-    bool set_cpus;
-    cpu_set_t cpus;
-    char threads[64]; // "self" or a glob over thread names
+  char name[48];
+  int policy;   // SCHED_OTHER, SCHED_FIFO, ...
+  int priority; // 1..99 for fifo and rr, 0 otherwise
+  bool set_cpus;
+  cpu_set_t cpus;
+  char threads[64]; // "self" or a glob over thread names
 };
 
 sched_config *sched_config_new();
@@ -55,6 +56,17 @@ int sched_config_apply(sched_config *config, const char *name);
 
 inline constexpr const char *kSchedConfigEnv = "ORLUNE_SCHED_CONFIG";
 inline constexpr const char *kSchedConfigFile = "/etc/orlune/sched.conf";
+
+// What the calling thread runs with, for a person: "fifo 60", "other" (with
+// " on CPUs 0,2-3" when its affinity leaves out a CPU of the machine).
+void sched_describe_self(char *out, size_t size);
+
+// Locks the process's memory, present and future, so that the flight loop
+// never waits for a page: 0, or a negative errno. Only a process that may
+// lock without bound (CAP_IPC_LOCK, or no RLIMIT_MEMLOCK) locks: under a
+// finite limit every later allocation past it would fail, so it answers
+// -EPERM and locks nothing. A sanitizer's build answers -EOPNOTSUPP.
+int sched_lock_memory();
 
 // The host's table: the file ORLUNE_SCHED_CONFIG names, else
 // /etc/orlune/sched.conf (under ORLUNE_ROOT) when it exists. *config is null
