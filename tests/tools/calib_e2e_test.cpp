@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// The bench's round trip: the virtual vehicle's IMU, drifting as its unit
-// does (the scenario's drift, which no file tells the plug-in), flies the
-// bench procedure without calibration files; orlune-calib fits the files
-// from the recording; the same procedure flown again with them must leave
-// a tenth of the drift at most, against the simulator's truth.
+// The bench's round trip: the virtual vehicle's IMU, barometer and
+// magnetometer, drifting as their unit does (the scenario's drift, which no
+// file tells the plug-in), fly the bench procedure without calibration
+// files; orlune-calib fits the files from the recording; the same procedure
+// flown again with them must leave a tenth of the drift at most, against the
+// simulator's truth.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -98,6 +99,74 @@ errors measure(const csv &rec, const csv &truth, double epoch, double lo, double
     return e;
 }
 
+// The barometer's and the magnetometer's bias left, per 5 K band of the
+// barometer's temperature (the magnetometer is corrected at it): the
+// pressure against the truth's, and the field against the earth's field
+// (bench-imu.cfg's [0.21, 0, 0.43] gauss, heading 0) on the faces the
+// vehicle reaches by rolling only (±y, ±z up), where the accelerometer's
+// truth gives the roll: the field reads (m_n, sin(roll) m_d, cos(roll) m_d).
+struct aux_errors {
+    double pressure = 0; // Pa
+    double field = 0;    // µT, largest over the axes
+};
+
+aux_errors measure_aux(const csv &rec, const csv &truth, double epoch, double lo, double hi)
+{
+    struct sums {
+        double pressure = 0, field[3] = {};
+        int pressure_n = 0, field_n = 0;
+    };
+    std::vector<sums> bands(size_t(std::ceil((hi - lo) / kBinK)));
+    const double t0 = truth.num(0, "scenario_t");
+    for (size_t i = 0; i < rec.rows.size(); i++) {
+        const unsigned long updated = std::stoul(rec.text(i, "updated"), nullptr, 16);
+        const double temp = rec.num(i, "baro_temp");
+        if (!(updated & 0x6) || temp < lo || temp >= hi)
+            continue;
+        // The read's time: the readings are at most a period old.
+        const size_t k = size_t(std::lround((rec.num(i, "t") - epoch - t0) / 0.01));
+        if (k < 3 || k + 1 >= truth.rows.size())
+            continue;
+        sums &b = bands[size_t((temp - lo) / kBinK)];
+        if (updated & 0x2) {
+            b.pressure += rec.num(i, "baro_p") - truth.num(k, "pressure");
+            b.pressure_n++;
+        }
+        const double fy = truth.num(k, "accel_y") / kG, fz = truth.num(k, "accel_z") / kG;
+        if ((updated & 0x4) && truth.text(k - 3, "phase") == "hold" && truth.text(k, "phase") == "hold" &&
+            std::fabs(truth.num(k, "accel_x")) < 0.5) {
+            const double expected[3] = {21.0, -fy * 43.0, -fz * 43.0};
+            for (int a = 0; a < 3; a++)
+                b.field[a] += rec.num(i, std::string("mag_") + "xyz"[a]) - expected[a];
+            b.field_n++;
+        }
+    }
+    aux_errors e;
+    for (const sums &b : bands) {
+        if (b.pressure_n)
+            e.pressure = std::max(e.pressure, std::fabs(b.pressure / b.pressure_n));
+        for (int a = 0; a < 3 && b.field_n; a++)
+            e.field = std::max(e.field, std::fabs(b.field[a] / b.field_n));
+    }
+    return e;
+}
+
+// The barometer and the magnetometer beside the IMU, as on the vehicle.
+const char *const kBarometer = R"(barometer = {
+  enabled = true;
+  device = "orlune-lps22hb";
+  trigger = "orlune-baro-trig";
+  sampling-frequency = 75;
+};)";
+const char *const kMagnetometer = R"(magnetometer = {
+  enabled = true;
+  device = "orlune-magneto";
+  trigger = "orlune-magneto-trig";
+  sampling-frequency = 50;
+  use-temperature = true;
+  rotation-matrix = ( [-1.0, 0.0, 0.0], [0.0, 1.0, 0.0], [0.0, 0.0, -1.0] );
+};)";
+
 class CalibEndToEnd : public flight {
 protected:
     // Flies the bench procedure; returns the recording and the truth.
@@ -126,7 +195,7 @@ protected:
 
 TEST_F(CalibEndToEnd, FittedFilesLeaveATenthOfTheUnitsDrift)
 {
-    env_["LIBVIGIL_CFG_PATH"] = example("config/minimal.cfg");
+    configure({{"barometer", kBarometer}, {"magnetometer", kMagnetometer}});
     csv before(""), truth_before(""), after(""), truth_after("");
     double epoch_before, epoch_after;
     ASSERT_NO_FATAL_FAILURE(fly("uncalibrated", &before, &truth_before, &epoch_before));
@@ -134,16 +203,22 @@ TEST_F(CalibEndToEnd, FittedFilesLeaveATenthOfTheUnitsDrift)
 
     std::filesystem::create_directory(path("data"));
     const run_result fit = ::run(std::string(ORLUNE_CALIB_TOOL) + " fit " + path("uncalibrated.csv") + " --out " +
-                               path("data"));
+                               path("data") + " --altitude 120 --magneto");
     ASSERT_EQ(fit.status, 0) << fit.output;
     std::printf("%s", fit.output.c_str());
+    // The barometer's and the magnetometer's files have no field copy.
+    std::filesystem::create_directory(path("factory"));
+    for (const char *file : {"flight_baro_thermal_bias", "flight_magneto_thermal_bias"})
+        std::filesystem::rename(path(std::string("data/") + file), path(std::string("factory/") + file));
 
     ASSERT_NO_FATAL_FAILURE(fly("calibrated", &after, &truth_after, &epoch_after));
     // The plug-in's own loader takes the files whole, without a warning.
     const std::string log = read_file(path("calibrated-host.log"));
     EXPECT_THAT(log, HasSubstr("using " + path("data/flight_imu_thermal_bias")));
     EXPECT_THAT(log, HasSubstr("using " + path("data/flight_imu_thermal_ortho")));
-    EXPECT_THAT(log, ::testing::Not(::testing::ContainsRegex(" [WEC] imu_calib:"))) << log;
+    EXPECT_THAT(log, HasSubstr("baro_calib: using [temp0_k="));
+    EXPECT_THAT(log, HasSubstr("magneto_calib: using [temp0_k="));
+    EXPECT_THAT(log, ::testing::Not(::testing::ContainsRegex(" [WEC] (imu|baro|magneto)_calib:"))) << log;
 
     double lo, hi;
     ASSERT_EQ(std::sscanf(read_file(path("data/flight_imu_thermal_bias")).c_str(),
@@ -165,6 +240,18 @@ TEST_F(CalibEndToEnd, FittedFilesLeaveATenthOfTheUnitsDrift)
     EXPECT_LE(left.accel_bias, drift.accel_bias / 10);
     EXPECT_LE(left.accel_scale, drift.accel_scale / 10);
     EXPECT_LE(left.gyro_scale, drift.gyro_scale / 10);
+
+    ASSERT_EQ(std::sscanf(read_file(path("factory/flight_baro_thermal_bias")).c_str(),
+                          "Temp_0_K %*f\nTemp_Min_Max_K %lf %lf", &lo, &hi),
+              2);
+    const aux_errors aux_drift = measure_aux(before, truth_before, epoch_before, lo, hi);
+    const aux_errors aux_left = measure_aux(after, truth_after, epoch_after, lo, hi);
+    std::printf("over %.2f to %.2f K of the barometer's die:\n  pressure %.3g -> %.3g Pa\n  field %.3g -> %.3g uT\n",
+                lo, hi, aux_drift.pressure, aux_left.pressure, aux_drift.field, aux_left.field);
+    EXPECT_GT(aux_drift.pressure, 10.0);
+    EXPECT_GT(aux_drift.field, 1.0);
+    EXPECT_LE(aux_left.pressure, aux_drift.pressure / 10);
+    EXPECT_LE(aux_left.field, aux_drift.field / 10);
 }
 
 } // namespace

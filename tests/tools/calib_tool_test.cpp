@@ -38,6 +38,21 @@ double scale(int axis, double x)
     return std::array<double, 3>{1.012, 0.99, 1.008}[size_t(axis)] + 1.5e-4 * x;
 }
 constexpr double kCross = 0.003; // every off-diagonal term
+// The barometer's and the magnetometer's biases, at the barometer's die
+// temperature, which warms more slowly; the bench's pressure.
+double baro_bias(double x)
+{
+    return 30.0 + 1.2 * x - 0.015 * x * x;
+}
+std::array<double, 3> mag_bias(double x)
+{
+    return {2.5 + 0.06 * x, -1.8 - 0.04 * x + 5e-4 * x * x, 3.5 + 0.09 * x};
+}
+constexpr double kBenchPa = 100000.0;
+double baro_temp(double t)
+{
+    return 283.15 + 45.0 * (1 - std::exp(-t / 40.0));
+}
 
 struct turn_step {
     int axis;
@@ -70,8 +85,10 @@ std::array<double, 3> rotate(const std::array<double, 3> &v, int axis, double an
 // them: 200 reads a second of 5-sample batch means.
 std::string bench_recording(const bench_options &o)
 {
-    std::string csv = "t,updated,imu_n,imu_t0,imu_t1,gyro_x,gyro_y,gyro_z,accel_x,accel_y,accel_z,imu_temp,baro_p\n";
+    std::string csv = "t,updated,imu_n,imu_t0,imu_t1,gyro_x,gyro_y,gyro_z,accel_x,accel_y,accel_z,imu_temp,baro_p,"
+                      "baro_temp,mag_x,mag_y,mag_z\n";
     std::array<double, 3> f{0, 0, -kG};
+    std::array<double, 3> field{21.0, 0.0, 43.0}; // µT, the earth's
     double t = 100.0;
     uint64_t seed = 12345;
     auto noise = [&seed](double sigma) {
@@ -92,6 +109,7 @@ std::string bench_recording(const bench_options &o)
                 if (axis >= 0) {
                     w[size_t(axis)] = rate;
                     f = rotate(f, axis, rate * 0.001);
+                    field = rotate(field, axis, rate * 0.001);
                 }
                 const double shake = o.wobble * std::sin(2 * M_PI * 1.5 * t);
                 const double temp_k = 283.15 + o.rise_k * (1 - std::exp(-(t - 100.0) / 35.0));
@@ -119,10 +137,15 @@ std::string bench_recording(const bench_options &o)
                 gyro_sum = {g[0], g[1], g[2]};
                 accel_sum = {a[0], a[1], a[2]};
             }
-            char row[320];
-            std::snprintf(row, sizeof row, "%.6f,0x1,5,%.6f,%.6f,%.6g,%.6g,%.6g,%.6g,%.6g,%.6g,%.3f,0.00\n", t + 0.0002,
-                          t - 0.004, t, gyro_sum[0], gyro_sum[1], gyro_sum[2], accel_sum[0], accel_sum[1],
-                          accel_sum[2], temp);
+            const double die = baro_temp(t - 100.0);
+            const auto mb = mag_bias(die - kT0);
+            char row[400];
+            std::snprintf(row, sizeof row,
+                          "%.6f,0x7,5,%.6f,%.6f,%.6g,%.6g,%.6g,%.6g,%.6g,%.6g,%.3f,%.2f,%.2f,%.4g,%.4g,%.4g\n",
+                          t + 0.0002, t - 0.004, t, gyro_sum[0], gyro_sum[1], gyro_sum[2], accel_sum[0], accel_sum[1],
+                          accel_sum[2], temp, kBenchPa + baro_bias(die - kT0) + noise(0.5), die,
+                          field[0] + mb[0] + noise(0.15), field[1] + mb[1] + noise(0.15),
+                          field[2] + mb[2] + noise(0.15));
             csv += row;
         }
     };
@@ -154,7 +177,7 @@ TEST(CalibTool, FitFindsTheUnitsDriftAndThePlugInReadsItBack)
         test_root root;
         write_file(root.path() + "/bench.csv", bench_recording({.applied = in_force}));
         const run_result r = run(tool() + " fit " + root.path() + "/bench.csv --out " + root.path() +
-                                 (in_force ? " --applied " + factory : std::string()));
+                                 " --pressure 100000 --magneto" + (in_force ? " --applied " + factory : std::string()));
         ASSERT_EQ(r.status, 0) << r.output;
 
         const std::string bias = root.path() + "/flight_imu_thermal_bias", ortho = root.path() + "/flight_imu_thermal_ortho";
@@ -197,6 +220,26 @@ TEST(CalibTool, FitFindsTheUnitsDriftAndThePlugInReadsItBack)
         imu_calib_destroy(set);
         if (in_force)
             continue;
+
+        // The barometer's and the magnetometer's files, as the plug-in reads
+        // them (the magnetometer's in mG for c0 and c1 only), over the
+        // barometer die's range.
+        const std::string baro_file = root.path() + "/flight_baro_thermal_bias";
+        const std::string mag_file = root.path() + "/flight_magneto_thermal_bias";
+        baro_calib *baro = baro_calib_load(baro_file.c_str());
+        magneto_calib *mag = magneto_calib_load(mag_file.c_str());
+        ASSERT_TRUE(baro && mag);
+        EXPECT_LT(baro->range.temp_min, 284.0);
+        EXPECT_GT(baro->range.temp_max, 320.0);
+        for (double temp = baro->range.temp_min; temp <= baro->range.temp_max; temp += 2.0) {
+            EXPECT_NEAR(baro_calib_bias_at(*baro, temp), baro_bias(temp - kT0), 0.3) << temp;
+            double b[3];
+            magneto_calib_bias_at(*mag, temp, b);
+            for (size_t a = 0; a < 3; a++)
+                EXPECT_NEAR(b[a], mag_bias(temp - kT0)[a], 0.05) << "magnetometer " << a << " at " << temp;
+        }
+        baro_calib_destroy(baro);
+        magneto_calib_destroy(mag);
 
         // check: the numbers over the range and 10 K beyond, and a recording
         // of the uncorrected unit shows the drift as its residuals.

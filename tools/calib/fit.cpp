@@ -88,21 +88,26 @@ struct observation {
     std::vector<double> factor; // one per block
 };
 
+// With a degree of twice the others' for the last block when last_doubled:
+// the magnetometer's |b(T)|² beside b(T).
 bool fit_blocks(const std::vector<observation> &obs, size_t blocks, double temp0, double half, int max_degree,
-                std::vector<poly> *out, double *rms)
+                std::vector<poly> *out, double *rms, bool last_doubled = false)
 {
     double best = std::numeric_limits<double>::infinity();
     for (int degree = 0; degree <= max_degree; degree++) {
-        const size_t p = size_t(degree + 1);
+        std::vector<size_t> first(blocks + 1, 0); // each block's first unknown
+        for (size_t b = 0; b < blocks; b++)
+            first[b + 1] = first[b] + size_t(degree) * (last_doubled && b + 1 == blocks ? 2 : 1) + 1;
+        const size_t unknowns = first[blocks];
         std::vector<row> a;
         std::vector<double> y;
         for (const observation &o : obs) {
-            row r(blocks * p, 0.0);
+            row r(unknowns, 0.0);
             const double u = (o.temp_k - temp0) / half;
             for (size_t b = 0; b < blocks; b++) {
                 double power = 1;
-                for (size_t k = 0; k < p; k++, power *= u)
-                    r[b * p + k] = o.factor[b] * power;
+                for (size_t k = first[b]; k < first[b + 1]; k++, power *= u)
+                    r[k] = o.factor[b] * power;
             }
             a.push_back(std::move(r));
             y.push_back(o.value);
@@ -110,18 +115,18 @@ bool fit_blocks(const std::vector<observation> &obs, size_t blocks, double temp0
         std::vector<double> x;
         double rss;
         // Two observations beyond the unknowns at least, to judge the noise.
-        if (a.size() < blocks * p + 2 || !least_squares(a, y, &x, &rss))
+        if (a.size() < unknowns + 2 || !least_squares(a, y, &x, &rss))
             break;
         const double n = double(a.size());
-        const double bic = n * std::log(std::max(rss / n, 1e-30)) + double(blocks * p) * std::log(n);
+        const double bic = n * std::log(std::max(rss / n, 1e-30)) + double(unknowns) * std::log(n);
         if (bic >= best)
             continue;
         best = bic;
         *rms = std::sqrt(rss / n);
-        out->assign(blocks, poly(p));
+        out->assign(blocks, poly());
         for (size_t b = 0; b < blocks; b++)
-            for (size_t k = 0; k < p; k++)
-                (*out)[b][k] = x[b * p + k] / std::pow(half, double(k));
+            for (size_t k = first[b]; k < first[b + 1]; k++)
+                (*out)[b].push_back(x[k] / std::pow(half, double(k - first[b])));
     }
     return std::isfinite(best);
 }
@@ -316,6 +321,13 @@ bool write_file(const std::string &path, const std::string &text, std::string *e
     return true;
 }
 
+std::string header(double temp0, double temp_min, double temp_max)
+{
+    char text[96];
+    std::snprintf(text, sizeof text, "Temp_0_K %.2f\nTemp_Min_Max_K %.2f %.2f\n", temp0, temp_min, temp_max);
+    return text;
+}
+
 std::string line(const char *name, const poly &p)
 {
     std::string out = std::string(name) + " " + std::to_string(p.size());
@@ -344,10 +356,7 @@ constexpr matrix_name kAccelMatrix[9] = {{"Poly_AccX_sfe_K", 0}, {"Poly_AccY_sfe
 
 bool write_imu_files(const imu_fit &f, const std::string &dir, std::string *error)
 {
-    char header[96];
-    std::snprintf(header, sizeof header, "Temp_0_K %.2f\nTemp_Min_Max_K %.2f %.2f\n", f.temp0_k, f.temp_min_k,
-                  f.temp_max_k);
-    std::string bias = header;
+    std::string bias = header(f.temp0_k, f.temp_min_k, f.temp_max_k);
     const char *gyro[3] = {"Poly_GyroX_bias_rad_s_K", "Poly_GyroY_bias_rad_s_K", "Poly_GyroZ_bias_rad_s_K"};
     const char *accel[3] = {"Poly_AccX_bias_m_s2_K", "Poly_AccY_bias_m_s2_K", "Poly_AccZ_bias_m_s2_K"};
     for (size_t a = 0; a < 3; a++)
@@ -361,6 +370,109 @@ bool write_imu_files(const imu_fit &f, const std::string &dir, std::string *erro
         ortho += line(m.name, f.accel_matrix[m.entry]);
     return write_file(dir + "/flight_imu_thermal_bias", bias, error) &&
            write_file(dir + "/flight_imu_thermal_ortho", ortho, error);
+}
+
+namespace {
+
+// The range of temperatures of a set of readings, rounded inwards to 0.01 K,
+// and its middle; false, with *error, when narrower than the options allow.
+template <typename Row>
+bool range_of(const std::vector<Row> &rows, const char *sensor, const fit_options &options, bias_fit *f,
+              std::string *error)
+{
+    double lo = rows.front().temp_k, hi = lo;
+    for (const Row &r : rows) {
+        lo = std::min(lo, r.temp_k);
+        hi = std::max(hi, r.temp_k);
+    }
+    f->temp_min_k = std::ceil(lo * 100) / 100;
+    f->temp_max_k = std::floor(hi * 100) / 100;
+    if (!(f->temp_max_k - f->temp_min_k >= options.min_range_k)) {
+        char text[200];
+        std::snprintf(text, sizeof text,
+                      "the %s's die was seen over %.2f K to %.2f K only (%.1f K): a thermal fit needs at least %.1f K",
+                      sensor, lo, hi, hi - lo, options.min_range_k);
+        *error = text;
+        return false;
+    }
+    f->temp0_k = std::round((f->temp_min_k + f->temp_max_k) / 2 * 100) / 100;
+    f->samples = rows.size();
+    return true;
+}
+
+} // namespace
+
+bool fit_baro(const std::vector<baro_row> &rows, double reference_pa, const fit_options &options, bias_fit *out,
+              std::string *error)
+{
+    if (rows.empty()) {
+        *error = "the recording has no barometer reading: no barometer file";
+        return false;
+    }
+    bias_fit f;
+    if (!range_of(rows, "barometer", options, &f, error))
+        return false;
+    std::vector<observation> obs;
+    for (const baro_row &r : rows)
+        obs.push_back({r.temp_k, r.pressure_pa - reference_pa, {1.0}});
+    std::vector<poly> p;
+    if (!fit_blocks(obs, 1, f.temp0_k, (f.temp_max_k - f.temp_min_k) / 2, options.max_degree, &p, &f.rms)) {
+        *error = "the barometer's bias cannot be fitted from these readings";
+        return false;
+    }
+    f.bias[0] = p[0];
+    *out = f;
+    return true;
+}
+
+bool fit_magneto(const std::vector<mag_row> &rows, const fit_options &options, bias_fit *out, std::string *error)
+{
+    if (rows.empty()) {
+        *error = "the recording has no magnetometer reading with a barometer's temperature: no magnetometer file";
+        return false;
+    }
+    bias_fit f;
+    if (!range_of(rows, "barometer (whose temperature the magnetometer is corrected at)", options, &f, error))
+        return false;
+    // The field's magnitude F is the same in every orientation: |r - b|² =
+    // F², that is |r|² = 2 r.b + (F² - |b|²), linear in b and in the last
+    // term, a polynomial of twice b's degree.
+    std::vector<observation> obs;
+    for (const mag_row &r : rows)
+        obs.push_back({r.temp_k, r.field[0] * r.field[0] + r.field[1] * r.field[1] + r.field[2] * r.field[2],
+                       {2 * r.field[0], 2 * r.field[1], 2 * r.field[2], 1.0}});
+    std::vector<poly> p;
+    if (!fit_blocks(obs, 4, f.temp0_k, (f.temp_max_k - f.temp_min_k) / 2, options.max_degree, &p, &f.rms, true)) {
+        *error = "the magnetometer's bias cannot be fitted: the field was seen from too few directions at each "
+                 "temperature (turn the unit through its faces while it warms)";
+        return false;
+    }
+    for (size_t a = 0; a < 3; a++)
+        f.bias[a] = p[a];
+    *out = f;
+    return true;
+}
+
+bool write_baro_file(const bias_fit &f, const std::string &dir, std::string *error)
+{
+    return write_file(dir + "/flight_baro_thermal_bias", header(f.temp0_k, f.temp_min_k, f.temp_max_k) +
+                                                             line("Poly_Baro_bias_Pa_K", f.bias[0]),
+                      error);
+}
+
+bool write_magneto_file(const bias_fit &f, const std::string &dir, std::string *error)
+{
+    // The file is in milligauss, but the plug-in divides only c0 and c1 by
+    // 10 to get microtesla: c2 and c3 are written in µT/K² and µT/K³.
+    const char *names[3] = {"Poly_MagX_bias_mG_K", "Poly_MagY_bias_mG_K", "Poly_MagZ_bias_mG_K"};
+    std::string text = header(f.temp0_k, f.temp_min_k, f.temp_max_k);
+    for (size_t a = 0; a < 3; a++) {
+        poly p = f.bias[a];
+        for (size_t k = 0; k < p.size() && k < 2; k++)
+            p[k] *= 10;
+        text += line(names[a], p);
+    }
+    return write_file(dir + "/flight_magneto_thermal_bias", text, error);
 }
 
 } // namespace calib

@@ -39,4 +39,25 @@ bool fit_imu(const bench &b, const fit_options &options, imu_fit *out, std::stri
 // Writes DIR/flight_imu_thermal_bias and DIR/flight_imu_thermal_ortho.
 bool write_imu_files(const imu_fit &fit, const std::string &dir, std::string *error);
 
+// The barometer's or the magnetometer's bias polynomials.
+struct bias_fit {
+    double temp0_k = 0, temp_min_k = 0, temp_max_k = 0;
+    std::array<poly, 3> bias; // the barometer's in [0], Pa; the magnetometer's x y z, µT
+    size_t samples = 0;
+    double rms = 0; // Pa; for the magnetometer, of |field|², µT²
+};
+
+// The barometer's bias against a known pressure (the bench's, Pa), over
+// the range of its die's temperature.
+bool fit_baro(const std::vector<baro_row> &rows, double reference_pa, const fit_options &options, bias_fit *out,
+              std::string *error);
+// The magnetometer's bias over the barometer's temperature, from the field
+// seen in many orientations: whatever its direction, its magnitude is the
+// same once the bias is removed.
+bool fit_magneto(const std::vector<mag_row> &rows, const fit_options &options, bias_fit *out, std::string *error);
+
+// DIR/flight_baro_thermal_bias, DIR/flight_magneto_thermal_bias.
+bool write_baro_file(const bias_fit &fit, const std::string &dir, std::string *error);
+bool write_magneto_file(const bias_fit &fit, const std::string &dir, std::string *error);
+
 } // namespace calib

@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// orlune-calib: makes the IMU's thermal calibration files from a bench
-// recording, and checks a set of files.
+// orlune-calib: makes the thermal calibration files from a bench recording
+// (the IMU's, and on request the barometer's and the magnetometer's), and
+// checks a set of files.
 //
 //   orlune-calib fit RECORDING.csv --out DIR [--applied DIR] [--min-range K] [--max-degree N] [--gravity G]
+//                    [--pressure PA | --altitude M] [--magneto]
 //   orlune-calib check DIR [--recording RECORDING.csv] [--plot FILE.png]
 #include <sys/stat.h>
 #include <syslog.h>
@@ -32,16 +34,26 @@ constexpr int kUsage = 2;
 void usage(FILE *out)
 {
     std::fputs("usage: orlune-calib fit RECORDING.csv --out DIR [--applied DIR] [--min-range K] [--max-degree N]\n"
-               "                        [--gravity M_S2]\n"
+               "                        [--gravity M_S2] [--pressure PA | --altitude M] [--magneto]\n"
                "       orlune-calib check DIR [--recording RECORDING.csv] [--plot FILE.png]\n"
                "fit: the IMU's bias polynomials and scale and cross-axis matrix from a bench recording\n"
                "     (orlune-host --record), written as DIR/flight_imu_thermal_bias and DIR/flight_imu_thermal_ortho;\n"
                "     --applied DIR: the IMU files the plug-in applied while recording (none by default);\n"
                "     --min-range: the narrowest range of temperature to fit over (10 K); --max-degree: of the\n"
-               "     polynomials (3); --gravity: the bench's local gravity (9.80665 m/s2)\n"
+               "     polynomials (3); --gravity: the bench's local gravity (9.80665 m/s2);\n"
+               "     --pressure PA or --altitude M: the bench's pressure, to fit the barometer's bias too\n"
+               "     (DIR/flight_baro_thermal_bias); --magneto: the magnetometer's bias too\n"
+               "     (DIR/flight_magneto_thermal_bias)\n"
                "check: what the files of DIR correct over temperature, and with --recording the biases and\n"
                "     scale errors left in a bench recording flown with them\n",
                out);
+}
+
+// International standard atmosphere, troposphere: the pressure at an
+// altitude above mean sea level, Pa.
+double standard_pressure(double altitude_m)
+{
+    return 101325.0 * std::pow(1.0 - 2.25577e-5 * altitude_m, 5.25588);
 }
 
 bool number_arg(const char *text, double *out)
@@ -103,19 +115,22 @@ bool unapply(const imu_calib &set, std::vector<calib::imu_row> *rows)
     return true;
 }
 
-bool load_bench(const std::string &path, calib::bench *b, const imu_calib *applied = nullptr)
+bool load_bench(const std::string &path, calib::bench *b, const imu_calib *applied = nullptr,
+                calib::recording *rec = nullptr)
 {
-    std::vector<calib::imu_row> rows;
+    calib::recording own;
+    if (!rec)
+        rec = &own;
     std::string error;
-    if (!calib::read_recording(path, &rows, &error)) {
+    if (!calib::read_recording(path, rec, &error)) {
         std::fprintf(stderr, "orlune-calib: %s\n", error.c_str());
         return false;
     }
-    if (applied && !unapply(*applied, &rows)) {
+    if (applied && !unapply(*applied, &rec->imu)) {
         std::fprintf(stderr, "orlune-calib: the applied set's matrix is singular: its correction cannot be undone\n");
         return false;
     }
-    if (!calib::cut_bench(rows, b, &error)) {
+    if (!calib::cut_bench(rec->imu, b, &error)) {
         std::fprintf(stderr, "orlune-calib: %s\n", error.c_str());
         return false;
     }
@@ -126,6 +141,8 @@ int fit_main(int argc, char **argv)
 {
     std::string recording, out_dir, applied_dir;
     calib::fit_options options;
+    double reference_pa = 0; // the bench's pressure; 0: no barometer fit
+    bool magneto = false;
     for (int i = 0; i < argc; i++) {
         const std::string arg = argv[i];
         double v;
@@ -140,6 +157,14 @@ int fit_main(int argc, char **argv)
                    v == std::floor(v)) {
             options.max_degree = int(v);
             i++;
+        } else if (arg == "--pressure" && i + 1 < argc && number_arg(argv[i + 1], &v) && v > 30000 && v < 120000) {
+            reference_pa = v;
+            i++;
+        } else if (arg == "--altitude" && i + 1 < argc && number_arg(argv[i + 1], &v) && v > -500 && v < 9000) {
+            reference_pa = standard_pressure(v);
+            i++;
+        } else if (arg == "--magneto") {
+            magneto = true;
         } else if (arg == "--gravity" && i + 1 < argc && number_arg(argv[i + 1], &v) && v > 9.7 && v < 9.9) {
             options.gravity = v;
             i++;
@@ -164,17 +189,21 @@ int fit_main(int argc, char **argv)
     if (!applied_dir.empty() && !(applied = load_imu_set(applied_dir, &warnings)))
         return kRefused;
     calib::bench b;
-    const bool loaded = load_bench(recording, &b, applied);
+    calib::recording rec;
+    const bool loaded = load_bench(recording, &b, applied, &rec);
     imu_calib_destroy(applied);
     if (!loaded)
         return kRefused;
+    // Every fit before any file, so that a refusal leaves none behind.
     calib::imu_fit f;
+    calib::bias_fit baro, mag;
     std::string error;
-    if (!calib::fit_imu(b, options, &f, &error)) {
-        std::fprintf(stderr, "orlune-calib: %s\n", error.c_str());
-        return kRefused;
-    }
-    if (!calib::write_imu_files(f, out_dir, &error)) {
+    if (!calib::fit_imu(b, options, &f, &error) ||
+        (reference_pa > 0 && !calib::fit_baro(rec.baro, reference_pa, options, &baro, &error)) ||
+        (magneto && !calib::fit_magneto(rec.mag, options, &mag, &error)) ||
+        !calib::write_imu_files(f, out_dir, &error) ||
+        (reference_pa > 0 && !calib::write_baro_file(baro, out_dir, &error)) ||
+        (magneto && !calib::write_magneto_file(mag, out_dir, &error))) {
         std::fprintf(stderr, "orlune-calib: %s\n", error.c_str());
         return kRefused;
     }
@@ -189,6 +218,20 @@ int fit_main(int argc, char **argv)
                 f.turn_rms);
     std::printf("wrote %s/flight_imu_thermal_bias and %s/flight_imu_thermal_ortho\n", out_dir.c_str(),
                 out_dir.c_str());
+    if (reference_pa > 0)
+        std::printf("barometer: %zu readings against %.1f Pa, range %.2f to %.2f K, T0 %.2f K, degree %d, residual "
+                    "rms %.2g Pa; wrote %s/flight_baro_thermal_bias\n",
+                    baro.samples, reference_pa, baro.temp_min_k, baro.temp_max_k, baro.temp0_k, degree(baro.bias[0]),
+                    baro.rms, out_dir.c_str());
+    else if (!rec.baro.empty())
+        std::printf("barometer: not fitted (give the bench's pressure: --pressure PA or --altitude M)\n");
+    if (magneto)
+        std::printf("magnetometer: %zu readings, range %.2f to %.2f K of the barometer's die, T0 %.2f K, degrees %d "
+                    "%d %d; wrote %s/flight_magneto_thermal_bias\n",
+                    mag.samples, mag.temp_min_k, mag.temp_max_k, mag.temp0_k, degree(mag.bias[0]),
+                    degree(mag.bias[1]), degree(mag.bias[2]), out_dir.c_str());
+    else if (!rec.mag.empty())
+        std::printf("magnetometer: not fitted (--magneto)\n");
     return 0;
 }
 
@@ -314,6 +357,56 @@ bool plot(const std::string &data, const std::string &png, const calib_range &ra
     return true;
 }
 
+// The barometer's and the magnetometer's files of dir, when there: the bias
+// each subtracts over its range and 10 K beyond. False when the plug-in
+// would refuse one.
+bool check_baro_magneto(const std::string &dir)
+{
+    const std::string baro_path = dir + "/flight_baro_thermal_bias", mag_path = dir + "/flight_magneto_thermal_bias";
+    struct stat st;
+    const bool has_baro = stat(baro_path.c_str(), &st) == 0, has_mag = stat(mag_path.c_str(), &st) == 0;
+    if (!has_baro && !has_mag)
+        return true;
+    log_capture_start();
+    baro_calib *baro = has_baro ? baro_calib_load(baro_path.c_str()) : nullptr;
+    magneto_calib *mag = has_mag ? magneto_calib_load(mag_path.c_str()) : nullptr;
+    int warnings = 0;
+    for (const log_record &r : log_capture_take()) {
+        if (r.priority <= LOG_WARNING)
+            warnings++;
+        std::printf("loader: %s %s: %s\n", r.priority <= LOG_WARNING ? "warning" : "info", r.tag.c_str(),
+                    r.text.c_str());
+    }
+    log_capture_stop();
+    const bool ok = (!has_baro || baro) && (!has_mag || mag);
+    if (ok) {
+        const calib_range range = baro ? baro->range : mag->range;
+        std::printf("\n%s%s%s: fitted over %.2f to %.2f K of the barometer's die; %d loader warning%s\n",
+                    has_baro ? "flight_baro_thermal_bias" : "", has_baro && has_mag ? " and " : "",
+                    has_mag ? "flight_magneto_thermal_bias" : "", range.temp_min, range.temp_max, warnings,
+                    warnings == 1 ? "" : "s");
+        std::printf("%-8s %-3s %-12s %-30s\n", "T K", "in", "baro Pa", "mag bias x y z uT");
+        for (int i = 0; i <= 20; i++) {
+            const double t = range.temp_min - 10 + (range.temp_max - range.temp_min + 20) * i / 20;
+            char b[24] = "-", m[64] = "-";
+            if (baro)
+                std::snprintf(b, sizeof b, "%+.2f", baro_calib_bias_at(*baro, t));
+            if (mag) {
+                double v[3];
+                magneto_calib_bias_at(*mag, t, v);
+                std::snprintf(m, sizeof m, "%+.3f %+.3f %+.3f", v[0], v[1], v[2]);
+            }
+            std::printf("%-8.2f %-3s %-12s %-30s\n", t, t >= range.temp_min && t <= range.temp_max ? "yes" : "no", b,
+                        m);
+        }
+    } else {
+        std::fprintf(stderr, "orlune-calib: the plug-in refuses %s\n", has_baro && !baro ? baro_path.c_str() : mag_path.c_str());
+    }
+    baro_calib_destroy(baro);
+    magneto_calib_destroy(mag);
+    return ok;
+}
+
 int check_main(int argc, char **argv)
 {
     std::string dir, recording, png;
@@ -396,6 +489,8 @@ int check_main(int argc, char **argv)
     } else if (!png.empty()) {
         std::fprintf(stderr, "orlune-calib: cannot write %s\n", data.c_str());
     }
+    if (!check_baro_magneto(dir))
+        return kRefused;
     return recording.empty() ? 0 : residuals(recording, range);
 }
 
