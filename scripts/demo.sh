@@ -77,6 +77,10 @@ if [ $board = 1 ] || [ $kernel = 1 ]; then
 else
   echo "virtual vehicle: $(basename "$scenario" .cfg) on $IIOD_REMOTE, output in $out"
 fi
+# What the simulated hardware runs with. Without the privilege its refusal
+# stays in sim.log: the host says once that the vehicle flies without
+# real-time priorities.
+grep '^orlune-sim: every thread at' "$out/sim.log" || true
 
 # The demo flight's motor commands follow its phases (see the scenario's
 # header); another scenario gets a start, a spin and a stop.
