@@ -247,6 +247,19 @@ TEST(CalibTool, FitFindsTheUnitsDriftAndThePlugInReadsItBack)
         ASSERT_EQ(c.status, 0) << c.output;
         EXPECT_THAT(c.output, HasSubstr("0 loader warnings"));
         EXPECT_THAT(c.output, ::testing::ContainsRegex("largest within the range: gyro bias 0.0[23][0-9]* rad/s"));
+
+        // The plot, with gnuplot (scripts/deps.sh installs it) and without:
+        // the numbers then, and what is missing.
+        const std::string png = root.path() + "/check.png", bare = root.path() + "/bare.png";
+        const run_result plotted = run(tool() + " check " + root.path() + " --plot " + png);
+        ASSERT_EQ(plotted.status, 0) << plotted.output;
+        EXPECT_EQ(read_file(png).substr(0, 4), "\x89PNG") << plotted.output;
+        const run_result unplotted = run("env PATH=/nonexistent " + tool() + " check " + root.path() + " --plot " + bare);
+        EXPECT_EQ(unplotted.status, 0) << unplotted.output;
+        EXPECT_THAT(unplotted.output, HasSubstr("gnuplot is missing (Debian package gnuplot-nox): no plot, the numbers only"));
+        EXPECT_THAT(unplotted.output, HasSubstr("fitted over"));
+        EXPECT_FALSE(std::filesystem::exists(bare));
+        EXPECT_TRUE(std::filesystem::exists(bare + ".dat"));
     }
     imu_calib_destroy(applied);
 }
