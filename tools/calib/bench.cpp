@@ -131,8 +131,12 @@ bool cut_bench(const std::vector<imu_row> &rows, bench *out, std::string *error)
         i = j + 1;
     }
     if (runs.empty()) {
-        *error = "the unit is moving: it never rests still for " + std::to_string(kMinStill).substr(0, 3) +
-                 " s, and a bench recording is made of still periods on each face and turns between them";
+        char text[160];
+        std::snprintf(text, sizeof text,
+                      "the unit is moving: it never rests still for %.1f s, and a bench recording is made of still "
+                      "periods on each face and turns between them",
+                      kMinStill);
+        *error = text;
         return false;
     }
 
