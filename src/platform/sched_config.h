@@ -15,8 +15,7 @@
 //   # name       policy  priority  cpus  threads
 //   imu          fifo    60        1     irq/*-orlune-imu
 //   barometer    other   0         -     self
-// policy: other, batch, idle, fifo, rr; cpus: "-" (unchanged) or a list such as
-// 0,2-3.
+// policy: other, batch, idle, fifo, rr; cpus: "-" (unchanged) or a list such as 0,2-3.
 #pragma once
 
 #include <sched.h>
@@ -26,12 +25,12 @@
 struct sched_config;
 
 struct sched_entry {
-  char name[48];
-  int policy;   // SCHED_OTHER, SCHED_FIFO, ...
-  int priority; // 1..99 for fifo and rr, 0 otherwise
-  bool set_cpus;
-  cpu_set_t cpus;
-  char threads[64]; // "self" or a glob over thread names
+    char name[48];
+    int policy;   // SCHED_OTHER, SCHED_FIFO, ...
+    int priority; // 1..99 for fifo and rr, 0 otherwise
+    bool set_cpus;
+    cpu_set_t cpus;
+    char threads[64]; // "self" or a glob over thread names
 };
 
 sched_config *sched_config_new();

@@ -18,14 +18,14 @@ namespace soak {
 
 // The columns of a host recording that the soak reads, found by name.
 struct recording {
-  struct row {
-    double t;         // monotonic seconds when the read returned
-    uint32_t updated; // updated_sensors of that read
-    int imu_n;
-    double imu_t0; // first and last sample of the batch, monotonic seconds
-    double imu_t1;
-  };
-  std::vector<row> rows;
+    struct row {
+        double t;         // monotonic seconds when the read returned
+        uint32_t updated; // updated_sensors of that read
+        int imu_n;
+        double imu_t0; // first and last sample of the batch, monotonic seconds
+        double imu_t1;
+    };
+    std::vector<row> rows;
 };
 // 0, or -1 with *error (missing file or column, a line that does not parse).
 int parse_recording(const std::string &csv, recording *out, std::string *error);
@@ -34,19 +34,19 @@ int parse_recording(const std::string &csv, recording *out, std::string *error);
 // time stamp (libiio's own complaints on stderr) keep has_time false and the
 // time of the line before them.
 struct log_line {
-  bool has_time;
-  double t;
-  std::string text; // after the time stamp: "L tag: text"
+    bool has_time;
+    double t;
+    std::string text; // after the time stamp: "L tag: text"
 };
 std::vector<log_line> parse_log(const std::string &text);
 
 struct resource_sample {
-  double t; // monotonic seconds
-  int fds;  // of the host
-  long rss_kib;
-  // Per thread of the host and the simulator (by thread id): the time it
-  // has spent ready to run but not running, so far, in seconds.
-  std::map<int, double> run_wait_s;
+    double t; // monotonic seconds
+    int fds;  // of the host
+    long rss_kib;
+    // Per thread of the host and the simulator (by thread id): the time it
+    // has spent ready to run but not running, so far, in seconds.
+    std::map<int, double> run_wait_s;
 };
 // The open descriptors and resident memory of pid, and the run-queue wait
 // of its threads; false once it is gone.
@@ -54,25 +54,24 @@ bool sample_process(pid_t pid, double now_s, resource_sample *out);
 // Adds the run-queue wait of pid's threads to *out.
 void sample_run_waits(pid_t pid, resource_sample *out);
 // The longest a single thread waited on the run queue between two samples.
-double longest_wait(const resource_sample &before,
-                    const resource_sample &after);
+double longest_wait(const resource_sample &before, const resource_sample &after);
 
 struct check {
-  std::string name;
-  bool pass;
-  std::string detail;
-  // A failed advisory check is reported (WARN) but does not fail the run.
-  bool advisory = false;
+    std::string name;
+    bool pass;
+    std::string detail;
+    // A failed advisory check is reported (WARN) but does not fail the run.
+    bool advisory = false;
 };
 
 // Times in the schedule are scenario seconds; epoch_s is the monotonic time
 // of scenario time 0 (the SIM_EPOCH line of orlune-sim).
 struct judged_run {
-  const schedule &plan;
-  double epoch_s;
-  const recording &record;
-  const std::vector<log_line> &log;
-  const std::vector<resource_sample> &resources;
+    const schedule &plan;
+    double epoch_s;
+    const recording &record;
+    const std::vector<log_line> &log;
+    const std::vector<resource_sample> &resources;
 };
 
 // A gap between two IMU batches longer than 1.5 sample periods counts only
@@ -110,8 +109,7 @@ std::vector<check> check_imu_continuity(const judged_run &run, bool strict);
 // ("scheduling ...") and the simulator's start-up line: with the table
 // asked for, both at real-time priorities (advisory unless strict: without
 // the privilege the vehicle flies all the same).
-check check_scheduling(bool asked, const std::string &host_out,
-                       const std::string &sim_err, bool strict);
+check check_scheduling(bool asked, const std::string &host_out, const std::string &sim_err, bool strict);
 std::vector<check> check_recovery(const judged_run &run);
 std::vector<check> check_messages(const judged_run &run);
 std::vector<check> check_resources(const judged_run &run);
