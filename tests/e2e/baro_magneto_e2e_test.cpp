@@ -64,28 +64,11 @@ const char *const kScenario = R"(simulator = {
 };
 )";
 
-const char *const kBarometer = R"(barometer = {
-  enabled = true;
-  device = "orlune-lps22hb";
-  trigger = "orlune-baro-trig";
-  sampling-frequency = 75;
-};)";
-
-// The device runs at 100 Hz until the plug-in asks for 50.
-const char *const kMagnetometer = R"(magnetometer = {
-  enabled = true;
-  device = "orlune-magneto";
-  trigger = "orlune-magneto-trig";
-  sampling-frequency = 50;
-  use-temperature = true;
-  rotation-matrix = ( [-1.0, 0.0, 0.0], [0.0, 1.0, 0.0], [0.0, 0.0, -1.0] );
-};)";
-
 class BaroMagnetoEndToEnd : public flight {
 protected:
     std::unique_ptr<process> start_host(double duration_s)
     {
-        configure({{"barometer", kBarometer}, {"magnetometer", kMagnetometer}});
+        configure({{"barometer", kBarometerSection}, {"magnetometer", kMagnetometerSection}});
         return host({"--duration", std::to_string(duration_s)});
     }
 

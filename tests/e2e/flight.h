@@ -20,6 +20,24 @@
 #include "process.h"
 #include "support/test_env.h"
 
+// The barometer's and the magnetometer's sections of the vehicle's
+// configuration, for configure(). The simulated magnetometer runs at 100 Hz
+// until the plug-in asks for 50.
+inline const char *const kBarometerSection = R"(barometer = {
+  enabled = true;
+  device = "orlune-lps22hb";
+  trigger = "orlune-baro-trig";
+  sampling-frequency = 75;
+};)";
+inline const char *const kMagnetometerSection = R"(magnetometer = {
+  enabled = true;
+  device = "orlune-magneto";
+  trigger = "orlune-magneto-trig";
+  sampling-frequency = 50;
+  use-temperature = true;
+  rotation-matrix = ( [-1.0, 0.0, 0.0], [0.0, 1.0, 0.0], [0.0, 0.0, -1.0] );
+};)";
+
 class flight : public ::testing::Test {
 protected:
     static std::string example(const std::string &name) { return std::string(ORLUNE_SOURCE_DIR) + "/examples/" + name; }

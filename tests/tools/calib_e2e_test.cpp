@@ -151,22 +151,6 @@ aux_errors measure_aux(const csv &rec, const csv &truth, double epoch, double lo
     return e;
 }
 
-// The barometer and the magnetometer beside the IMU, as on the vehicle.
-const char *const kBarometer = R"(barometer = {
-  enabled = true;
-  device = "orlune-lps22hb";
-  trigger = "orlune-baro-trig";
-  sampling-frequency = 75;
-};)";
-const char *const kMagnetometer = R"(magnetometer = {
-  enabled = true;
-  device = "orlune-magneto";
-  trigger = "orlune-magneto-trig";
-  sampling-frequency = 50;
-  use-temperature = true;
-  rotation-matrix = ( [-1.0, 0.0, 0.0], [0.0, 1.0, 0.0], [0.0, 0.0, -1.0] );
-};)";
-
 class CalibEndToEnd : public flight {
 protected:
     // Flies the bench procedure; returns the recording and the truth.
@@ -195,7 +179,7 @@ protected:
 
 TEST_F(CalibEndToEnd, FittedFilesLeaveATenthOfTheUnitsDrift)
 {
-    configure({{"barometer", kBarometer}, {"magnetometer", kMagnetometer}});
+    configure({{"barometer", kBarometerSection}, {"magnetometer", kMagnetometerSection}});
     csv before(""), truth_before(""), after(""), truth_after("");
     double epoch_before, epoch_after;
     ASSERT_NO_FATAL_FAILURE(fly("uncalibrated", &before, &truth_before, &epoch_before));
