@@ -17,7 +17,8 @@
 #               libiio's local backend; the output comes back to --out
 # The flight loop and the simulator run at real-time priorities
 # (examples/config/sched.conf, orlune-sim --realtime) where the system allows
-# it; without the privilege the host says so once and flies all the same.
+# it (not in the --kernel guest); without the privilege the host says so once
+# and flies all the same.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=${BUILD_DIR:-$root/build}
@@ -60,15 +61,23 @@ fi
 source "$root/scripts/vehicle.sh"
 vehicle=$(mktemp -d "${TMPDIR:-/tmp}/orlune-vehicle-XXXXXX")
 vehicle_root "$vehicle" "orlune-demo-$$-"
-# The vehicle's scheduling table where a board keeps it (/etc/orlune/sched.conf).
-cp "$root/examples/config/sched.conf" "$vehicle/etc/orlune/sched.conf"
+# The vehicle's scheduling table where a board keeps it (/etc/orlune/sched.conf),
+# and the simulator above the flight loop on its CPU. Not in the emulated
+# guest, whose CPUs are threads of this machine's emulator: real-time
+# priorities there would only take its kernel's time.
+realtime=(--realtime 70 --cpus 1)
+if [ $kernel = 0 ]; then
+  cp "$root/examples/config/sched.conf" "$vehicle/etc/orlune/sched.conf"
+else
+  realtime=()
+fi
 sim_pid=""
 trap '[ -z "$sim_pid" ] || { kill $sim_pid 2>/dev/null || true; wait $sim_pid 2>/dev/null || true; }; rm -rf "$vehicle"' EXIT
 sysfs=()
 [ $board = 0 ] || sysfs=(--sysfs /)
 [ $kernel = 0 ] || sysfs=(--kernel /dev/orlune-vehicle)
 vehicle_start "$build/sim/orlune-sim" "$vehicle/sim.out" "$out/sim.log" \
-  --scenario "$scenario" --truth "$out/truth.csv" --realtime 70 --cpus 1 "${sysfs[@]}" || exit 1
+  --scenario "$scenario" --truth "$out/truth.csv" "${realtime[@]}" "${sysfs[@]}" || exit 1
 if [ $board = 1 ] || [ $kernel = 1 ]; then
   unset IIOD_REMOTE # libiio's local backend: the board's own devices
   where="the board's transport (local IIO devices)"
