@@ -229,8 +229,7 @@ bool enter_realtime(const std::string &priority, const std::string &cpus)
     const std::string line = "orlune-sim fifo " + priority + " " + (cpus.empty() ? "-" : cpus) + " self";
     sched_entry entry;
     sched_config *config = sched_config_new();
-    if (!config || sched_config_parse_line(line.c_str(), &entry) != 0 || entry.priority == 0 ||
-        sched_config_add(config, entry) != 0) {
+    if (!config || sched_config_parse_line(line.c_str(), &entry) != 0 || sched_config_add(config, entry) != 0) {
         std::fprintf(stderr, "orlune-sim: bad real-time priority '%s' (1 to 99) or CPU list '%s'\n", priority.c_str(),
                      cpus.c_str());
         sched_config_destroy(config);
@@ -242,12 +241,9 @@ bool enter_realtime(const std::string &priority, const std::string &cpus)
         std::fprintf(stderr, "orlune-sim: running without real-time priorities: %s\n", std::strerror(-r));
         return true;
     }
-    char now[64];
-    sched_describe_self(now, sizeof now);
-    const int locked = sched_lock_memory();
-    std::fprintf(stderr, "orlune-sim: every thread at %s, %s%s%s\n", now,
-                 locked == 0 ? "memory locked" : "memory not locked (", locked == 0 ? "" : std::strerror(-locked),
-                 locked == 0 ? "" : ")");
+    char in_force[128];
+    sched_lock_memory_and_describe(in_force, sizeof in_force);
+    std::fprintf(stderr, "orlune-sim: every thread at %s\n", in_force);
     return true;
 }
 

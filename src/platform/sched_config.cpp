@@ -388,6 +388,19 @@ int sched_lock_memory()
     return mlockall(MCL_CURRENT | MCL_FUTURE) == 0 ? 0 : -errno;
 }
 
+void sched_lock_memory_and_describe(char *out, size_t size)
+{
+    if (!out || size == 0)
+        return;
+    const int locked = sched_lock_memory();
+    sched_describe_self(out, size);
+    const size_t n = strlen(out);
+    if (locked == 0)
+        snprintf(out + n, size - n, ", memory locked");
+    else
+        snprintf(out + n, size - n, ", memory not locked (%s)", strerror(-locked));
+}
+
 int sched_config_open_default(sched_config **config)
 {
     if (!config)

@@ -67,6 +67,11 @@ void sched_describe_self(char *out, size_t size);
 // -EPERM and locks nothing. A sanitizer's build answers -EOPNOTSUPP.
 int sched_lock_memory();
 
+// Locks the memory, then says what the calling thread runs with and whether
+// the memory is locked: "fifo 50 on CPUs 1, memory locked", or "..., memory
+// not locked (Operation not permitted)".
+void sched_lock_memory_and_describe(char *out, size_t size);
+
 // The host's table: the file ORLUNE_SCHED_CONFIG names, else
 // /etc/orlune/sched.conf (under ORLUNE_ROOT) when it exists. *config is null
 // when there is no file (every name accepted). Returns 0, or -EINVAL when a

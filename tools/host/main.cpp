@@ -267,11 +267,9 @@ std::string enter_realtime(sched_config **table, std::string *said)
                 strerror(-r) + "), so the table is not applied";
         return std::string(now) + " (without real-time priorities: " + strerror(-r) + ")";
     }
-    const int locked = sched_lock_memory();
-    const std::string in_force = std::string(now) + (locked == 0 ? ", memory locked"
-                                                                  : std::string(", memory not locked (") +
-                                                                        strerror(-locked) + ")");
-    *said = "orlune-host: acquisition loop at " + in_force;
+    char in_force[128];
+    sched_lock_memory_and_describe(in_force, sizeof in_force);
+    *said = std::string("orlune-host: acquisition loop at ") + in_force;
     return in_force;
 }
 
