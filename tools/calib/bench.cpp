@@ -80,6 +80,20 @@ bool face_of(const std::array<double, 3> &f, int *axis, int *sign, double *off_d
     return std::fabs(norm - kGravity) <= kFaceMagnitude * kGravity && *off_deg <= kFaceAngle * kDeg;
 }
 
+// The IMU's sample period: the median, over the batches, of the time since
+// the batch before per sample.
+double sample_period(const std::vector<imu_row> &rows)
+{
+    std::vector<double> per_sample;
+    for (size_t k = 1; k < rows.size(); k++)
+        per_sample.push_back((rows[k].t1 - rows[k - 1].t1) / rows[k].n);
+    if (per_sample.empty())
+        return 0;
+    const auto middle = per_sample.begin() + long(per_sample.size() / 2);
+    std::nth_element(per_sample.begin(), middle, per_sample.end());
+    return *middle;
+}
+
 } // namespace
 
 std::string face_name(int axis, int sign)
@@ -91,6 +105,7 @@ bool cut_bench(const std::vector<imu_row> &rows, bench *out, std::string *error)
 {
     out->windows.clear();
     out->turns.clear();
+    out->turns_with_lost_samples = 0;
     if (rows.empty()) {
         *error = "the recording has no IMU batch";
         return false;
@@ -163,12 +178,15 @@ bool cut_bench(const std::vector<imu_row> &rows, bench *out, std::string *error)
         }
     }
 
+    const double period = sample_period(rows);
     for (size_t h = 0; h + 1 < runs.size(); h++) {
         const still_run &a = runs[h], &b = runs[h + 1];
         turn tn{rows[a.last].t1, rows[b.first].t1, 0, 0, 0, {}};
         double temp = 0;
+        int samples = 0;
         for (size_t k = a.last + 1; k <= b.first; k++) {
             const double dt = rows[k].t1 - rows[k - 1].t1;
+            samples += rows[k].n;
             for (int i = 0; i < 3; i++)
                 tn.angle[i] += (rows[k].gyro[i] - (a.gyro[i] + b.gyro[i]) / 2) * dt;
             temp += rows[k].temp_k;
@@ -205,6 +223,10 @@ bool cut_bench(const std::vector<imu_row> &rows, bench *out, std::string *error)
         }
         if (!quarter)
             continue;
+        if ((tn.t_end - tn.t_start) / period - samples > 0.5) {
+            out->turns_with_lost_samples++;
+            continue;
+        }
         for (int i = 0; i < 3; i++)
             if (expected[i] != 0) {
                 tn.axis = i;

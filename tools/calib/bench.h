@@ -38,9 +38,14 @@ struct turn {
 struct bench {
     std::vector<still_window> windows;
     std::vector<turn> turns;
+    // Turns left out of `turns`: samples were lost in them (the batches'
+    // samples cover less than the turn's time), and their integral would
+    // be a guess at what the lost samples read.
+    size_t turns_with_lost_samples = 0;
 };
 
-// Cuts rows into still windows and turns. False, with *error saying what the
+// Cuts rows into still windows and the turns whose every sample is in the
+// recording. False, with *error saying what the
 // unit did, when it never rests still or moves between two still periods
 // otherwise than by a clean turn between faces.
 bool cut_bench(const std::vector<imu_row> &rows, bench *out, std::string *error);

@@ -247,6 +247,9 @@ bool fit_imu(const bench &b, const fit_options &options, imu_fit *out, std::stri
             *error = std::string("no two 90° turns about the ") + "xyz"[a] + " axis between faces within " +
                      kelvin(f.temp_min_k) + " to " + kelvin(f.temp_max_k) + ": the gyro's " + "xyz"[a] +
                      " scale cannot be fitted";
+            if (b.turns_with_lost_samples)
+                *error += " (" + std::to_string(b.turns_with_lost_samples) +
+                          " turns were left out: samples were lost in them)";
             return false;
         }
 

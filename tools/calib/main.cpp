@@ -208,8 +208,11 @@ int fit_main(int argc, char **argv)
         return kRefused;
     }
     auto degree = [](const calib::poly &p) { return int(p.size()) - 1; };
-    std::printf("range %.2f to %.2f K, T0 %.2f K: %zu still windows on six faces, %zu turns\n", f.temp_min_k,
+    std::printf("range %.2f to %.2f K, T0 %.2f K: %zu still windows on six faces, %zu turns", f.temp_min_k,
                 f.temp_max_k, f.temp0_k, f.windows, f.turns);
+    if (b.turns_with_lost_samples)
+        std::printf(" (%zu more left out: samples were lost in them)", b.turns_with_lost_samples);
+    std::printf("\n");
     std::printf("degrees: gyro bias %d %d %d, accel bias %d %d %d, gyro matrix %d, accel matrix %d\n",
                 degree(f.gyro_bias[0]), degree(f.gyro_bias[1]), degree(f.gyro_bias[2]), degree(f.accel_bias[0]),
                 degree(f.accel_bias[1]), degree(f.accel_bias[2]), degree(f.gyro_matrix[0]),
