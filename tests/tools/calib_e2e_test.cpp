@@ -55,10 +55,13 @@ errors measure(const csv &rec, const csv &truth, double epoch, double lo, double
         const double temp = rec.num(i, "imu_temp");
         if (temp < lo || temp >= hi)
             continue;
-        const double mid = (rec.num(i, "imu_t0") + rec.num(i, "imu_t1")) / 2 - epoch;
-        const size_t k = size_t(std::lround((mid - t0) / 0.01));
-        // Away from phase changes, where the truth is constant.
-        if (k < 2 || k + 2 >= truth.rows.size() || truth.text(k - 2, "phase") != truth.text(k + 2, "phase"))
+        const long first = std::lround((rec.num(i, "imu_t0") - epoch - t0) / 0.01);
+        const long last = std::lround((rec.num(i, "imu_t1") - epoch - t0) / 0.01);
+        const size_t k = size_t((first + last) / 2);
+        // The whole batch away from phase changes, where the truth is
+        // constant (a batch held back by a busy machine spans more).
+        if (first < 2 || size_t(last + 2) >= truth.rows.size() || last - first > 10 ||
+            truth.text(size_t(first - 2), "phase") != truth.text(size_t(last + 2), "phase"))
             continue;
         band &b = bands[size_t((temp - lo) / kBinK)];
         const bool still = truth.text(k, "phase") == "hold";
