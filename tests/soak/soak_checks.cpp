@@ -2,15 +2,23 @@
 #include "soak_checks.h"
 
 #include <dirent.h>
+#include <pthread.h>
+#include <sched.h>
+#include <time.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
+#include <future>
 #include <map>
+#include <mutex>
 #include <regex>
 #include <sstream>
+#include <thread>
 
 namespace soak {
 namespace {
@@ -240,7 +248,8 @@ std::vector<check> check_imu_continuity(const judged_run &run, bool strict)
         return before && after ? longest_wait(*before, *after) : 0.0;
     };
     long samples = 0, lost_inside = 0, lost_outside = 0, lost_starved = 0, repeated = 0;
-    int gaps_inside = 0, gaps_outside = 0, gaps_starved = 0;
+    int gaps_inside = 0, gaps_outside = 0, gaps_starved = 0, gaps_held = 0;
+    long lost_held = 0;
     std::string outside, starved;
     for (size_t i = 0; i < batches.size(); i++) {
         samples += batches[i]->imu_n;
@@ -261,6 +270,13 @@ std::vector<check> check_imu_continuity(const judged_run &run, bool strict)
         if (inside_any(run, from, to, true, kGapMarginS)) {
             gaps_inside++;
             lost_inside += lost;
+            continue;
+        }
+        if (run.stalls && std::any_of(run.stalls->begin(), run.stalls->end(), [&](const stall &st) {
+                return st.from < batches[i]->t && st.to > from && st.to - st.from >= double(lost) * period;
+            })) {
+            gaps_held++;
+            lost_held += lost;
             continue;
         }
         const double waited = run_wait(from, batches[i]->t);
@@ -287,6 +303,14 @@ std::vector<check> check_imu_continuity(const judged_run &run, bool strict)
     std::ostringstream h;
     h << gaps_starved << " gaps (" << lost_starved << " samples) outside fault windows while the vehicle waited for a CPU"
       << starved;
+    if (run.stalls) {
+        double longest = 0;
+        for (const stall &st : *run.stalls)
+            longest = std::max(longest, st.to - st.from);
+        h << "; " << gaps_held << " gaps (" << lost_held << " samples) while the machine held the vehicle's CPU ("
+          << run.stalls->size() << fmt(" stalls over %.0f ms", kStallS * 1e3)
+          << (run.stalls->empty() ? std::string() : fmt(", longest %.1f ms", longest * 1e3)) << ")";
+    }
     check scheduling{"vehicle kept on the CPU", gaps_starved == 0, h.str()};
     scheduling.advisory = !strict;
 
@@ -313,18 +337,29 @@ std::vector<check> check_imu_continuity(const judged_run &run, bool strict)
         }
         aged.push_back(s);
     }
+    // A batch read across a stall of the vehicle's CPU is as old as the
+    // stall made it, whatever the priorities: left out, and counted.
     std::vector<double> ages;
-    for (const recording::row *b : batches)
-        if (b->t >= batches.front()->t + 1.0 &&
-            std::none_of(aged.begin(), aged.end(), [&](const span &s) { return b->t >= s.from && b->imu_t1 <= s.to; }))
+    size_t held = 0;
+    for (const recording::row *b : batches) {
+        if (b->t < batches.front()->t + 1.0 ||
+            std::any_of(aged.begin(), aged.end(), [&](const span &s) { return b->t >= s.from && b->imu_t1 <= s.to; }))
+            continue;
+        if (run.stalls && std::any_of(run.stalls->begin(), run.stalls->end(),
+                                      [&](const stall &st) { return st.from < b->t && st.to > b->imu_t1; }))
+            held++;
+        else
             ages.push_back(b->t - b->imu_t1);
+    }
     std::sort(ages.begin(), ages.end());
     const double median = ages.empty() ? 0 : ages[ages.size() / 2];
     const double p99 = ages.empty() ? 0 : ages[std::min(ages.size() - 1, ages.size() * 99 / 100)];
     check age{"imu age", !ages.empty() && median <= kAgeMedianS && p99 <= kAgeP99S,
               fmt("%.3f ms median, ", median * 1e3) + fmt("%.3f ms p99, ", p99 * 1e3) +
                   fmt("%.3f ms max over ", ages.empty() ? 0 : ages.back() * 1e3) + std::to_string(ages.size()) +
-                  fmt(" batches (at most %.1f ms and ", kAgeMedianS * 1e3) + fmt("%.1f ms)", kAgeP99S * 1e3)};
+                  fmt(" batches (at most %.1f ms and ", kAgeMedianS * 1e3) + fmt("%.1f ms)", kAgeP99S * 1e3) +
+                  (run.stalls ? "; " + std::to_string(held) + " read across a stall of the vehicle's CPU left out"
+                              : std::string())};
     age.advisory = !strict;
     return {{"imu continuity", gaps_outside == 0 && repeated == 0, d.str()}, scheduling, age};
 }
@@ -507,6 +542,102 @@ std::vector<check> check_resources(const judged_run &run)
         << " KiB (bound " << kRssGrowthKib << " KiB)";
     return {{"file descriptors", above == 0, fds.str()},
             {"memory", last.rss_kib - first.rss_kib <= kRssGrowthKib, rss.str()}};
+}
+
+} // namespace soak
+
+namespace soak {
+
+struct stall_watch::impl {
+    std::atomic<bool> stop{false};
+    mutable std::mutex lock;
+    std::vector<stall> stalls;
+    double longest = 0;
+    std::string why;
+    bool watching = false;
+    std::thread thread;
+};
+
+namespace {
+
+double monotonic_now()
+{
+    timespec t;
+    clock_gettime(CLOCK_MONOTONIC, &t);
+    return double(t.tv_sec) + double(t.tv_nsec) / 1e9;
+}
+
+} // namespace
+
+stall_watch::stall_watch(int cpu, int priority) : impl_(new impl)
+{
+    std::promise<std::string> started;
+    std::future<std::string> result = started.get_future();
+    impl_->thread = std::thread([this, cpu, priority, &started] {
+        cpu_set_t set;
+        CPU_ZERO(&set);
+        CPU_SET(cpu, &set);
+        sched_param param{};
+        param.sched_priority = priority;
+        int r = pthread_setaffinity_np(pthread_self(), sizeof set, &set);
+        if (r == 0)
+            r = pthread_setschedparam(pthread_self(), SCHED_FIFO, &param);
+        started.set_value(r == 0 ? std::string() : std::strerror(r));
+        if (r != 0)
+            return;
+        // A wake-up every millisecond, on an absolute clock.
+        timespec next;
+        clock_gettime(CLOCK_MONOTONIC, &next);
+        while (!impl_->stop.load(std::memory_order_relaxed)) {
+            next.tv_nsec += 1000000;
+            if (next.tv_nsec >= 1000000000) {
+                next.tv_nsec -= 1000000000;
+                next.tv_sec++;
+            }
+            clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &next, nullptr);
+            const double due = double(next.tv_sec) + double(next.tv_nsec) / 1e9, now = monotonic_now();
+            std::lock_guard<std::mutex> hold(impl_->lock);
+            impl_->longest = std::max(impl_->longest, now - due);
+            if (now - due > kStallS) {
+                impl_->stalls.push_back({due, now});
+                clock_gettime(CLOCK_MONOTONIC, &next);
+            }
+        }
+    });
+    impl_->why = result.get();
+    impl_->watching = impl_->why.empty();
+    if (!impl_->watching)
+        impl_->why = "the watch of CPU " + std::to_string(cpu) + " could not run there at fifo " +
+                     std::to_string(priority) + ": " + impl_->why;
+}
+
+stall_watch::~stall_watch()
+{
+    impl_->stop = true;
+    impl_->thread.join();
+    delete impl_;
+}
+
+bool stall_watch::watching() const
+{
+    return impl_->watching;
+}
+
+const std::string &stall_watch::why() const
+{
+    return impl_->why;
+}
+
+std::vector<stall> stall_watch::stalls() const
+{
+    std::lock_guard<std::mutex> hold(impl_->lock);
+    return impl_->stalls;
+}
+
+double stall_watch::longest_s() const
+{
+    std::lock_guard<std::mutex> hold(impl_->lock);
+    return impl_->longest;
 }
 
 } // namespace soak

@@ -56,6 +56,34 @@ void sample_run_waits(pid_t pid, resource_sample *out);
 // The longest a single thread waited on the run queue between two samples.
 double longest_wait(const resource_sample &before, const resource_sample &after);
 
+// The times the machine held the vehicle's CPU: a watcher above every thread
+// of the vehicle, pinned to its CPU, woke from a sleep later than
+// kStallS. Nothing of the guest ran then on that CPU, not even a timer's
+// interrupt: on a virtual machine the hypervisor had the CPU.
+struct stall {
+    double from; // monotonic seconds: when the watcher was due
+    double to;   // when it ran
+};
+inline constexpr double kStallS = 0.002;
+
+// Watches the CPU at the priority given (SCHED_FIFO) from a thread of its
+// own until stopped; watching() is false, with why(), when the thread could
+// not be pinned or given the priority.
+class stall_watch {
+public:
+    stall_watch(int cpu, int priority);
+    ~stall_watch();
+    bool watching() const;
+    const std::string &why() const;
+    // The stalls so far, and the longest wake-up delay seen.
+    std::vector<stall> stalls() const;
+    double longest_s() const;
+
+private:
+    struct impl;
+    impl *impl_;
+};
+
 struct check {
     std::string name;
     bool pass;
@@ -72,6 +100,8 @@ struct judged_run {
     const recording &record;
     const std::vector<log_line> &log;
     const std::vector<resource_sample> &resources;
+    // Null when the vehicle's CPU was not watched.
+    const std::vector<stall> *stalls = nullptr;
 };
 
 // A gap between two IMU batches longer than 1.5 sample periods counts only
@@ -102,8 +132,10 @@ check check_recording_clock(const judged_run &run);
 // 25 ms of scans, so a host (or a simulated server) kept from running longer
 // than that loses samples whatever the plug-in does; a plug-in that blocks or
 // drops samples is not excused by it, as a thread that sleeps in a call does
-// not wait on the run queue. Then the IMU age outside the fault windows
-// (advisory unless strict).
+// not wait on the run queue. A gap counts as the machine's too when the
+// vehicle's CPU stalled (no thread of the guest ran there) across it at
+// least as long as the lost samples last. Then the IMU age outside the fault
+// windows (advisory unless strict).
 std::vector<check> check_imu_continuity(const judged_run &run, bool strict);
 // What the flight loop and the simulator ran with, from the host's summary
 // ("scheduling ...") and the simulator's start-up line: with the table

@@ -22,6 +22,7 @@
 #include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <regex>
 #include <sstream>
 #include <thread>
@@ -34,6 +35,9 @@ using namespace std::chrono_literals;
 namespace fs = std::filesystem;
 
 namespace {
+
+// The CPU of the vehicle's flight loop and simulator in the scheduling table.
+constexpr int kVehicleCpu = 1;
 
 double monotonic_s()
 {
@@ -65,7 +69,7 @@ void copy_out(const test_root &root, const char *dir)
     std::error_code ec;
     fs::create_directories(dir, ec);
     for (const char *f : {"scenario.cfg", "host.log", "record.csv", "host.out", "host.err", "sim.out", "sim.err",
-                          "resources.csv"})
+                          "resources.csv", "stalls.csv"})
         fs::copy_file(root.path() + "/" + f, fs::path(dir) / f, fs::copy_options::overwrite_existing, ec);
 }
 
@@ -99,7 +103,7 @@ int run(double seconds)
     std::vector<std::string> sim_argv = {ORLUNE_SIM_BIN, "--scenario", scenario};
     if (realtime) {
         root.write("/etc/orlune/sched.conf", read_file(table));
-        sim_argv.insert(sim_argv.end(), {"--realtime", "70", "--cpus", "1"});
+        sim_argv.insert(sim_argv.end(), {"--realtime", "70", "--cpus", std::to_string(kVehicleCpu)});
     }
     for (const char *name : {"LIBVIGIL_CFG_PATH", "IIOD_REMOTE", "SENSORS_LOG_LEVEL", "ORLUNE_SCHED_CONFIG"})
         unsetenv(name);
@@ -130,6 +134,14 @@ int run(double seconds)
         argv.insert(argv.end(), {"--motors", motors});
     std::fprintf(stderr, "soak: %.0f s, %d cycle(s), %zu faults; files in %s\n", seconds, plan.cycles,
                  plan.windows.size(), root.path().c_str());
+    // Above the vehicle on its CPU: whatever holds the watch there holds the
+    // whole CPU.
+    std::unique_ptr<soak::stall_watch> watch;
+    if (realtime) {
+        watch = std::make_unique<soak::stall_watch>(kVehicleCpu, 90);
+        if (!watch->watching())
+            std::fprintf(stderr, "soak: the vehicle's CPU is not watched for stalls: %s\n", watch->why().c_str());
+    }
     const double host_started = monotonic_s();
     process host(argv, {{"IIOD_REMOTE", uri[1]}}, root.path() + "/host.out", root.path() + "/host.err");
 
@@ -163,6 +175,9 @@ int run(double seconds)
     }
     const int host_status = host.wait(30s);
     const double host_ran = monotonic_s() - host_started;
+    const bool watched = watch && watch->watching();
+    const std::vector<soak::stall> stalls = watched ? watch->stalls() : std::vector<soak::stall>();
+    watch.reset();
     sim.signal(SIGTERM);
     const int sim_status = sim.wait(10s);
     {
@@ -173,6 +188,10 @@ int run(double seconds)
             f << s.t - epoch_s << "," << s.fds << "," << s.rss_kib << ","
               << (i ? soak::longest_wait(resources[i - 1], s) : 0.0) << "\n";
         }
+        std::ofstream held(root.path() + "/stalls.csv");
+        held << "from,to\n";
+        for (const soak::stall &st : stalls)
+            held << st.from - epoch_s << "," << st.to - epoch_s << "\n";
     }
 
     std::vector<soak::check> checks;
@@ -187,7 +206,7 @@ int run(double seconds)
         checks.push_back({"recording", false, error});
     } else {
         const std::vector<soak::log_line> log = soak::parse_log(read_file(root.path() + "/host.log"));
-        const soak::judged_run judged{plan, epoch_s, record, log, resources};
+        const soak::judged_run judged{plan, epoch_s, record, log, resources, watched ? &stalls : nullptr};
         checks.push_back(soak::check_recording_clock(judged));
         for (soak::check &c : soak::check_imu_continuity(judged, strict))
             checks.push_back(std::move(c));
