@@ -22,6 +22,7 @@
 #include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <iomanip>
 #include <memory>
 #include <regex>
 #include <sstream>
@@ -181,15 +182,16 @@ int run(double seconds)
     sim.signal(SIGTERM);
     const int sim_status = sim.wait(10s);
     {
+        // Milliseconds: the stalls and waits that cost samples last tens of them.
         std::ofstream f(root.path() + "/resources.csv");
-        f << "t,fds,rss_kib,longest_run_wait_s\n";
+        f << std::fixed << std::setprecision(4) << "t,fds,rss_kib,longest_run_wait_s\n";
         for (size_t i = 0; i < resources.size(); i++) {
             const soak::resource_sample &s = resources[i];
             f << s.t - epoch_s << "," << s.fds << "," << s.rss_kib << ","
               << (i ? soak::longest_wait(resources[i - 1], s) : 0.0) << "\n";
         }
         std::ofstream held(root.path() + "/stalls.csv");
-        held << "from,to\n";
+        held << std::fixed << std::setprecision(4) << "from,to\n";
         for (const soak::stall &st : stalls)
             held << st.from - epoch_s << "," << st.to - epoch_s << "\n";
     }
