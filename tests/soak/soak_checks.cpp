@@ -2,23 +2,15 @@
 #include "soak_checks.h"
 
 #include <dirent.h>
-#include <pthread.h>
-#include <sched.h>
-#include <time.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
-#include <future>
 #include <map>
-#include <mutex>
 #include <regex>
 #include <sstream>
-#include <thread>
 
 namespace soak {
 namespace {
@@ -58,6 +50,17 @@ struct span {
 span acting(const judged_run &run, const fault_window &w, double margin)
 {
     return {run.epoch_s + w.start_s - margin, run.epoch_s + w.end_s + traits(w.type).recover_s + margin};
+}
+
+// The longest stall of the vehicle's CPU that overlaps (from, to), 0 when
+// none does.
+double longest_stall_across(const judged_run &run, double from, double to)
+{
+    double longest = 0;
+    for (const stall &st : *run.stalls)
+        if (st.from < to && st.to > from)
+            longest = std::max(longest, st.to - st.from);
+    return longest;
 }
 
 bool inside_any(const judged_run &run, double from, double to, bool imu_only, double margin)
@@ -272,9 +275,7 @@ std::vector<check> check_imu_continuity(const judged_run &run, bool strict)
             lost_inside += lost;
             continue;
         }
-        if (run.stalls && std::any_of(run.stalls->begin(), run.stalls->end(), [&](const stall &st) {
-                return st.from < batches[i]->t && st.to > from && st.to - st.from >= double(lost) * period;
-            })) {
+        if (run.stalls && longest_stall_across(run, from, batches[i]->t) >= double(lost) * period) {
             gaps_held++;
             lost_held += lost;
             continue;
@@ -304,9 +305,7 @@ std::vector<check> check_imu_continuity(const judged_run &run, bool strict)
     h << gaps_starved << " gaps (" << lost_starved << " samples) outside fault windows while the vehicle waited for a CPU"
       << starved;
     if (run.stalls) {
-        double longest = 0;
-        for (const stall &st : *run.stalls)
-            longest = std::max(longest, st.to - st.from);
+        const double longest = longest_stall_across(run, -INFINITY, INFINITY);
         h << "; " << gaps_held << " gaps (" << lost_held << " samples) while the machine held the vehicle's CPU ("
           << run.stalls->size() << fmt(" stalls over %.0f ms", kStallS * 1e3)
           << (run.stalls->empty() ? std::string() : fmt(", longest %.1f ms", longest * 1e3)) << ")";
@@ -345,8 +344,7 @@ std::vector<check> check_imu_continuity(const judged_run &run, bool strict)
         if (b->t < batches.front()->t + 1.0 ||
             std::any_of(aged.begin(), aged.end(), [&](const span &s) { return b->t >= s.from && b->imu_t1 <= s.to; }))
             continue;
-        if (run.stalls && std::any_of(run.stalls->begin(), run.stalls->end(),
-                                      [&](const stall &st) { return st.from < b->t && st.to > b->imu_t1; }))
+        if (run.stalls && longest_stall_across(run, b->imu_t1, b->t) > 0)
             held++;
         else
             ages.push_back(b->t - b->imu_t1);
@@ -542,102 +540,6 @@ std::vector<check> check_resources(const judged_run &run)
         << " KiB (bound " << kRssGrowthKib << " KiB)";
     return {{"file descriptors", above == 0, fds.str()},
             {"memory", last.rss_kib - first.rss_kib <= kRssGrowthKib, rss.str()}};
-}
-
-} // namespace soak
-
-namespace soak {
-
-struct stall_watch::impl {
-    std::atomic<bool> stop{false};
-    mutable std::mutex lock;
-    std::vector<stall> stalls;
-    double longest = 0;
-    std::string why;
-    bool watching = false;
-    std::thread thread;
-};
-
-namespace {
-
-double monotonic_now()
-{
-    timespec t;
-    clock_gettime(CLOCK_MONOTONIC, &t);
-    return double(t.tv_sec) + double(t.tv_nsec) / 1e9;
-}
-
-} // namespace
-
-stall_watch::stall_watch(int cpu, int priority) : impl_(new impl)
-{
-    std::promise<std::string> started;
-    std::future<std::string> result = started.get_future();
-    impl_->thread = std::thread([this, cpu, priority, &started] {
-        cpu_set_t set;
-        CPU_ZERO(&set);
-        CPU_SET(cpu, &set);
-        sched_param param{};
-        param.sched_priority = priority;
-        int r = pthread_setaffinity_np(pthread_self(), sizeof set, &set);
-        if (r == 0)
-            r = pthread_setschedparam(pthread_self(), SCHED_FIFO, &param);
-        started.set_value(r == 0 ? std::string() : std::strerror(r));
-        if (r != 0)
-            return;
-        // A wake-up every millisecond, on an absolute clock.
-        timespec next;
-        clock_gettime(CLOCK_MONOTONIC, &next);
-        while (!impl_->stop.load(std::memory_order_relaxed)) {
-            next.tv_nsec += 1000000;
-            if (next.tv_nsec >= 1000000000) {
-                next.tv_nsec -= 1000000000;
-                next.tv_sec++;
-            }
-            clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &next, nullptr);
-            const double due = double(next.tv_sec) + double(next.tv_nsec) / 1e9, now = monotonic_now();
-            std::lock_guard<std::mutex> hold(impl_->lock);
-            impl_->longest = std::max(impl_->longest, now - due);
-            if (now - due > kStallS) {
-                impl_->stalls.push_back({due, now});
-                clock_gettime(CLOCK_MONOTONIC, &next);
-            }
-        }
-    });
-    impl_->why = result.get();
-    impl_->watching = impl_->why.empty();
-    if (!impl_->watching)
-        impl_->why = "the watch of CPU " + std::to_string(cpu) + " could not run there at fifo " +
-                     std::to_string(priority) + ": " + impl_->why;
-}
-
-stall_watch::~stall_watch()
-{
-    impl_->stop = true;
-    impl_->thread.join();
-    delete impl_;
-}
-
-bool stall_watch::watching() const
-{
-    return impl_->watching;
-}
-
-const std::string &stall_watch::why() const
-{
-    return impl_->why;
-}
-
-std::vector<stall> stall_watch::stalls() const
-{
-    std::lock_guard<std::mutex> hold(impl_->lock);
-    return impl_->stalls;
-}
-
-double stall_watch::longest_s() const
-{
-    std::lock_guard<std::mutex> hold(impl_->lock);
-    return impl_->longest;
 }
 
 } // namespace soak

@@ -66,24 +66,6 @@ struct stall {
 };
 inline constexpr double kStallS = 0.002;
 
-// Watches the CPU at the priority given (SCHED_FIFO) from a thread of its
-// own until stopped; watching() is false, with why(), when the thread could
-// not be pinned or given the priority.
-class stall_watch {
-public:
-    stall_watch(int cpu, int priority);
-    ~stall_watch();
-    bool watching() const;
-    const std::string &why() const;
-    // The stalls so far, and the longest wake-up delay seen.
-    std::vector<stall> stalls() const;
-    double longest_s() const;
-
-private:
-    struct impl;
-    impl *impl_;
-};
-
 struct check {
     std::string name;
     bool pass;

@@ -12,9 +12,12 @@
 // ORLUNE_SOAK_SCHED (the scheduling table: examples/config/sched.conf by
 // default, "none" for none, else a file). Exit status 0 when every check passes, 1 otherwise,
 // 2 when the run could not be made.
+#include <pthread.h>
+#include <sched.h>
 #include <signal.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -22,8 +25,10 @@
 #include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <iomanip>
 #include <memory>
+#include <mutex>
 #include <regex>
 #include <sstream>
 #include <thread>
@@ -64,6 +69,78 @@ std::vector<soak::fault_type> skipped(std::string *error)
     }
     return out;
 }
+
+// Watches the vehicle's CPU from a thread pinned there at fifo `priority`,
+// from its making to its end: every wake-up later than soak::kStallS is a
+// stall. watching() is false, with why(), when the thread could not be
+// pinned or given the priority.
+class stall_watch {
+public:
+    stall_watch(int cpu, int priority)
+    {
+        std::promise<int> started;
+        std::future<int> result = started.get_future();
+        thread_ = std::thread([this, cpu, priority, &started] {
+            cpu_set_t set;
+            CPU_ZERO(&set);
+            CPU_SET(cpu, &set);
+            sched_param param{};
+            param.sched_priority = priority;
+            int r = pthread_setaffinity_np(pthread_self(), sizeof set, &set);
+            if (r == 0)
+                r = pthread_setschedparam(pthread_self(), SCHED_FIFO, &param);
+            started.set_value(r);
+            if (r == 0)
+                watch();
+        });
+        if (const int r = result.get(); r != 0) {
+            why_ = "the watch of CPU " + std::to_string(cpu) + " could not run there at fifo " +
+                   std::to_string(priority) + ": " + std::strerror(r);
+            thread_.join();
+        }
+    }
+    ~stall_watch()
+    {
+        stop_ = true;
+        if (thread_.joinable())
+            thread_.join();
+    }
+    bool watching() const { return why_.empty(); }
+    const std::string &why() const { return why_; }
+    std::vector<soak::stall> stalls() const
+    {
+        std::lock_guard<std::mutex> hold(lock_);
+        return stalls_;
+    }
+
+private:
+    // A wake-up every millisecond, on an absolute clock.
+    void watch()
+    {
+        timespec next;
+        clock_gettime(CLOCK_MONOTONIC, &next);
+        while (!stop_.load(std::memory_order_relaxed)) {
+            next.tv_nsec += 1000000;
+            if (next.tv_nsec >= 1000000000) {
+                next.tv_nsec -= 1000000000;
+                next.tv_sec++;
+            }
+            clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &next, nullptr);
+            const double due = double(next.tv_sec) + double(next.tv_nsec) / 1e9, now = monotonic_s();
+            if (now - due > soak::kStallS) {
+                std::lock_guard<std::mutex> hold(lock_);
+                stalls_.push_back({due, now});
+                clock_gettime(CLOCK_MONOTONIC, &next);
+            }
+        }
+    }
+
+    std::atomic<bool> stop_{false};
+    mutable std::mutex lock_;
+    std::vector<soak::stall> stalls_;
+    std::string why_;
+    std::thread thread_;
+};
 
 void copy_out(const test_root &root, const char *dir)
 {
@@ -137,9 +214,9 @@ int run(double seconds)
                  plan.windows.size(), root.path().c_str());
     // Above the vehicle on its CPU: whatever holds the watch there holds the
     // whole CPU.
-    std::unique_ptr<soak::stall_watch> watch;
+    std::unique_ptr<stall_watch> watch;
     if (realtime) {
-        watch = std::make_unique<soak::stall_watch>(kVehicleCpu, 90);
+        watch = std::make_unique<stall_watch>(kVehicleCpu, 90);
         if (!watch->watching())
             std::fprintf(stderr, "soak: the vehicle's CPU is not watched for stalls: %s\n", watch->why().c_str());
     }

@@ -223,7 +223,7 @@ bool cut_bench(const std::vector<imu_row> &rows, bench *out, std::string *error)
         }
         if (!quarter)
             continue;
-        if ((tn.t_end - tn.t_start) / period - samples > 0.5) {
+        if (period > 0 && (tn.t_end - tn.t_start) / period - samples > 0.5) {
             out->turns_with_lost_samples++;
             continue;
         }
