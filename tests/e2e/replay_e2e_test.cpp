@@ -126,33 +126,48 @@ TEST_F(ReplayEndToEnd, ReplaysMatchEachOtherAndTheLiveFlight)
         return next != live_batches.begin() && next != live_batches.end() &&
                next->first - std::prev(next)->first > 0.0075;
     };
-    // A live host that lost part of a batch (the server keeps a lagging
-    // reader's newest scans) takes its batches five scans at a time from a
-    // shifted start after that: from then on it has none to match.
-    double shifted_from = std::numeric_limits<double>::infinity();
-    for (auto a = live_batches.begin(), b = std::next(a); a != live_batches.end() && b != live_batches.end();
-         a++, b++) {
-        const double periods = (b->first - a->first) / 0.005;
-        if (std::fabs(periods - std::round(periods)) > 0.1) {
-            shifted_from = a->first;
-            break;
+    // A host that lost part of a batch (the server keeps a lagging reader's
+    // newest scans) takes its batches five scans at a time from a shifted
+    // start after that: from then on it has none to match. That befalls the
+    // live host and, at the original pace, the replay's host alike.
+    const auto shifted_from = [](const std::vector<double> &starts) {
+        for (size_t i = 1; i < starts.size(); i++) {
+            const double periods = (starts[i] - starts[i - 1]) / 0.005;
+            if (std::fabs(periods - std::round(periods)) > 0.1)
+                return starts[i - 1];
         }
-    }
-    for (const csv *replayed : {&fast1, &paced}) {
+        return std::numeric_limits<double>::infinity();
+    };
+    const auto starts_of = [&](const csv &rec) {
+        std::vector<double> starts;
+        for (const auto &row : rec.rows)
+            starts.push_back(std::stod(row[t0]));
+        return starts;
+    };
+    const double live_shifted_from = shifted_from(starts_of(live));
+    for (const auto &[replayed, name] : {std::pair{&fast1, "fast"}, std::pair{&paced, "paced"}}) {
+        const double replay_shifted_from = shifted_from(starts_of(*replayed));
+        if (replayed == &fast1) {
+            EXPECT_EQ(replay_shifted_from, std::numeric_limits<double>::infinity())
+                << "a fast replay waits for its host, which loses no scan";
+        }
         size_t matched = 0;
         for (const auto &row : replayed->rows) {
             const double start = std::stod(row[t0]);
+            if (start > replay_shifted_from)
+                break;
             auto it = live_batches.find(start);
-            if (it == live_batches.end() && (lost_live(start) || start > shifted_from))
+            if (it == live_batches.end() && (lost_live(start) || start > live_shifted_from))
                 continue;
             matched++;
-            ASSERT_NE(it, live_batches.end()) << "a replayed batch the live flight never had: " << row[t0];
+            ASSERT_NE(it, live_batches.end())
+                << "a batch of the " << name << " replay the live flight never had: " << row[t0];
             for (size_t c = 1; c < names.size(); c++)
                 if (starts_with_any(names[c], {"imu_", "gyro_", "accel_"})) {
-                    ASSERT_EQ(row[c], (*it->second)[c]) << names[c] << " of the batch at " << row[t0];
+                    ASSERT_EQ(row[c], (*it->second)[c]) << names[c] << " of the " << name << " replay's batch at " << row[t0];
                 }
         }
-        EXPECT_GT(matched, 0u) << "no replayed batch met its live one";
+        EXPECT_GT(matched, 0u) << "no batch of the " << name << " replay met its live one";
     }
     EXPECT_GT(paced.rows.size(), fast1.rows.size() * 9 / 10) << "the original pace delivers the flight";
 
