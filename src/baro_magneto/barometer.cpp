@@ -91,7 +91,7 @@ extern "C" barometer_ctx *barometer_new(const sensors_baro_config *config, iio_c
                                  polled::kScansPerRefill, 0);
     if (!baro->buffer)
         return nullptr;
-    polled::watch(&baro->source, baro->buffer);
+    polled::watch(&baro->source, baro->buffer, polled::period_us(config->sampling_frequency));
     for (int i = 0; i < CHANNEL_COUNT; i++)
         baro->decoders[i] = channel_decoder_of(baro->channels[i], baro->buffer);
 
@@ -143,6 +143,7 @@ extern "C" int barometer_start(barometer_ctx *baro)
 {
     if (!baro)
         return -EINVAL;
+    polled::restart(&baro->source);
     return polled::as_status(device_enable(baro->device, baro->trigger, baro->buffer));
 }
 
@@ -171,6 +172,7 @@ extern "C" int barometer_read(barometer_ctx *baro, uint32_t *updated)
     const float raw_temp = buffer_first_float(baro->buffer, baro->decoders[TEMPERATURE]);
     d.temperature = float((double(raw_temp) + baro->temp_offset) * baro->temp_scale);
     buffer_first_timestamp(baro->buffer, baro->decoders[TIMESTAMP], &d.timestamp);
+    polled::arrived(&baro->source, d.timestamp);
     baro_calib_apply(baro->calibration, &d);
     d.flags |= kFlagsValid;
     *updated |= SENSORS_UPDATED_BARO;

@@ -53,8 +53,9 @@ struct magneto_ctx {
 namespace {
 
 // Binds the channels and reads the scales (and the temperature's scale and
-// offset when the configuration asks for the temperature).
-bool bind_channels(magneto_ctx &m)
+// offset when the configuration asks for the temperature). The device
+// samples every period_us, 0 when it keeps a rate of its own.
+bool bind_channels(magneto_ctx &m, uint32_t period_us)
 {
     const bool with_temp = m.config->use_temperature != 0;
     iio_channel_binding bindings[CHANNEL_COUNT] = {
@@ -79,7 +80,7 @@ bool bind_channels(magneto_ctx &m)
     m.buffer = buffer_create(m.device, bindings, channel_count, polled::kKernelLength, polled::kScansPerRefill, 0);
     if (!m.buffer)
         return false;
-    polled::watch(&m.source, m.buffer);
+    polled::watch(&m.source, m.buffer, period_us);
     for (int i = 0; i < CHANNEL_COUNT; i++)
         m.decoders[i] = channel_decoder_of(m.channels[i], m.buffer);
     return attr_read_doubles(m.device, attrs, attr_count) >= 0;
@@ -152,7 +153,7 @@ extern "C" magneto_ctx *magneto_new(const sensors_magneto_config *config, iio_co
         period = polled::period_us(config->sampling_frequency);
     }
 
-    if (!bind_channels(*magneto))
+    if (!bind_channels(*magneto, config->sampling_frequency != 0 ? period : 0))
         return nullptr;
     for (double &scale : magneto->scales)
         scale *= kMicroteslaPerGauss;
@@ -193,6 +194,7 @@ extern "C" int magneto_start(magneto_ctx *magneto)
 {
     if (!magneto)
         return -EINVAL;
+    polled::restart(&magneto->source);
     return polled::as_status(device_enable(magneto->device, magneto->trigger, magneto->buffer));
 }
 
@@ -226,6 +228,7 @@ extern "C" int magneto_read(magneto_ctx *magneto, uint32_t *updated, float tempe
                                magneto->temp_offset) *
                               magneto->temp_scale);
     buffer_first_timestamp(magneto->buffer, magneto->decoders[TIMESTAMP], &d.timestamp);
+    polled::arrived(&magneto->source, d.timestamp);
     vector_rotate(d.field, magneto->matrix);
     magneto_calib_apply(magneto->calibration, d.field, temperature);
     *updated |= SENSORS_UPDATED_MAGNETO;

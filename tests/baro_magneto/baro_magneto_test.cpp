@@ -14,6 +14,7 @@
 #include <memory>
 #include <thread>
 
+#include "baro_magneto/polled_sensor.h"
 #include "platform/sched_config.h"
 #include "platform/shm_telemetry.h"
 #include "support/device_fixture.h"
@@ -305,3 +306,102 @@ TEST_F(BaroMagnetoTest, CreationFailures)
 }
 
 } // namespace
+
+// Where a refill waits for the device's next scan (a board's iiod), a
+// polled device is asked only when its next scan is about to come. Flown
+// against a device whose scans arrive at their own pace on its own clock,
+// and a cycle every 5 ms with jitter: every scan is taken, none later than
+// the first cycle after it arrived (what asking every cycle of a server that
+// answers at once gives), and a refill waits an eighth of a period or so,
+// where asking every cycle would wait up to a period, also from a device
+// that samples faster than it was told.
+// A reader slower than the device, or a server that answers at once, is
+// asked every cycle.
+TEST(PolledDueGate, AsksAWaitingServerOnlyWhenTheNextScanIsAboutToCome)
+{
+    const struct row {
+        const char *what;
+        double rate_hz;      // the rate the gate is told
+        double true_rate;    // the device's own, as a multiple of it
+        double clock_s;      // the device's clock minus this machine's
+        bool waits;          // a refill waits for the next scan
+        int cycle_ms;        // the reader's cycle
+        double mean_wait_ms; // a refill's mean wait, at most
+    } rows[] = {
+        {"barometer", 75, 1.0, 2.0, true, 5, 2.4},
+        {"magnetometer", 100, 1.0, 0, true, 5, 1.9},
+        {"a board's clock behind", 100, 1.0, -1000, true, 5, 1.9},
+        {"a twentieth faster than its rate", 75, 1.05, 0, true, 5, 1.6},
+        {"a tenth slower", 75, 0.9, 0, true, 5, 3.9},
+        {"a quarter faster than its rate", 75, 1.25, 0, true, 5, 2.4},
+        {"a reader slower than the device", 75, 1.0, 0, true, 20, 0},
+        {"a server that answers at once", 75, 1.0, 0, false, 5, 0},
+    };
+    for (const row &r : rows) {
+        SCOPED_TRACE(r.what);
+        const int64_t period = int64_t(1e9 / r.rate_hz);
+        const int64_t true_period = int64_t(1e9 / (r.rate_hz * r.true_rate));
+        const int64_t offset = int64_t(r.clock_s * 1e9);
+        uint64_t lcg = 12345;
+        const auto jitter = [&](int64_t range) { // uniform in [0, range)
+            lcg = lcg * 6364136223846793005ULL + 1442695040888963407ULL;
+            return int64_t((lcg >> 33) % uint64_t(range));
+        };
+        // Scan j is stamped on the device's clock and arrives here 0.2 to
+        // 0.7 ms later.
+        const size_t scans = 2000;
+        std::vector<int64_t> stamp, arrival;
+        for (size_t j = 0; j < scans; j++) {
+            stamp.push_back(offset + 1'000'000'000 + int64_t(j) * true_period);
+            arrival.push_back(stamp.back() - offset + 200'000 + jitter(500'000));
+        }
+        polled::due_gate gate{};
+        gate.period_ns = gate.step_ns = period;
+        size_t next = 0, asks = 0, warm = 0;
+        int64_t waited = 0, now = 0;
+        std::vector<int> taken(scans, -1);
+        std::vector<int64_t> cycles;
+        for (int c = 0; c < 20000 && next < scans && cycles.size() < 6000; c++) {
+            cycles.push_back(1'000'000'000 + int64_t(c) * r.cycle_ms * 1'000'000 + jitter(300'000));
+            // A refill that waits pushes the reader's clock on by its wait.
+            now = std::max(now, cycles.back());
+            if (!polled::gate_open(gate, now))
+                continue;
+            asks++;
+            if (arrival[next] > now) {
+                if (!r.waits) {
+                    polled::gate_empty(&gate);
+                    continue;
+                }
+                // Until the gate is in force, each refill waits as long as it takes.
+                if (polled::gate_in_force(gate))
+                    waited += arrival[next] - now;
+                else
+                    warm++;
+                now = arrival[next];
+            }
+            polled::gate_scan(&gate, stamp[next], now + 50'000);
+            taken[next++] = c;
+        }
+        if (r.cycle_ms * r.rate_hz > 1000) {
+            // Behind its device, the reader takes a scan every cycle, as
+            // by asking every cycle.
+            EXPECT_EQ(asks, cycles.size()) << "asked every cycle";
+            EXPECT_EQ(next, cycles.size()) << "a scan every cycle";
+            EXPECT_FALSE(polled::gate_in_force(gate));
+            continue;
+        }
+        for (size_t j = 0; j < next; j++) {
+            const int first_after = int(std::lower_bound(cycles.begin(), cycles.end(), arrival[j]) - cycles.begin());
+            ASSERT_LE(taken[j], first_after) << "scan " << j;
+        }
+        ASSERT_EQ(next, scans) << "every scan taken";
+        if (r.waits) {
+            EXPECT_EQ(asks, scans) << "each refill took a scan";
+            EXPECT_LE(warm, 2 * polled::kPaceScans) << "refills before the gate came into force";
+            EXPECT_LE(double(waited) / double(scans - warm) / 1e6, r.mean_wait_ms);
+        } else {
+            EXPECT_EQ(asks, cycles.size()) << "asked every cycle";
+        }
+    }
+}
