@@ -393,13 +393,16 @@ TEST_P(MotorPacing, BatchesGetTheNewestControllerSampleUpToThemAndNeverQueueUp)
     ASSERT_EQ(drv_.start(ctx_), 0);
 
     // Steady flight: a read that returns with the next batch already there
-    // is a moment of load; a backlog that persists is a fault.
+    // is a moment of load; a backlog that persists is a fault. A read that
+    // takes longer than a batch never catches up: its run grows to the end
+    // of the flight. Under the sanitizers on a loaded machine a run of 15
+    // reads (75 ms) has been seen that then cleared.
     int run = 0, longest = 0;
     for (int i = 0; i < 300; i++) {
         run = cycle(true) ? run + 1 : 0;
         longest = std::max(longest, run);
     }
-    EXPECT_LE(longest, 10) << "IMU batches queued up behind the reads";
+    EXPECT_LE(longest, 50) << "IMU batches queued up behind the reads";
 
     // The host is held up for 10 ms: two batches wait in the kernel buffer,
     // and are read back to back without a sample lost.
