@@ -61,7 +61,8 @@ int poll(iio_buffer *buffer, source *s)
 {
     if (ready_hint_take_empty(&s->hint, s->fd))
         return 0;
-    if (gate_in_force(s->gate) && monotonic_ns() < s->gate.next_ns)
+    // The clock is read only while the gate is in force.
+    if (gate_in_force(s->gate) && !gate_open(s->gate, monotonic_ns()))
         return 0;
     ssize_t r = iio_buffer_refill(buffer);
     if (r == -EAGAIN || r == 0) {
