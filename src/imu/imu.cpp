@@ -5,6 +5,7 @@
 #include <sensors/imu.h>
 
 #include <algorithm>
+#include <bit>
 #include <cerrno>
 #include <cstring>
 
@@ -61,6 +62,12 @@ struct imu_ctx {
     // The six vector channels are plain 16-bit values, read as they lie.
     bool in_place;
     imu_calib *calibration;
+    // The calibration's terms at the temperature of the batch they were
+    // last evaluated for: a die warms far more slowly than a batch comes,
+    // so most batches find them already at their temperature.
+    imu_calib_terms terms;
+    uint64_t terms_temperature; // the bits of the double
+    bool has_terms;
     sensors_imu_data *record;
     shm_producer *producer;
 };
@@ -349,9 +356,16 @@ extern "C" int imu_read(imu_ctx *imu, uint32_t *updated)
     // The thermal correction at the batch's temperature, and the rotation
     // into the vehicle's axes, before or after it, vector by vector.
     const unsigned n = d.nb_samples;
-    imu_calib_terms terms;
-    if (n > 0)
-        imu_calib_terms_at(*imu->calibration, imu_calib_batch_temperature(d, n), &terms);
+    if (n > 0) {
+        const double temperature = imu_calib_batch_temperature(d, n);
+        const auto bits = std::bit_cast<uint64_t>(temperature);
+        if (!imu->has_terms || bits != imu->terms_temperature) {
+            imu_calib_terms_at(*imu->calibration, temperature, &imu->terms);
+            imu->terms_temperature = bits;
+            imu->has_terms = true;
+        }
+    }
+    const imu_calib_terms &terms = imu->terms;
     auto correct = [&](unsigned i) {
         imu_calib_correct(d.gyro[i], terms.gyro_bias, terms.gyro_matrix);
         imu_calib_correct(d.accel[i], terms.accel_bias, terms.accel_matrix);

@@ -220,3 +220,53 @@ TEST_F(ImuTest, CalibrationActsOnVehicleAxesUnlessRotationComesAfterIt)
 }
 
 } // namespace
+
+namespace {
+
+// A die that warms by about two kelvin in the forty batches of a test.
+class ImuWarmingTest : public ImuTest {
+protected:
+    sim::scenario scenario() const override
+    {
+        sim::scenario s = sim::default_scenario();
+        for (sim::scenario_device &d : s.devices)
+            if (d.kind == sim::device_kind::imu)
+                d.warm = {20.0, 2.0};
+        return s;
+    }
+};
+
+// Each batch is corrected at its own temperature, however little it moved
+// since the batch before.
+TEST_F(ImuWarmingTest, CorrectionFollowsTheDieBatchByBatch)
+{
+    // 0.5 m/s^2 of accel y bias per kelvin; the unit itself has none, so
+    // accel y + 0.5 (T - T0) is the unit's own reading, which does not move.
+    root_.write("/factory/flight_imu_thermal_bias",
+                "Temp_0_K 293.15\nTemp_Min_Max_K 283.15 343.15\nPoly_AccY_bias_m_s2_K 2 0 0.5\n");
+    config_.rotation_enabled = 0;
+    imu_ptr imu = start();
+    ASSERT_TRUE(imu);
+    double first_temperature = 0, first_reading = 0, temperature = 0;
+    for (int b = 0; b < 40; b++) {
+        uint32_t mask = 0;
+        ASSERT_EQ(imu_wait(imu.get()), 0);
+        ASSERT_EQ(imu_read(imu.get(), &mask), 0);
+        ASSERT_GT(data_.nb_samples, 0);
+        double accel_y = 0;
+        temperature = 0;
+        for (int i = 0; i < data_.nb_samples; i++) {
+            accel_y += data_.accel[i][1] / data_.nb_samples;
+            temperature += double(data_.temperature[i]) / data_.nb_samples;
+        }
+        const double reading = accel_y + 0.5 * (temperature - 293.15);
+        if (b == 0) {
+            first_temperature = temperature;
+            first_reading = reading;
+        }
+        EXPECT_NEAR(reading, first_reading, 0.1) << "batch " << b << " at " << temperature << " K";
+    }
+    EXPECT_GT(temperature - first_temperature, 0.5) << "the die warmed";
+}
+
+} // namespace
