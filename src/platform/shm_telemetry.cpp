@@ -828,6 +828,14 @@ struct consumer_section {
     uint32_t scatter_count;
     timespec **stamps;
     uint32_t stamp_count;
+    // The section's latest samples as read, in the scratch's layout: one
+    // image per sample its smallest destination holds, sample n in image
+    // n % capacity, with its time. A sample read whole does not change, so
+    // the next reads hand it out again from here, not from the ring; the
+    // images go with the view they were read from.
+    uint8_t *images;
+    uint64_t *image_sample; // n + 1 of the sample in the image, 0 for none
+    timespec *image_time;
 };
 
 } // namespace
@@ -838,8 +846,7 @@ struct shm_consumer {
     size_t field_count;
     consumer_section *sections;
     size_t section_count;
-    uint8_t *scratch;
-    size_t scratch_size;
+    size_t scratch_size; // the size of a sample's image: the fields packed in order
     bool completed;
 };
 
@@ -916,6 +923,7 @@ int attach(shm_consumer *c, uint32_t index)
         tlm_view_close(&s.view);
     }
     s.reads_since_check = 0;
+    std::fill_n(s.image_sample, s.capacity, 0);
     int r = open_section_dir(c, s);
     if (r == 0)
         r = view_open_at(s.dir_fd, strrchr(s.path, '/') + 1, s.path, &c->policy, &s.view);
@@ -1002,24 +1010,29 @@ inline void copy_run_bytes(uint8_t *to, const uint8_t *from, uint32_t len)
     }
 }
 
-// Copies sample n of section index into the scratch, then hands it out as
-// sample k (0 the latest) to the destinations. -EAGAIN when the sample is
-// not whole in the ring.
+// Copies sample n of section index into its image, unless an earlier read
+// did, then hands it out as sample k (0 the latest) to the destinations.
+// -EAGAIN when the sample is not whole in the ring.
 int read_sample(shm_consumer *c, uint32_t index, uint64_t n, uint32_t k, timespec *ts)
 {
-    const consumer_section &s = c->sections[index];
-    uint8_t *scratch = c->scratch;
-    timespec sample_time{};
-    int r = read_slot(&s.view, n, &sample_time, [&](const uint8_t *sample) {
-        for (const copy_run *run = s.gathers, *end = run + s.gather_count; run < end; run++)
-            copy_run_bytes(scratch + run->to, sample + run->from, run->len);
-    });
-    if (r < 0)
-        return r;
+    consumer_section &s = c->sections[index];
+    const uint32_t at = uint32_t(n % s.capacity);
+    uint8_t *image = s.images + at * c->scratch_size;
+    if (s.image_sample[at] != n + 1) {
+        s.image_sample[at] = 0; // a failed copy leaves it torn
+        int r = read_slot(&s.view, n, &s.image_time[at], [&](const uint8_t *sample) {
+            for (const copy_run *run = s.gathers, *end = run + s.gather_count; run < end; run++)
+                copy_run_bytes(image + run->to, sample + run->from, run->len);
+        });
+        if (r < 0)
+            return r;
+        s.image_sample[at] = n + 1;
+    }
+    const timespec sample_time = s.image_time[at];
     // k is below the capacity of every destination of the section (its
     // readers ask for no more than the smallest holds).
     for (const scatter_run *run = s.scatters, *end = run + s.scatter_count; run < end; run++)
-        copy_run_bytes(run->destination + k * run->stride, scratch + run->from, run->len);
+        copy_run_bytes(run->destination + k * run->stride, image + run->from, run->len);
     for (uint32_t i = 0; i < s.stamp_count; i++)
         s.stamps[i][k] = sample_time;
     if (ts)
@@ -1188,10 +1201,6 @@ int consumer_complete(shm_consumer *consumer)
             f.scatter_len = uint32_t(bytes_of(f));
         }
     }
-    free(consumer->scratch);
-    consumer->scratch = static_cast<uint8_t *>(malloc(total));
-    if (!consumer->scratch)
-        return -ENOMEM;
     for (size_t i = 0; i < consumer->section_count; i++) {
         consumer_section &s = consumer->sections[i];
         size_t fields = 0;
@@ -1200,11 +1209,17 @@ int consumer_complete(shm_consumer *consumer)
         free(s.gathers); // left by a completion that ran short of memory
         free(s.scatters);
         free(s.stamps);
+        free(s.images);
+        free(s.image_sample);
+        free(s.image_time);
         s.scatter_count = s.stamp_count = 0;
         s.gathers = static_cast<copy_run *>(calloc(fields, sizeof(copy_run)));
         s.scatters = static_cast<scatter_run *>(calloc(fields, sizeof(scatter_run)));
         s.stamps = static_cast<timespec **>(calloc(fields, sizeof(timespec *)));
-        if (!s.gathers || !s.scatters || !s.stamps)
+        s.images = static_cast<uint8_t *>(calloc(s.capacity, total));
+        s.image_sample = static_cast<uint64_t *>(calloc(s.capacity, sizeof(uint64_t)));
+        s.image_time = static_cast<timespec *>(calloc(s.capacity, sizeof(timespec)));
+        if (!s.gathers || !s.scatters || !s.stamps || !s.images || !s.image_sample || !s.image_time)
             return -ENOMEM;
         for (size_t j = 0; j < consumer->field_count; j++) {
             const consumer_field &f = consumer->fields[j];
@@ -1267,9 +1282,11 @@ void consumer_destroy(shm_consumer *consumer)
         free(consumer->sections[i].gathers);
         free(consumer->sections[i].scatters);
         free(consumer->sections[i].stamps);
+        free(consumer->sections[i].images);
+        free(consumer->sections[i].image_sample);
+        free(consumer->sections[i].image_time);
     }
     free(consumer->sections);
     free(consumer->fields);
-    free(consumer->scratch);
     free(consumer);
 }

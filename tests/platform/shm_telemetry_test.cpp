@@ -61,14 +61,14 @@ constexpr tlm_struct_desc kValue{0, 1, kValueField};
 
 // A child that publishes one position per step it is given ('q' ends it,
 // 'x' ends it without destroying its producer, as a crash would).
-int position_producer(const child_process::link &link, uint32_t count)
+int position_producer(const child_process::link &link, uint32_t count, int first = 1)
 {
     published_position rec{};
     shm_producer *p = producer_create("vcam_position", count, 10000);
     if (!p || producer_register_struct(p, &rec, nullptr, &kPublished) < 0 || producer_complete(p) < 0)
         return 1;
     link.signal();
-    for (int i = 1;; i++) {
+    for (int i = first;; i++) {
         char c = link.wait();
         if (c == 'x')
             return 0;
@@ -177,12 +177,14 @@ TEST(ShmTelemetry, ConsumerFollowsItsSectionFromBeforeItsProducerToAfterARestart
     EXPECT_EQ(read_latest(c), 0);
     EXPECT_EQ(dest.status, 43);
 
-    child_process second([](const auto &link) { return position_producer(link, 8); });
+    // Its samples have the numbers the first one's had, not their values.
+    child_process second([](const auto &link) { return position_producer(link, 8, 11); });
     ASSERT_TRUE(second.wait_step());
     EXPECT_EQ(read_latest(c), -EAGAIN);
-    ASSERT_TRUE(publish(second));
+    for (int i = 0; i < 3; i++)
+        ASSERT_TRUE(publish(second));
     ASSERT_EQ(read_latest(c), 0);
-    EXPECT_EQ(dest.status, 41);
+    EXPECT_EQ(dest.status, 53);
 
     // A producer that ends removes its section; reads fail until one comes back.
     finish(second);
