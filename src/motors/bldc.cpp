@@ -170,12 +170,15 @@ extern "C" int bldc_cypress_read(bldc_cypress_ctx *bldc, uint32_t *updated, cons
     const char *device = bldc->device;
 
     // Where the timeout in force is already the flush's (the network
-    // backend's default), neither change asks anything of the server.
+    // backend's default), it is left as it is.
     const unsigned saved_timeout_ms = context_timeout(bldc->iio);
-    context_timeout_set(bldc->iio, kFlushTimeoutMs);
+    const bool own_timeout = saved_timeout_ms != kFlushTimeoutMs;
+    if (own_timeout)
+        context_timeout_set(bldc->iio, kFlushTimeoutMs);
     uint32_t count = 0;
     int r = samples_flush(bldc->client, limit, &count);
-    context_timeout_set(bldc->iio, saved_timeout_ms);
+    if (own_timeout)
+        context_timeout_set(bldc->iio, saved_timeout_ms);
 
     // The first read after creation drops the backlog quietly.
     if (count > 1 && !bldc->first_report)
