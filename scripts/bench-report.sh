@@ -589,13 +589,16 @@ The largest part is the IMU batch's arithmetic, in \`imu_read\` and the
 helpers it inlines (whose lines the table counts under their own headers,
 in the rest): five scans converted, each vector turned into the vehicle's
 axes (nine products in single precision) and corrected (nine more in
-double), about 1,700 instructions a batch in all, and once a batch the 24
-thermal polynomials (\`imu_calib_terms_at\`). Then the telemetry readers'
-copies (\`read_sample\`): the gimbal's latest five samples every cycle,
-whether or not new ones came, and the vision readers' latest sample, each
-copied whole out of the ring before it is handed out. The motor controller's
-sample (\`fetch\`: sixteen channels converted) and the frame's calls make
-most of the rest. Each channel's place in a scan is resolved once, when its
+double), about 1,700 instructions a batch in all. The 24 thermal
+polynomials (\`imu_calib_terms_at\`) are evaluated again only when the
+batch's mean temperature has moved since the last evaluation: a die warms
+far more slowly than batches come. Then the telemetry readers' hand-outs
+(\`read_sample\`): the gimbal's latest five samples every cycle, whether or
+not new ones came, and the vision readers' latest sample, copied field by
+field into the record. Each sample is copied out of the ring once, when it
+is first read; later cycles hand it out from the reader's copy. The motor
+controller's sample (\`fetch\`: sixteen channels converted) and the frame's
+calls make most of the rest. Each channel's place in a scan is resolved once, when its
 buffer is made: libiio is not asked for it every cycle (its
 \`iio_buffer_first\` costs about 140 instructions a call, in libiio's row).
 
