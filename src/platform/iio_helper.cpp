@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "platform/iio_helper.h"
 
+#include <bit>
 #include <cerrno>
 #include <cmath>
 #include <cstdint>
@@ -447,6 +448,16 @@ channel_decoder channel_decoder_of(const iio_channel *channel)
     d.width = uint8_t(f->is_fully_defined ? f->length : f->bits);
     d.is_signed = f->is_signed;
     d.unused = uint8_t(64 - d.width);
+    d.kind = channel_decoder::shifted;
+    if (d.shift == 0 && d.width == f->length) {
+        static constexpr channel_decoder::kind_t kWhole[4][2] = {
+            {channel_decoder::u8, channel_decoder::s8},
+            {channel_decoder::u16, channel_decoder::s16},
+            {channel_decoder::u32, channel_decoder::s32},
+            {channel_decoder::whole64, channel_decoder::whole64},
+        };
+        d.kind = kWhole[std::countr_zero(unsigned(d.bytes))][d.is_signed];
+    }
     return d;
 }
 

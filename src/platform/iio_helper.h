@@ -109,6 +109,11 @@ struct channel_decoder {
     uint8_t width; // bits that hold the value once shifted
     bool is_signed;
     uint8_t unused; // 64 - width: the high bits dropped once shifted
+    // How channel_decode reads it: through channel_convert_int; shifted,
+    // then masked or sign-extended; or, the usual case, a value that fills
+    // its storage, read as it lies.
+    enum kind_t : uint8_t { general, shifted, u8, s8, u16, s16, u32, s32, whole64 };
+    kind_t kind;
     // Where the channel lies in a scan, known when the decoder was made for
     // a buffer: the channel mask of a buffer never changes, so neither does
     // the place.
@@ -131,9 +136,28 @@ inline const char *buffer_first(const iio_buffer *buffer, const channel_decoder 
     return buffer_first(buffer, static_cast<const char *>(iio_buffer_start(buffer)), d);
 }
 
+template <typename T>
+inline T load_unaligned(const void *src)
+{
+    T x;
+    __builtin_memcpy(&x, src, sizeof x);
+    return x;
+}
+
 // channel_convert_int(d.channel, src), computed inline for a plain format.
 inline int64_t channel_decode(const channel_decoder &d, const void *src)
 {
+    switch (d.kind) {
+    case channel_decoder::u8: return load_unaligned<uint8_t>(src);
+    case channel_decoder::s8: return load_unaligned<int8_t>(src);
+    case channel_decoder::u16: return load_unaligned<uint16_t>(src);
+    case channel_decoder::s16: return load_unaligned<int16_t>(src);
+    case channel_decoder::u32: return load_unaligned<uint32_t>(src);
+    case channel_decoder::s32: return load_unaligned<int32_t>(src);
+    case channel_decoder::whole64: return load_unaligned<int64_t>(src);
+    case channel_decoder::shifted: break;
+    default: return channel_convert_int(d.channel, src);
+    }
     uint64_t v;
     switch (d.bytes) {
     case 1: v = *static_cast<const uint8_t *>(src); break;

@@ -406,7 +406,8 @@ TEST_F(IioHelper, BufferCreateRefusesUnknownChannelsAndStorageItCannotReadAndLea
         {"u12", "le:u12/16>>4"},     {"s12", "le:s12/16>>4"},     {"S12", "le:S12/16>>4"},
         {"u8", "le:u8/8>>0"},        {"s7", "le:s7/8>>1"},        {"s64", "le:s64/64>>0"},
         {"U32", "le:U32/32>>0"},     {"s24", "le:s24/32>>8"},     {"u1", "le:u1/8>>7"},
-        {"u64", "le:u40/64>>3"},
+        {"u64", "le:u40/64>>3"},     {"w16", "le:u16/16>>0"},     {"s8", "le:s8/8>>0"},
+        {"u32", "le:u32/32>>0"},     {"n64", "le:u64/64>>0"},     {"S8", "le:S8/8>>0"},
     };
     std::string xml = "<?xml version=\"1.0\" encoding=\"utf-8\"?>"
                       "<context name=\"xml\"><device id=\"iio:device0\" name=\"odd\">";
