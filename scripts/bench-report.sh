@@ -598,8 +598,8 @@ not new ones came, and the vision readers' latest sample, copied field by
 field into the record. Each sample is copied out of the ring once, when it
 is first read; later cycles hand it out from the reader's copy. The motor
 controller's sample (\`fetch\`: sixteen channels converted) and the frame's
-calls make most of the rest. Each channel's place in a scan is resolved once, when its
-buffer is made: libiio is not asked for it every cycle (its
+calls make most of the rest. Each channel's place in a scan is resolved
+once, when its buffer is made: libiio is not asked for it every cycle (its
 \`iio_buffer_first\` costs about 140 instructions a call, in libiio's row).
 
 **How the waits are separated.** \`bench/cycle_meter\` makes each cycle two

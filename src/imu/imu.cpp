@@ -232,7 +232,7 @@ extern "C" imu_ctx *imu_new(const sensors_imu_config *config, iio_context *iio, 
     for (int i = 0; i < CHANNEL_COUNT; i++) {
         const channel_decoder &d = imu->decoders[i] = channel_decoder_of(imu->channels[i], imu->buffer);
         if (i < TEMP)
-            imu->in_place = imu->in_place && d.bytes == 2 && d.shift == 0 && d.width == 16;
+            imu->in_place = imu->in_place && (d.kind == channel_decoder::s16 || d.kind == channel_decoder::u16);
     }
 
     if (apply_scheduling(sched, *config) < 0)

@@ -155,9 +155,9 @@ timespec timespec_from(const slot_header &h)
     return t;
 }
 
-// Copies the fields [first, last) of sample n out of a mapped section into
-// scratch, and its time into *ts. -EAGAIN when the slot does not hold sample
-// n whole (not written yet, overwritten, or being written).
+// Hands sample n of a mapped section to copy, and its time to *ts. -EAGAIN
+// when the slot does not hold sample n whole (not written yet, overwritten,
+// or being written).
 template <typename CopyFn>
 int read_slot(const tlm_section_view *view, uint64_t n, timespec *ts, CopyFn copy)
 {
@@ -776,11 +776,11 @@ struct consumer_field {
     uint32_t capacity; // samples the destination holds
     timespec *timestamps;
     uint32_t src_offset;     // in the section's sample, known once attached
-    uint32_t scratch_offset; // in the consumer's scratch, fields packed in order
+    uint32_t image_offset; // in a sample's image, the fields packed in order
     // Neighbouring fields that lie end to end are copied as one run: the
     // first field of a run carries its length in bytes, the others 0.
-    uint32_t gather_len;  // from the sample to the scratch (known once attached)
-    uint32_t scatter_len; // from the scratch to the destination
+    uint32_t gather_len;  // from the sample to its image (known once attached)
+    uint32_t scatter_len; // from the image to the destination
 };
 
 size_t bytes_of(const consumer_field &f)
@@ -788,8 +788,8 @@ size_t bytes_of(const consumer_field &f)
     return size_t(f.size) * f.count;
 }
 
-// One copy of a sample's read: from the sample to the scratch (gather), or
-// from the scratch to a destination (scatter, sample k at k * stride).
+// One copy of a sample's read: from the sample to its image (gather), or
+// from the image to a destination (scatter, sample k at k * stride).
 struct copy_run {
     uint32_t from;
     uint32_t to;
@@ -798,7 +798,7 @@ struct copy_run {
 struct scatter_run {
     uint8_t *destination;
     size_t stride;
-    uint32_t from; // in the scratch
+    uint32_t from; // in the image
     uint32_t len;
 };
 
@@ -828,7 +828,7 @@ struct consumer_section {
     uint32_t scatter_count;
     timespec **stamps;
     uint32_t stamp_count;
-    // The section's latest samples as read, in the scratch's layout: one
+    // The section's latest samples as read, each in an image: one
     // image per sample its smallest destination holds, sample n in image
     // n % capacity, with its time. A sample read whole does not change, so
     // the next reads hand it out again from here, not from the ring; the
@@ -846,7 +846,7 @@ struct shm_consumer {
     size_t field_count;
     consumer_section *sections;
     size_t section_count;
-    size_t scratch_size; // the size of a sample's image: the fields packed in order
+    size_t image_size; // a sample's image: the registered fields packed in order
     bool completed;
 };
 
@@ -991,7 +991,7 @@ int attach(shm_consumer *c, uint32_t index)
     for (size_t i = 0; i < c->field_count; i++) {
         const consumer_field &f = c->fields[i];
         if (f.section == index && f.gather_len)
-            s.gathers[s.gather_count++] = {f.src_offset, f.scratch_offset, f.gather_len};
+            s.gathers[s.gather_count++] = {f.src_offset, f.image_offset, f.gather_len};
     }
     s.refused = false;
     return 0;
@@ -1017,7 +1017,7 @@ int read_sample(shm_consumer *c, uint32_t index, uint64_t n, uint32_t k, timespe
 {
     consumer_section &s = c->sections[index];
     const uint32_t at = uint32_t(n % s.capacity);
-    uint8_t *image = s.images + at * c->scratch_size;
+    uint8_t *image = s.images + at * c->image_size;
     if (s.image_sample[at] != n + 1) {
         s.image_sample[at] = 0; // a failed copy leaves it torn
         int r = read_slot(&s.view, n, &s.image_time[at], [&](const uint8_t *sample) {
@@ -1183,7 +1183,7 @@ int consumer_complete(shm_consumer *consumer)
     size_t head = 0;
     for (size_t i = 0; i < consumer->field_count; i++) {
         consumer_field &f = consumer->fields[i];
-        f.scratch_offset = uint32_t(total);
+        f.image_offset = uint32_t(total);
         total += bytes_of(f);
         if (total > kTlmMaxSampleSize)
             return -EINVAL;
@@ -1226,12 +1226,12 @@ int consumer_complete(shm_consumer *consumer)
             if (f.section != i)
                 continue;
             if (f.scatter_len)
-                s.scatters[s.scatter_count++] = {f.destination, f.stride, f.scratch_offset, f.scatter_len};
+                s.scatters[s.scatter_count++] = {f.destination, f.stride, f.image_offset, f.scatter_len};
             if (f.timestamps)
                 s.stamps[s.stamp_count++] = f.timestamps;
         }
     }
-    consumer->scratch_size = total;
+    consumer->image_size = total;
     consumer->completed = true;
     return 0;
 }

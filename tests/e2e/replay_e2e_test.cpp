@@ -11,7 +11,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
-#include <cstring>
 #include <filesystem>
 #include <limits>
 #include <map>
@@ -39,8 +38,7 @@ bool starts_with_any(const std::string &name, std::initializer_list<const char *
 uint64_t imu_drops(const std::string &path)
 {
     capture::reader r;
-    if (r.open_file(path) < 0)
-        return 0;
+    EXPECT_EQ(r.open_file(path), 0) << r.message();
     capture::record rec;
     std::string imu;
     uint64_t drops = 0;
@@ -50,11 +48,8 @@ uint64_t imu_drops(const std::string &path)
         if (rec.kind == capture::record_kind::context &&
             std::regex_search(xml, xml + rec.size, m, std::regex("<device id=\"([^\"]+)\" name=\"orlune-imu\"")))
             imu = m[1];
-        if (rec.kind == capture::record_kind::drop && rec.size == sizeof(uint64_t) && r.streams()[rec.stream].name == imu) {
-            uint64_t lost;
-            std::memcpy(&lost, rec.payload, sizeof lost);
+        if (uint64_t lost; capture::parse_drop(rec, &lost) && r.streams()[rec.stream].name == imu)
             drops += lost;
-        }
     }
     return drops;
 }

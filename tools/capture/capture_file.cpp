@@ -324,4 +324,12 @@ bool parse_layout(const record &r, scan_layout *out)
     return out->mask != 0 && out->scan_size != 0;
 }
 
+bool parse_drop(const record &r, uint64_t *lost)
+{
+    if (r.kind != record_kind::drop || r.size != 8)
+        return false;
+    *lost = get_le(r.payload, 8);
+    return true;
+}
+
 } // namespace capture

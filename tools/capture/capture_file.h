@@ -172,4 +172,7 @@ struct scan_layout {
 };
 bool parse_layout(const record &r, scan_layout *out);
 
+// The scans a drop record says its stream lost; false for any other record.
+bool parse_drop(const record &r, uint64_t *lost);
+
 } // namespace capture

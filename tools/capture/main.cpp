@@ -321,11 +321,8 @@ int print_info(const std::string &path)
         counts &c = per_stream[rec.stream];
         c.records++;
         c.bytes += rec.size;
-        if (rec.kind == capture::record_kind::drop && rec.size == 8) {
-            uint64_t lost;
-            std::memcpy(&lost, rec.payload, sizeof lost);
+        if (uint64_t lost; capture::parse_drop(rec, &lost))
             c.drops += lost;
-        }
     }
     std::printf("  first record: %lld.%09lld s (the recording machine's monotonic clock)\n",
                 static_cast<long long>(first / kNsPerSec), static_cast<long long>(first % kNsPerSec));
