@@ -61,6 +61,9 @@ struct imu_ctx {
     float accel_matrix[9];
     // The six vector channels are plain 16-bit values, read as they lie.
     bool in_place;
+    // And the temperature a signed 16-bit value, the timestamp 64 bits: the
+    // usual layout, whose scans are read without asking the decoders.
+    bool plain;
     imu_calib *calibration;
     // The calibration's terms at the temperature of the batch they were
     // last evaluated for: a die warms far more slowly than a batch comes,
@@ -157,6 +160,52 @@ inline void read_vector(const imu_ctx &imu, channel_index first, const char *con
     out[2] = float(double(z) * scale);
 }
 
+float temperature_of(const imu_ctx &imu, float raw)
+{
+    return float((double(raw) + imu.temp_offset) * imu.temp_scale + kCelsiusToKelvin);
+}
+
+struct scan_counts {
+    size_t accel, gyro, temp, timestamp; // scans holding a value of each
+};
+
+// The scans of a batch, each channel through its decoder, as far as it
+// holds values.
+void read_scans(const imu_ctx &imu, const char *const p[CHANNEL_COUNT], ptrdiff_t step, const scan_counts &n,
+                sensors_imu_data &d)
+{
+    const size_t scans = std::max({n.accel, n.gyro, n.temp, n.timestamp});
+    for (size_t k = 0; k < scans; k++) {
+        const ptrdiff_t at = ptrdiff_t(k) * step;
+        if (k < n.accel) {
+            read_vector(imu, ACCEL_X, p, at, imu.accel_scale, d.accel[k]);
+            d.sample_flags[k] = 0;
+        }
+        if (k < n.gyro)
+            read_vector(imu, ANGLVEL_X, p, at, imu.gyro_scale, d.gyro[k]);
+        if (k < n.temp)
+            d.temperature[k] = temperature_of(imu, float(channel_decode(imu.decoders[TEMP], p[TEMP] + at)));
+        if (k < n.timestamp)
+            d.timestamps[k] = ns_to_timespec(channel_decode(imu.decoders[TIMESTAMP], p[TIMESTAMP] + at));
+    }
+}
+
+// The scans of a batch in the usual layout, every channel holding a value
+// in each of them: the values as they lie, converted as read_vector and the
+// decoders would.
+void read_plain_scans(const imu_ctx &imu, const char *const p[CHANNEL_COUNT], ptrdiff_t step, size_t scans,
+                      sensors_imu_data &d)
+{
+    for (size_t k = 0; k < scans; k++) {
+        const ptrdiff_t at = ptrdiff_t(k) * step;
+        read_vector(imu, ACCEL_X, p, at, imu.accel_scale, d.accel[k]);
+        d.sample_flags[k] = 0;
+        read_vector(imu, ANGLVEL_X, p, at, imu.gyro_scale, d.gyro[k]);
+        d.temperature[k] = temperature_of(imu, float(load_unaligned<int16_t>(p[TEMP] + at)));
+        d.timestamps[k] = ns_to_timespec(load_unaligned<int64_t>(p[TIMESTAMP] + at));
+    }
+}
+
 } // namespace
 
 extern "C" void imu_destroy(imu_ctx *imu)
@@ -234,6 +283,8 @@ extern "C" imu_ctx *imu_new(const sensors_imu_config *config, iio_context *iio, 
         if (i < TEMP)
             imu->in_place = imu->in_place && (d.kind == channel_decoder::s16 || d.kind == channel_decoder::u16);
     }
+    imu->plain = imu->in_place && imu->decoders[TEMP].kind == channel_decoder::s16 &&
+                 imu->decoders[TIMESTAMP].kind == channel_decoder::whole64;
 
     if (apply_scheduling(sched, *config) < 0)
         return nullptr;
@@ -321,21 +372,11 @@ extern "C" int imu_read(imu_ctx *imu, uint32_t *updated)
 
     // Scan by scan: each channel's values lie one step apart.
     const size_t scans = std::max({accel_count, gyro_count, temp_count, ts_count});
-    for (size_t k = 0; k < scans; k++) {
-        const ptrdiff_t at = ptrdiff_t(k) * step;
-        if (k < accel_count) {
-            read_vector(*imu, ACCEL_X, p, at, imu->accel_scale, d.accel[k]);
-            d.sample_flags[k] = 0;
-        }
-        if (k < gyro_count)
-            read_vector(*imu, ANGLVEL_X, p, at, imu->gyro_scale, d.gyro[k]);
-        if (k < temp_count) {
-            float raw = float(channel_decode(imu->decoders[TEMP], p[TEMP] + at));
-            d.temperature[k] = float((double(raw) + imu->temp_offset) * imu->temp_scale + kCelsiusToKelvin);
-        }
-        if (k < ts_count)
-            d.timestamps[k] = ns_to_timespec(channel_decode(imu->decoders[TIMESTAMP], p[TIMESTAMP] + at));
-    }
+    const bool whole = accel_count == scans && gyro_count == scans && temp_count == scans && ts_count == scans;
+    if (imu->plain && whole)
+        read_plain_scans(*imu, p, step, scans, d);
+    else
+        read_scans(*imu, p, step, {accel_count, gyro_count, temp_count, ts_count}, d);
     if (LOG_DEBUG <= g_log_ceiling.load(std::memory_order_relaxed)) {
         for (size_t k = 0; k < accel_count; k++)
             log_msg(kTag, LOG_DEBUG, "Accel\t%+f\t%+f\t%+f", d.accel[k][0], d.accel[k][1], d.accel[k][2]);
@@ -345,7 +386,7 @@ extern "C" int imu_read(imu_ctx *imu, uint32_t *updated)
             log_msg(kTag, LOG_DEBUG, "Temperature\t%f", d.temperature[k]);
     }
 
-    if (accel_count != gyro_count || accel_count != temp_count || accel_count != ts_count)
+    if (!whole)
         log_msg(kTag, LOG_WARNING, "channels samples number read error: %zu, %zu, %zu, %zu", accel_count, gyro_count,
                 temp_count, ts_count);
     if (accel_count != imu->fifo_size)
