@@ -836,6 +836,8 @@ struct consumer_section {
     uint8_t *images;
     uint64_t *image_sample; // n + 1 of the sample in the image, 0 for none
     timespec *image_time;
+    // A read's samples, latest first: the image each is handed out from.
+    uint32_t *handout;
 };
 
 } // namespace
@@ -912,16 +914,10 @@ int open_section_dir(shm_consumer *c, consumer_section &s)
     return 0;
 }
 
-// Attaches s to its section file if it is not attached, and follows a
-// producer that has closed it. 0 when s is attached and its layout matches.
-int attach(shm_consumer *c, uint32_t index)
+// Attaches s, not attached, to its section file: 0 when its layout matches.
+int open_view(shm_consumer *c, uint32_t index)
 {
     consumer_section &s = c->sections[index];
-    if (s.view.base) {
-        if (!tlm_view_closed(&s.view) && still_named(s))
-            return 0;
-        tlm_view_close(&s.view);
-    }
     s.reads_since_check = 0;
     std::fill_n(s.image_sample, s.capacity, 0);
     int r = open_section_dir(c, s);
@@ -997,47 +993,72 @@ int attach(shm_consumer *c, uint32_t index)
     return 0;
 }
 
-// Most runs are a field or two of four or eight bytes: copied inline rather
-// than through a call.
-inline void copy_run_bytes(uint8_t *to, const uint8_t *from, uint32_t len)
-{
-    switch (len) {
-    case 4: memcpy(to, from, 4); return;
-    case 8: memcpy(to, from, 8); return;
-    case 12: memcpy(to, from, 12); return;
-    case 16: memcpy(to, from, 16); return;
-    default: memcpy(to, from, len); return;
-    }
-}
-
-// Copies sample n of section index into its image, unless an earlier read
-// did, then hands it out as sample k (0 the latest) to the destinations.
-// -EAGAIN when the sample is not whole in the ring.
-int read_sample(shm_consumer *c, uint32_t index, uint64_t n, uint32_t k, timespec *ts)
+// Attaches s to its section file if it is not attached, and follows a
+// producer that has closed it. 0 when s is attached and its layout matches.
+inline int attach(shm_consumer *c, uint32_t index)
 {
     consumer_section &s = c->sections[index];
-    const uint32_t at = uint32_t(n % s.capacity);
-    uint8_t *image = s.images + at * c->image_size;
-    if (s.image_sample[at] != n + 1) {
-        s.image_sample[at] = 0; // a failed copy leaves it torn
-        int r = read_slot(&s.view, n, &s.image_time[at], [&](const uint8_t *sample) {
-            for (const copy_run *run = s.gathers, *end = run + s.gather_count; run < end; run++)
-                copy_run_bytes(image + run->to, sample + run->from, run->len);
-        });
-        if (r < 0)
-            return r;
-        s.image_sample[at] = n + 1;
+    if (s.view.base) {
+        if (!tlm_view_closed(&s.view) && still_named(s))
+            return 0;
+        tlm_view_close(&s.view);
     }
-    const timespec sample_time = s.image_time[at];
-    // k is below the capacity of every destination of the section (its
-    // readers ask for no more than the smallest holds).
-    for (const scatter_run *run = s.scatters, *end = run + s.scatter_count; run < end; run++)
-        copy_run_bytes(run->destination + k * run->stride, image + run->from, run->len);
-    for (uint32_t i = 0; i < s.stamp_count; i++)
-        s.stamps[i][k] = sample_time;
-    if (ts)
-        *ts = sample_time;
+    return open_view(c, index);
+}
+
+// Copies sample n of section s from the ring into image at: 0, or -EAGAIN
+// when the sample is not whole in the ring.
+int copy_image(const shm_consumer *c, consumer_section &s, uint64_t n, uint32_t at)
+{
+    uint8_t *image = s.images + at * c->image_size;
+    s.image_sample[at] = 0; // a failed copy leaves it torn
+    int r = read_slot(&s.view, n, &s.image_time[at], [&](const uint8_t *sample) {
+        for (const copy_run *run = s.gathers, *end = run + s.gather_count; run < end; run++)
+            memcpy(image + run->to, sample + run->from, run->len);
+    });
+    if (r < 0)
+        return r;
+    s.image_sample[at] = n + 1;
     return 0;
+}
+
+// Sample n of section s in its image, copied from the ring unless an
+// earlier read did: 0 and the image in *at, or -EAGAIN.
+inline int image_of(const shm_consumer *c, consumer_section &s, uint64_t n, uint32_t *at)
+{
+    *at = uint32_t(n % s.capacity);
+    return s.image_sample[*at] == n + 1 ? 0 : copy_image(c, s, n, *at);
+}
+
+// One run's bytes of each handed-out sample, sample k at k strides.
+template <uint32_t Len>
+void scatter_samples(const shm_consumer *c, const consumer_section &s, const scatter_run &run, uint32_t count)
+{
+    uint8_t *to = run.destination;
+    const uint8_t *from = s.images + run.from;
+    const size_t image_size = c->image_size;
+    const size_t stride = run.stride;
+    const uint32_t len = Len ? Len : run.len;
+    for (uint32_t k = 0; k < count; k++, to += stride)
+        memcpy(to, from + s.handout[k] * image_size, len);
+}
+
+// Hands the images of a read's count samples out to the section's
+// destinations. Most runs are a field or two of four or eight bytes.
+void hand_out(const shm_consumer *c, const consumer_section &s, uint32_t count)
+{
+    for (const scatter_run *run = s.scatters, *end = run + s.scatter_count; run < end; run++) {
+        switch (run->len) {
+        case 4: scatter_samples<4>(c, s, *run, count); break;
+        case 8: scatter_samples<8>(c, s, *run, count); break;
+        case 12: scatter_samples<12>(c, s, *run, count); break;
+        case 16: scatter_samples<16>(c, s, *run, count); break;
+        default: scatter_samples<0>(c, s, *run, count); break;
+        }
+    }
+    for (uint32_t i = 0; i < s.stamp_count; i++)
+        for (uint32_t k = 0; k < count; k++)
+            s.stamps[i][k] = s.image_time[s.handout[k]];
 }
 
 // A writer laps a reader only when the ring turns over during one copy;
@@ -1051,25 +1072,28 @@ int read_section(shm_consumer *c, uint32_t index, uint32_t before, timespec *ts)
     int r = attach(c, index);
     if (r < 0)
         return r;
-    const tlm_section_view &view = c->sections[index].view;
-    before = std::min(before, c->sections[index].capacity - 1);
+    consumer_section &s = c->sections[index];
+    // Each destination holds at least capacity samples.
+    before = std::min(before, s.capacity - 1);
     uint64_t latest = 0;
     r = -EAGAIN;
     for (int attempt = 0; attempt < kLatestAttempts && r == -EAGAIN; attempt++) {
-        uint64_t written = tlm_view_written(&view);
+        uint64_t written = tlm_view_written(&s.view);
         if (written == 0)
             return -EAGAIN;
         latest = written - 1;
-        r = read_sample(c, index, latest, 0, ts);
+        r = image_of(c, s, latest, &s.handout[0]);
     }
     if (r < 0)
         return r;
     uint32_t got = 0;
-    while (got < before && got < latest && got + 1 < view.sample_count) {
-        if (read_sample(c, index, latest - got - 1, got + 1, nullptr) < 0)
-            break; // overwritten meanwhile: older ones are gone too
+    // An earlier sample overwritten meanwhile: the older ones are gone too.
+    while (got < before && got < latest && got + 1 < s.view.sample_count &&
+           image_of(c, s, latest - got - 1, &s.handout[got + 1]) == 0)
         got++;
-    }
+    hand_out(c, s, got + 1);
+    if (ts)
+        *ts = s.image_time[s.handout[0]];
     return int(got);
 }
 
@@ -1212,6 +1236,7 @@ int consumer_complete(shm_consumer *consumer)
         free(s.images);
         free(s.image_sample);
         free(s.image_time);
+        free(s.handout);
         s.scatter_count = s.stamp_count = 0;
         s.gathers = static_cast<copy_run *>(calloc(fields, sizeof(copy_run)));
         s.scatters = static_cast<scatter_run *>(calloc(fields, sizeof(scatter_run)));
@@ -1219,7 +1244,8 @@ int consumer_complete(shm_consumer *consumer)
         s.images = static_cast<uint8_t *>(calloc(s.capacity, total));
         s.image_sample = static_cast<uint64_t *>(calloc(s.capacity, sizeof(uint64_t)));
         s.image_time = static_cast<timespec *>(calloc(s.capacity, sizeof(timespec)));
-        if (!s.gathers || !s.scatters || !s.stamps || !s.images || !s.image_sample || !s.image_time)
+        s.handout = static_cast<uint32_t *>(calloc(s.capacity, sizeof(uint32_t)));
+        if (!s.gathers || !s.scatters || !s.stamps || !s.images || !s.image_sample || !s.image_time || !s.handout)
             return -ENOMEM;
         for (size_t j = 0; j < consumer->field_count; j++) {
             const consumer_field &f = consumer->fields[j];
@@ -1285,6 +1311,7 @@ void consumer_destroy(shm_consumer *consumer)
         free(consumer->sections[i].images);
         free(consumer->sections[i].image_sample);
         free(consumer->sections[i].image_time);
+        free(consumer->sections[i].handout);
     }
     free(consumer->sections);
     free(consumer->fields);
