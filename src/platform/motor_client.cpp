@@ -51,6 +51,10 @@ struct motor_client {
     iio_buffer *buffer;
     iio_channel *channels[CHANNEL_COUNT];
     channel_decoder decoders[CHANNEL_COUNT];
+    // Every channel in the controller's usual format (16-bit speeds and
+    // voltage, bytes, a 64-bit timestamp) at its place in the scan: read as
+    // the values lie, without asking the decoders.
+    bool plain;
     double volts_per_unit;
     int64_t period_ns; // sampling period; 0: unknown
     sample queued;     // kept by a flush for sample_read
@@ -117,6 +121,29 @@ ssize_t refill(motor_client *client)
     return iio_buffer_refill(client->buffer);
 }
 
+// The format a channel usually has.
+channel_decoder::kind_t usual_kind(int c)
+{
+    if (c < PWM0 || c == VOLTAGE)
+        return channel_decoder::u16;
+    return c == TIMESTAMP ? channel_decoder::whole64 : channel_decoder::u8;
+}
+
+// A sample from one scan, field(c) giving channel c's value.
+template <typename Field>
+void sample_of(const motor_client *client, Field field, sample *out)
+{
+    for (int m = 0; m < SENSORS_MOTOR_COUNT; m++) {
+        out->speed[m] = uint16_t(field(channel_index(SPEED0 + m)));
+        out->pwm[m] = uint8_t(field(channel_index(PWM0 + m)));
+        out->error[m] = uint8_t(field(channel_index(ERROR0 + m)));
+    }
+    out->status = uint8_t(field(STATUS));
+    out->detail = uint8_t(field(DETAIL));
+    out->volts = float(double(field(VOLTAGE)) * client->volts_per_unit);
+    out->timestamp_ns = field(TIMESTAMP);
+}
+
 // Takes the next sample from the device into *out.
 int fetch(motor_client *client, sample *out)
 {
@@ -127,18 +154,24 @@ int fetch(motor_client *client, sample *out)
         return -EAGAIN;
     const iio_buffer *buffer = client->buffer;
     const char *scan = static_cast<const char *>(iio_buffer_start(buffer));
-    auto field = [&](channel_index c) {
-        return channel_decode(client->decoders[c], buffer_first(buffer, scan, client->decoders[c]));
-    };
-    for (int m = 0; m < SENSORS_MOTOR_COUNT; m++) {
-        out->speed[m] = uint16_t(field(channel_index(SPEED0 + m)));
-        out->pwm[m] = uint8_t(field(channel_index(PWM0 + m)));
-        out->error[m] = uint8_t(field(channel_index(ERROR0 + m)));
+    if (client->plain) {
+        sample_of(
+            client,
+            [&](channel_index c) -> int64_t {
+                const char *at = scan + client->decoders[c].offset;
+                if (c < PWM0 || c == VOLTAGE)
+                    return load_unaligned<uint16_t>(at);
+                return c == TIMESTAMP ? load_unaligned<int64_t>(at) : load_unaligned<uint8_t>(at);
+            },
+            out);
+    } else {
+        sample_of(
+            client,
+            [&](channel_index c) {
+                return channel_decode(client->decoders[c], buffer_first(buffer, scan, client->decoders[c]));
+            },
+            out);
     }
-    out->status = uint8_t(field(STATUS));
-    out->detail = uint8_t(field(DETAIL));
-    out->volts = float(double(field(VOLTAGE)) * client->volts_per_unit);
-    out->timestamp_ns = field(TIMESTAMP);
     client->newest_ns = out->timestamp_ns;
     client->has_newest = true;
     return 0;
@@ -188,8 +221,11 @@ motor_client *controller_open(iio_device *trigger, iio_context *ctx, const char 
     client->buffer = buffer_create(client->device, bindings, CHANNEL_COUNT, kKernelSamples, 1, blocking);
     if (!client->buffer)
         return nullptr;
-    for (int i = 0; i < CHANNEL_COUNT; i++)
-        client->decoders[i] = channel_decoder_of(client->channels[i], client->buffer);
+    client->plain = true;
+    for (int i = 0; i < CHANNEL_COUNT; i++) {
+        const channel_decoder &d = client->decoders[i] = channel_decoder_of(client->channels[i], client->buffer);
+        client->plain = client->plain && d.placed && d.kind == usual_kind(i);
+    }
     // Only libiio's local backend can be asked not to wait for one refill
     // (the mode is the device's, switched without a system call).
     client->read_first = blocking && context_is_local(ctx) && iio_buffer_set_blocking_mode(client->buffer, true) == 0;
