@@ -20,22 +20,6 @@ int64_t monotonic_ns()
     return int64_t(t.tv_sec) * kNsPerSec + t.tv_nsec;
 }
 
-int timespec_compare(const timespec *a, const timespec *b)
-{
-    if (!a || !b)
-        return (a != nullptr) - (b != nullptr);
-    if (a->tv_sec != b->tv_sec)
-        return a->tv_sec < b->tv_sec ? -1 : 1;
-    if (a->tv_nsec != b->tv_nsec)
-        return a->tv_nsec < b->tv_nsec ? -1 : 1;
-    return 0;
-}
-
-bool timespec_is_normalised(const timespec *t)
-{
-    return t && t->tv_nsec >= 0 && t->tv_nsec < kNsPerSec;
-}
-
 int timespec_diff(const timespec *a, const timespec *b, timespec *out)
 {
     if (!out || !timespec_is_normalised(a) || !timespec_is_normalised(b))
@@ -52,25 +36,6 @@ int timespec_diff(const timespec *a, const timespec *b, timespec *out)
     }
     out->tv_sec = sec;
     out->tv_nsec = nsec;
-    return 0;
-}
-
-int timespec_to_ns(const timespec *t, int64_t *ns)
-{
-    if (!ns || !timespec_is_normalised(t))
-        return -EINVAL;
-    // For negative seconds, borrow one second first so that the most negative
-    // count (whose seconds alone overflow) still converts.
-    int64_t sec = t->tv_sec;
-    int64_t nsec = t->tv_nsec;
-    if (sec < 0) {
-        sec += 1;
-        nsec -= kNsPerSec;
-    }
-    int64_t v;
-    if (__builtin_mul_overflow(sec, kNsPerSec, &v) || __builtin_add_overflow(v, nsec, &v))
-        return -EOVERFLOW;
-    *ns = v;
     return 0;
 }
 
@@ -129,18 +94,4 @@ int elapsed_since(const timespec *since, timespec *elapsed)
     if (r < 0)
         return r;
     return timespec_diff(&now, since, elapsed);
-}
-
-int duration_in_us(const timespec *duration, uint64_t *us)
-{
-    if (!us || !timespec_is_normalised(duration))
-        return -EINVAL;
-    if (duration->tv_sec < 0)
-        return -ERANGE;
-    uint64_t v;
-    if (__builtin_mul_overflow(uint64_t(duration->tv_sec), uint64_t(kUsPerSec), &v) ||
-        __builtin_add_overflow(v, uint64_t(duration->tv_nsec) / 1000, &v))
-        return -EOVERFLOW;
-    *us = v;
-    return 0;
 }
