@@ -802,6 +802,12 @@ struct scatter_run {
     uint32_t len;
 };
 
+// A sample as a read hands it out: its image and its time.
+struct handed {
+    const uint8_t *image;
+    const timespec *time;
+};
+
 struct consumer_section {
     char name[kTlmNameMax + 1];
     char path[512]; // the section's file, fixed at registration
@@ -837,7 +843,7 @@ struct consumer_section {
     uint64_t *image_sample; // n + 1 of the sample in the image, 0 for none
     timespec *image_time;
     // A read's samples, latest first: the image each is handed out from.
-    uint32_t *handout;
+    handed *handout;
 };
 
 } // namespace
@@ -1023,42 +1029,42 @@ int copy_image(const shm_consumer *c, consumer_section &s, uint64_t n, uint32_t 
 }
 
 // Sample n of section s in its image, copied from the ring unless an
-// earlier read did: 0 and the image in *at, or -EAGAIN.
-inline int image_of(const shm_consumer *c, consumer_section &s, uint64_t n, uint32_t *at)
+// earlier read did: 0 and the image in *out, or -EAGAIN.
+inline int image_of(const shm_consumer *c, consumer_section &s, uint64_t n, handed *out)
 {
-    *at = uint32_t(n % s.capacity);
-    return s.image_sample[*at] == n + 1 ? 0 : copy_image(c, s, n, *at);
+    const uint32_t at = uint32_t(n % s.capacity);
+    *out = {s.images + at * c->image_size, &s.image_time[at]};
+    return s.image_sample[at] == n + 1 ? 0 : copy_image(c, s, n, at);
 }
 
 // One run's bytes of each handed-out sample, sample k at k strides.
 template <uint32_t Len>
-void scatter_samples(const shm_consumer *c, const consumer_section &s, const scatter_run &run, uint32_t count)
+void scatter_samples(const consumer_section &s, const scatter_run &run, uint32_t count)
 {
     uint8_t *to = run.destination;
-    const uint8_t *from = s.images + run.from;
-    const size_t image_size = c->image_size;
     const size_t stride = run.stride;
+    const uint32_t from = run.from;
     const uint32_t len = Len ? Len : run.len;
-    for (uint32_t k = 0; k < count; k++, to += stride)
-        memcpy(to, from + s.handout[k] * image_size, len);
+    for (const handed *h = s.handout, *end = h + count; h < end; h++, to += stride)
+        memcpy(to, h->image + from, len);
 }
 
 // Hands the images of a read's count samples out to the section's
 // destinations. Most runs are a field or two of four or eight bytes.
-void hand_out(const shm_consumer *c, const consumer_section &s, uint32_t count)
+void hand_out(const consumer_section &s, uint32_t count)
 {
     for (const scatter_run *run = s.scatters, *end = run + s.scatter_count; run < end; run++) {
         switch (run->len) {
-        case 4: scatter_samples<4>(c, s, *run, count); break;
-        case 8: scatter_samples<8>(c, s, *run, count); break;
-        case 12: scatter_samples<12>(c, s, *run, count); break;
-        case 16: scatter_samples<16>(c, s, *run, count); break;
-        default: scatter_samples<0>(c, s, *run, count); break;
+        case 4: scatter_samples<4>(s, *run, count); break;
+        case 8: scatter_samples<8>(s, *run, count); break;
+        case 12: scatter_samples<12>(s, *run, count); break;
+        case 16: scatter_samples<16>(s, *run, count); break;
+        default: scatter_samples<0>(s, *run, count); break;
         }
     }
     for (uint32_t i = 0; i < s.stamp_count; i++)
         for (uint32_t k = 0; k < count; k++)
-            s.stamps[i][k] = s.image_time[s.handout[k]];
+            s.stamps[i][k] = *s.handout[k].time;
 }
 
 // A writer laps a reader only when the ring turns over during one copy;
@@ -1091,9 +1097,9 @@ int read_section(shm_consumer *c, uint32_t index, uint32_t before, timespec *ts)
     while (got < before && got < latest && got + 1 < s.view.sample_count &&
            image_of(c, s, latest - got - 1, &s.handout[got + 1]) == 0)
         got++;
-    hand_out(c, s, got + 1);
+    hand_out(s, got + 1);
     if (ts)
-        *ts = s.image_time[s.handout[0]];
+        *ts = *s.handout[0].time;
     return int(got);
 }
 
@@ -1244,7 +1250,7 @@ int consumer_complete(shm_consumer *consumer)
         s.images = static_cast<uint8_t *>(calloc(s.capacity, total));
         s.image_sample = static_cast<uint64_t *>(calloc(s.capacity, sizeof(uint64_t)));
         s.image_time = static_cast<timespec *>(calloc(s.capacity, sizeof(timespec)));
-        s.handout = static_cast<uint32_t *>(calloc(s.capacity, sizeof(uint32_t)));
+        s.handout = static_cast<handed *>(calloc(s.capacity, sizeof(handed)));
         if (!s.gathers || !s.scatters || !s.stamps || !s.images || !s.image_sample || !s.image_time || !s.handout)
             return -ENOMEM;
         for (size_t j = 0; j < consumer->field_count; j++) {
