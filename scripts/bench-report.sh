@@ -587,20 +587,24 @@ $(callgrind_top_own "$work/callgrind.own_step" "$(value cycles "$work/cg-own_ste
 
 The largest part is the IMU batch's arithmetic, in \`imu_read\` and the
 helpers it inlines (whose lines the table counts under their own headers,
-in the rest): five scans converted, each vector turned into the vehicle's
-axes (nine products in single precision) and corrected (nine more in
-double), about 1,700 instructions a batch in all. The 24 thermal
+in the rest): five scans read as their values lie (the usual 16-bit
+vectors and temperature, a 64-bit timestamp; any other format through the
+channel's decoder), each vector turned into the vehicle's axes (nine
+products in single precision) and corrected (nine more in double), about
+1,450 instructions a batch in all. The 24 thermal
 polynomials (\`imu_calib_terms_at\`) are evaluated again only when the
 batch's mean temperature has moved since the last evaluation: a die warms
-far more slowly than batches come. Then the telemetry readers' hand-outs
-(\`read_sample\`): the gimbal's latest five samples every cycle, whether or
-not new ones came, and the vision readers' latest sample, copied field by
-field into the record. Each sample is copied out of the ring once, when it
-is first read; later cycles hand it out from the reader's copy. The motor
-controller's sample (\`fetch\`: sixteen channels converted) and the frame's
-calls make most of the rest. Each channel's place in a scan is resolved
-once, when its buffer is made: libiio is not asked for it every cycle (its
-\`iio_buffer_first\` costs about 140 instructions a call, in libiio's row).
+far more slowly than batches come. Then the telemetry readers
+(\`read_section\`): the gimbal's latest five samples every cycle, whether or
+not new ones came, and the vision readers' latest sample, copied run by run
+into the record (fields that lie end to end in both are one copy). Each
+sample is copied out of the ring once, when it is first read; later cycles
+hand it out from the reader's copy. The motor controller's sample
+(\`fetch\`: sixteen channels, read as they lie in the controller's usual
+format) and the frame's calls make most of the rest. Each channel's place
+in a scan is resolved once, when its buffer is made: libiio is not asked for
+it every cycle (its \`iio_buffer_first\` costs about 140 instructions a
+call, in libiio's row).
 
 **How the waits are separated.** \`bench/cycle_meter\` makes each cycle two
 calls: \`imu_wait\` (libiio's refill of the IMU buffer: blocked until the
