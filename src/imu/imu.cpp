@@ -169,40 +169,31 @@ struct scan_counts {
     size_t accel, gyro, temp, timestamp; // scans holding a value of each
 };
 
-// The scans of a batch, each channel through its decoder, as far as it
-// holds values.
+// The scans of a batch, each channel as far as it holds values. Plain: the
+// usual layout, every channel in every scan, its values read as they lie
+// (as the decoders would give them); otherwise through the decoders.
+template <bool Plain>
 void read_scans(const imu_ctx &imu, const char *const p[CHANNEL_COUNT], ptrdiff_t step, const scan_counts &n,
                 sensors_imu_data &d)
 {
     const size_t scans = std::max({n.accel, n.gyro, n.temp, n.timestamp});
     for (size_t k = 0; k < scans; k++) {
         const ptrdiff_t at = ptrdiff_t(k) * step;
-        if (k < n.accel) {
+        if (Plain || k < n.accel) {
             read_vector(imu, ACCEL_X, p, at, imu.accel_scale, d.accel[k]);
             d.sample_flags[k] = 0;
         }
-        if (k < n.gyro)
+        if (Plain || k < n.gyro)
             read_vector(imu, ANGLVEL_X, p, at, imu.gyro_scale, d.gyro[k]);
-        if (k < n.temp)
-            d.temperature[k] = temperature_of(imu, float(channel_decode(imu.decoders[TEMP], p[TEMP] + at)));
-        if (k < n.timestamp)
-            d.timestamps[k] = ns_to_timespec(channel_decode(imu.decoders[TIMESTAMP], p[TIMESTAMP] + at));
-    }
-}
-
-// The scans of a batch in the usual layout, every channel holding a value
-// in each of them: the values as they lie, converted as read_vector and the
-// decoders would.
-void read_plain_scans(const imu_ctx &imu, const char *const p[CHANNEL_COUNT], ptrdiff_t step, size_t scans,
-                      sensors_imu_data &d)
-{
-    for (size_t k = 0; k < scans; k++) {
-        const ptrdiff_t at = ptrdiff_t(k) * step;
-        read_vector(imu, ACCEL_X, p, at, imu.accel_scale, d.accel[k]);
-        d.sample_flags[k] = 0;
-        read_vector(imu, ANGLVEL_X, p, at, imu.gyro_scale, d.gyro[k]);
-        d.temperature[k] = temperature_of(imu, float(load_unaligned<int16_t>(p[TEMP] + at)));
-        d.timestamps[k] = ns_to_timespec(load_unaligned<int64_t>(p[TIMESTAMP] + at));
+        if constexpr (Plain) {
+            d.temperature[k] = temperature_of(imu, float(load_unaligned<int16_t>(p[TEMP] + at)));
+            d.timestamps[k] = ns_to_timespec(load_unaligned<int64_t>(p[TIMESTAMP] + at));
+        } else {
+            if (k < n.temp)
+                d.temperature[k] = temperature_of(imu, float(channel_decode(imu.decoders[TEMP], p[TEMP] + at)));
+            if (k < n.timestamp)
+                d.timestamps[k] = ns_to_timespec(channel_decode(imu.decoders[TIMESTAMP], p[TIMESTAMP] + at));
+        }
     }
 }
 
@@ -373,10 +364,11 @@ extern "C" int imu_read(imu_ctx *imu, uint32_t *updated)
     // Scan by scan: each channel's values lie one step apart.
     const size_t scans = std::max({accel_count, gyro_count, temp_count, ts_count});
     const bool whole = accel_count == scans && gyro_count == scans && temp_count == scans && ts_count == scans;
+    const scan_counts counts{accel_count, gyro_count, temp_count, ts_count};
     if (imu->plain && whole)
-        read_plain_scans(*imu, p, step, scans, d);
+        read_scans<true>(*imu, p, step, counts, d);
     else
-        read_scans(*imu, p, step, {accel_count, gyro_count, temp_count, ts_count}, d);
+        read_scans<false>(*imu, p, step, counts, d);
     if (LOG_DEBUG <= g_log_ceiling.load(std::memory_order_relaxed)) {
         for (size_t k = 0; k < accel_count; k++)
             log_msg(kTag, LOG_DEBUG, "Accel\t%+f\t%+f\t%+f", d.accel[k][0], d.accel[k][1], d.accel[k][2]);

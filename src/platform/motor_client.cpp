@@ -159,9 +159,11 @@ int fetch(motor_client *client, sample *out)
             client,
             [&](channel_index c) -> int64_t {
                 const char *at = scan + client->decoders[c].offset;
-                if (c < PWM0 || c == VOLTAGE)
-                    return load_unaligned<uint16_t>(at);
-                return c == TIMESTAMP ? load_unaligned<int64_t>(at) : load_unaligned<uint8_t>(at);
+                switch (usual_kind(c)) {
+                case channel_decoder::u16: return load_unaligned<uint16_t>(at);
+                case channel_decoder::whole64: return load_unaligned<int64_t>(at);
+                default: return load_unaligned<uint8_t>(at);
+                }
             },
             out);
     } else {
