@@ -139,25 +139,33 @@ size_t scans_holding(const char *first, const char *end, ptrdiff_t step, uint32_
     return scans < fifo_size ? scans : fifo_size;
 }
 
-// One scan's vector of a three-axis group (at bytes into the batch), scaled:
-// read as the values lie in the usual layout (two bytes each, all of them
-// the value), else through the channels' format.
-inline void read_vector(const imu_ctx &imu, channel_index first, const char *const p[CHANNEL_COUNT], ptrdiff_t at,
-                        double scale, float out[3])
+// A vector's three values, scaled.
+inline void scale_vector(int16_t x, int16_t y, int16_t z, double scale, float out[3])
 {
-    int16_t x, y, z;
-    if (imu.in_place) {
-        memcpy(&x, p[first] + at, 2);
-        memcpy(&y, p[first + 1] + at, 2);
-        memcpy(&z, p[first + 2] + at, 2);
-    } else {
-        x = int16_t(channel_decode(imu.decoders[first], p[first] + at));
-        y = int16_t(channel_decode(imu.decoders[first + 1], p[first + 1] + at));
-        z = int16_t(channel_decode(imu.decoders[first + 2], p[first + 2] + at));
-    }
     out[0] = float(double(x) * scale);
     out[1] = float(double(y) * scale);
     out[2] = float(double(z) * scale);
+}
+
+// One scan's vector of a three-axis group (at bytes into the batch), scaled,
+// read as the values lie in the usual layout: two bytes each, all of them
+// the value.
+inline void read_plain_vector(channel_index first, const char *const p[CHANNEL_COUNT], ptrdiff_t at, double scale,
+                              float out[3])
+{
+    scale_vector(load_unaligned<int16_t>(p[first] + at), load_unaligned<int16_t>(p[first + 1] + at),
+                 load_unaligned<int16_t>(p[first + 2] + at), scale, out);
+}
+
+// The same through the channels' format, unless it is the usual one.
+void read_vector(const imu_ctx &imu, channel_index first, const char *const p[CHANNEL_COUNT], ptrdiff_t at,
+                 double scale, float out[3])
+{
+    if (imu.in_place)
+        return read_plain_vector(first, p, at, scale, out);
+    scale_vector(int16_t(channel_decode(imu.decoders[first], p[first] + at)),
+                 int16_t(channel_decode(imu.decoders[first + 1], p[first + 1] + at)),
+                 int16_t(channel_decode(imu.decoders[first + 2], p[first + 2] + at)), scale, out);
 }
 
 float temperature_of(const imu_ctx &imu, float raw)
@@ -169,32 +177,99 @@ struct scan_counts {
     size_t accel, gyro, temp, timestamp; // scans holding a value of each
 };
 
-// The scans of a batch, each channel as far as it holds values. Plain: the
-// usual layout, every channel in every scan, its values read as they lie
-// (as the decoders would give them); otherwise through the decoders.
-template <bool Plain>
+// The scans of a batch through the decoders, each channel as far as it holds
+// values.
 void read_scans(const imu_ctx &imu, const char *const p[CHANNEL_COUNT], ptrdiff_t step, const scan_counts &n,
                 sensors_imu_data &d)
 {
     const size_t scans = std::max({n.accel, n.gyro, n.temp, n.timestamp});
     for (size_t k = 0; k < scans; k++) {
         const ptrdiff_t at = ptrdiff_t(k) * step;
-        if (Plain || k < n.accel) {
+        if (k < n.accel) {
             read_vector(imu, ACCEL_X, p, at, imu.accel_scale, d.accel[k]);
             d.sample_flags[k] = 0;
         }
-        if (Plain || k < n.gyro)
+        if (k < n.gyro)
             read_vector(imu, ANGLVEL_X, p, at, imu.gyro_scale, d.gyro[k]);
-        if constexpr (Plain) {
-            d.temperature[k] = temperature_of(imu, float(load_unaligned<int16_t>(p[TEMP] + at)));
-            d.timestamps[k] = ns_to_timespec(load_unaligned<int64_t>(p[TIMESTAMP] + at));
-        } else {
-            if (k < n.temp)
-                d.temperature[k] = temperature_of(imu, float(channel_decode(imu.decoders[TEMP], p[TEMP] + at)));
-            if (k < n.timestamp)
-                d.timestamps[k] = ns_to_timespec(channel_decode(imu.decoders[TIMESTAMP], p[TIMESTAMP] + at));
-        }
+        if (k < n.temp)
+            d.temperature[k] = temperature_of(imu, float(channel_decode(imu.decoders[TEMP], p[TEMP] + at)));
+        if (k < n.timestamp)
+            d.timestamps[k] = ns_to_timespec(channel_decode(imu.decoders[TIMESTAMP], p[TIMESTAMP] + at));
     }
+}
+
+// The temperatures and times of a whole batch in the usual layout, read as
+// they lie (as the decoders would give them). Its vectors come after: their
+// thermal correction needs the batch's mean temperature.
+void read_plain_stamps(const imu_ctx &imu, const char *const p[CHANNEL_COUNT], ptrdiff_t step, size_t scans,
+                       sensors_imu_data &d)
+{
+    for (size_t k = 0; k < scans; k++) {
+        const ptrdiff_t at = ptrdiff_t(k) * step;
+        d.sample_flags[k] = 0;
+        d.temperature[k] = temperature_of(imu, float(load_unaligned<int16_t>(p[TEMP] + at)));
+        d.timestamps[k] = ns_to_timespec(load_unaligned<int64_t>(p[TIMESTAMP] + at));
+    }
+}
+
+// Where the turn into the vehicle's axes comes: before the thermal
+// correction, after it, or nowhere.
+enum class turn { before, after, none };
+
+turn turn_of(const sensors_imu_config &config)
+{
+    return !config.rotation_enabled ? turn::none : config.rotation_after_calib ? turn::after : turn::before;
+}
+
+// One vector turned and corrected, in the configured order.
+template <turn T>
+inline void settle(float v[3], const float rotation[9], const double bias[3], const double m[3][3])
+{
+    if constexpr (T == turn::before)
+        vector_rotate(v, rotation);
+    imu_calib_correct(v, bias, m);
+    if constexpr (T == turn::after)
+        vector_rotate(v, rotation);
+}
+
+// The batch's n vectors of each kind, read, settled in place.
+template <turn T>
+void settle_read(const imu_ctx &imu, sensors_imu_data &d, unsigned n)
+{
+    const imu_calib_terms &t = imu.terms;
+    for (unsigned i = 0; i < n; i++) {
+        settle<T>(d.accel[i], imu.accel_matrix, t.accel_bias, t.accel_matrix);
+        settle<T>(d.gyro[i], imu.gyro_matrix, t.gyro_bias, t.gyro_matrix);
+    }
+}
+
+// The n vectors of each kind of a whole batch in the usual layout, each
+// read, settled and stored in one go.
+template <turn T>
+void settle_plain(const imu_ctx &imu, const char *const p[CHANNEL_COUNT], ptrdiff_t step, unsigned n,
+                  sensors_imu_data &d)
+{
+    const imu_calib_terms &t = imu.terms;
+    for (unsigned k = 0; k < n; k++) {
+        const ptrdiff_t at = ptrdiff_t(k) * step;
+        float accel[3], gyro[3];
+        read_plain_vector(ACCEL_X, p, at, imu.accel_scale, accel);
+        read_plain_vector(ANGLVEL_X, p, at, imu.gyro_scale, gyro);
+        settle<T>(accel, imu.accel_matrix, t.accel_bias, t.accel_matrix);
+        settle<T>(gyro, imu.gyro_matrix, t.gyro_bias, t.gyro_matrix);
+        memcpy(d.accel[k], accel, sizeof accel);
+        memcpy(d.gyro[k], gyro, sizeof gyro);
+    }
+}
+
+template <turn T>
+void settle_batch(const imu_ctx &imu, const char *const p[CHANNEL_COUNT], ptrdiff_t step, bool read, unsigned n,
+                  sensors_imu_data &d)
+{
+    if (read)
+        settle_plain<T>(imu, p, step, n, d);
+    else
+        settle_read<T>(imu, d, n);
 }
 
 } // namespace
@@ -364,12 +439,15 @@ extern "C" int imu_read(imu_ctx *imu, uint32_t *updated)
     // Scan by scan: each channel's values lie one step apart.
     const size_t scans = std::max({accel_count, gyro_count, temp_count, ts_count});
     const bool whole = accel_count == scans && gyro_count == scans && temp_count == scans && ts_count == scans;
-    const scan_counts counts{accel_count, gyro_count, temp_count, ts_count};
-    if (imu->plain && whole)
-        read_scans<true>(*imu, p, step, counts, d);
+    // A whole batch in the usual layout has its vectors read as they are
+    // settled, unless they are to be logged as read.
+    const bool debug = LOG_DEBUG <= g_log_ceiling.load(std::memory_order_relaxed);
+    const bool plain = imu->plain && whole && !debug;
+    if (plain)
+        read_plain_stamps(*imu, p, step, scans, d);
     else
-        read_scans<false>(*imu, p, step, counts, d);
-    if (LOG_DEBUG <= g_log_ceiling.load(std::memory_order_relaxed)) {
+        read_scans(*imu, p, step, {accel_count, gyro_count, temp_count, ts_count}, d);
+    if (debug) {
         for (size_t k = 0; k < accel_count; k++)
             log_msg(kTag, LOG_DEBUG, "Accel\t%+f\t%+f\t%+f", d.accel[k][0], d.accel[k][1], d.accel[k][2]);
         for (size_t k = 0; k < gyro_count; k++)
@@ -398,25 +476,10 @@ extern "C" int imu_read(imu_ctx *imu, uint32_t *updated)
             imu->has_terms = true;
         }
     }
-    const imu_calib_terms &terms = imu->terms;
-    auto correct = [&](unsigned i) {
-        imu_calib_correct(d.gyro[i], terms.gyro_bias, terms.gyro_matrix);
-        imu_calib_correct(d.accel[i], terms.accel_bias, terms.accel_matrix);
-    };
-    if (imu->config->rotation_enabled && !imu->config->rotation_after_calib) {
-        for (unsigned i = 0; i < n; i++) {
-            vector_rotate(d.accel[i], imu->accel_matrix);
-            vector_rotate(d.gyro[i], imu->gyro_matrix);
-            correct(i);
-        }
-    } else {
-        for (unsigned i = 0; i < n; i++) {
-            correct(i);
-            if (imu->config->rotation_enabled) {
-                vector_rotate(d.accel[i], imu->accel_matrix);
-                vector_rotate(d.gyro[i], imu->gyro_matrix);
-            }
-        }
+    switch (turn_of(*imu->config)) {
+    case turn::before: settle_batch<turn::before>(*imu, p, step, plain, n, d); break;
+    case turn::after: settle_batch<turn::after>(*imu, p, step, plain, n, d); break;
+    case turn::none: settle_batch<turn::none>(*imu, p, step, plain, n, d); break;
     }
     // The record's slots beyond the batch are turned too, as the whole
     // record always was.

@@ -217,6 +217,11 @@ TEST_F(ImuTest, CalibrationActsOnVehicleAxesUnlessRotationComesAfterIt)
     EXPECT_NEAR(sensor_axes - vehicle_axes, 2.0, 0.05);
     config_.rotation_enabled = 0; // calibrated only: raw - 1
     EXPECT_NEAR(mean_accel_y() + sensor_axes, 0.0, 0.05);
+    // The same order when each batch is logged as read before it is settled.
+    ASSERT_EQ(log_set_levels("info,imu=debug"), 0);
+    config_.rotation_enabled = 1;
+    config_.rotation_after_calib = 1;
+    EXPECT_NEAR(mean_accel_y(), sensor_axes, 0.05);
 }
 
 } // namespace
