@@ -5,6 +5,7 @@
 // that can tell whether anything waits, all in one poll). The frame
 // allocates nothing here and formats text only when it logs.
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
 
 #include <sensors/baro_magneto.h>
@@ -22,58 +23,65 @@
 
 namespace {
 
-using enabled_fn = bool (*)(const sensors_config &);
+// The enabled flag at byte at of the configuration: each row names its
+// sensor's by offset, read in place rather than through a call.
+bool enabled(const sensors_config &config, size_t at)
+{
+    int32_t flag;
+    memcpy(&flag, reinterpret_cast<const char *>(&config) + at, sizeof flag);
+    return flag != 0;
+}
 
 // Sensors polled after the IMU whose failure is logged and the cycle goes on,
 // in this order.
 struct poll_row {
-    enabled_fn enabled;
+    size_t flag; // the sensor's enabled flag
     int (*read)(sensors_orlune_ctx *, uint32_t *mask);
     const char *failure; // one %s: strerror of the result
 };
 
 constexpr poll_row kPoll[] = {
-    {[](const sensors_config &c) { return c.baro.enabled != 0; },
+    {offsetof(sensors_config, baro.enabled),
      [](sensors_orlune_ctx *x, uint32_t *m) { return barometer_read(x->baro, m); }, "barometer read failed: %s"},
     // The magnetometer is corrected at the barometer's temperature of this
     // cycle (stale or zero when the barometer delivered nothing).
-    {[](const sensors_config &c) { return c.magneto.enabled != 0; },
+    {offsetof(sensors_config, magneto.enabled),
      [](sensors_orlune_ctx *x, uint32_t *m) { return magneto_read(x->magneto, m, x->record->baro.temperature); },
      "magnetometer read failed: %s"},
-    {[](const sensors_config &c) { return c.gps.enabled != 0; },
+    {offsetof(sensors_config, gps.enabled),
      [](sensors_orlune_ctx *x, uint32_t *m) { return gps_read(x->gps, m); }, "gps read failed: %s"},
-    {[](const sensors_config &c) { return c.ultrasound.enabled != 0; },
+    {offsetof(sensors_config, ultrasound.enabled),
      [](sensors_orlune_ctx *x, uint32_t *m) { return us_read(x->us, m); }, "us read failed: %s"},
-    {[](const sensors_config &c) { return c.carpet_detection.enabled != 0; },
+    {offsetof(sensors_config, carpet_detection.enabled),
      [](sensors_orlune_ctx *x, uint32_t *m) { return carpet_detection_read(x->carpet, m); }, "carpet read failed: %s"},
-    {[](const sensors_config &c) { return c.vcam_position.enabled != 0; },
+    {offsetof(sensors_config, vcam_position.enabled),
      [](sensors_orlune_ctx *x, uint32_t *m) { return vision_position_read(x->vision_position, m); },
      "vcam_position read failed: %s"},
-    {[](const sensors_config &c) { return c.vcam_optical_flow.enabled != 0; },
+    {offsetof(sensors_config, vcam_optical_flow.enabled),
      [](sensors_orlune_ctx *x, uint32_t *m) { return vision_optical_flow_read(x->optical_flow, m); },
      "vision_optical_flow read failed: %s"},
 };
 
 struct push_row {
-    enabled_fn enabled;
+    size_t flag; // the sensor's enabled flag
     uint32_t bit;
     int (*push)(sensors_orlune_ctx *);
 };
 
 constexpr push_row kPush[] = {
-    {[](const sensors_config &c) { return c.imu.enabled != 0; }, SENSORS_UPDATED_IMU,
+    {offsetof(sensors_config, imu.enabled), SENSORS_UPDATED_IMU,
      [](sensors_orlune_ctx *x) { return imu_tlm_push(x->imu); }},
-    {[](const sensors_config &c) { return c.baro.enabled != 0; }, SENSORS_UPDATED_BARO,
+    {offsetof(sensors_config, baro.enabled), SENSORS_UPDATED_BARO,
      [](sensors_orlune_ctx *x) { return barometer_tlm_push(x->baro); }},
-    {[](const sensors_config &c) { return c.magneto.enabled != 0; }, SENSORS_UPDATED_MAGNETO,
+    {offsetof(sensors_config, magneto.enabled), SENSORS_UPDATED_MAGNETO,
      [](sensors_orlune_ctx *x) { return magneto_tlm_push(x->magneto); }},
-    {[](const sensors_config &c) { return c.ultrasound.enabled != 0; }, SENSORS_UPDATED_US,
+    {offsetof(sensors_config, ultrasound.enabled), SENSORS_UPDATED_US,
      [](sensors_orlune_ctx *x) { return us_tlm_push(x->us); }},
-    {[](const sensors_config &c) { return c.gps.enabled != 0; }, SENSORS_UPDATED_GPS,
+    {offsetof(sensors_config, gps.enabled), SENSORS_UPDATED_GPS,
      [](sensors_orlune_ctx *x) { return gps_tlm_push(x->gps); }},
-    {[](const sensors_config &c) { return c.bldc.enabled != 0; }, SENSORS_UPDATED_MOTORS,
+    {offsetof(sensors_config, bldc.enabled), SENSORS_UPDATED_MOTORS,
      [](sensors_orlune_ctx *x) { return bldc_cypress_tlm_push_motors(x->bldc); }},
-    {[](const sensors_config &c) { return c.battery.enabled != 0; }, SENSORS_UPDATED_BATTERY,
+    {offsetof(sensors_config, battery.enabled), SENSORS_UPDATED_BATTERY,
      [](sensors_orlune_ctx *x) { return battery_tlm_push(x->battery); }},
 };
 
@@ -139,7 +147,7 @@ int sensors_orlune_read(sensors_data *record, sensors_orlune_ctx *ctx)
     ready_poll(hints, hint_count);
 
     for (const poll_row &row : kPoll) {
-        if (!row.enabled(config))
+        if (!enabled(config, row.flag))
             continue;
         int r = row.read(ctx, mask);
         if (r < 0)
@@ -199,7 +207,7 @@ int sensors_orlune_tlm_write(sensors_orlune_ctx *ctx)
         return 0;
     uint32_t updated = ctx->record->updated_sensors;
     for (const push_row &row : kPush)
-        if ((updated & row.bit) && row.enabled(*ctx->config))
+        if ((updated & row.bit) && enabled(*ctx->config, row.flag))
             row.push(ctx);
     return 0;
 }
