@@ -61,8 +61,9 @@ struct imu_ctx {
     float accel_matrix[9];
     // The six vector channels are plain 16-bit values, read as they lie.
     bool in_place;
-    // And the temperature a signed 16-bit value, the timestamp 64 bits: the
-    // usual layout, whose scans are read without asking the decoders.
+    // And the temperature a signed 16-bit value, the timestamp 64 bits, all
+    // of them at a known place in the scan: the usual layout, whose scans
+    // are read without asking the decoders.
     bool plain;
     imu_calib *calibration;
     // The calibration's terms at the temperature of the batch they were
@@ -147,22 +148,15 @@ inline void scale_vector(int16_t x, int16_t y, int16_t z, double scale, float ou
     out[2] = float(double(z) * scale);
 }
 
-// One scan's vector of a three-axis group (at bytes into the batch), scaled,
-// read as the values lie in the usual layout: two bytes each, all of them
-// the value.
-inline void read_plain_vector(channel_index first, const char *const p[CHANNEL_COUNT], ptrdiff_t at, double scale,
-                              float out[3])
-{
-    scale_vector(load_unaligned<int16_t>(p[first] + at), load_unaligned<int16_t>(p[first + 1] + at),
-                 load_unaligned<int16_t>(p[first + 2] + at), scale, out);
-}
-
-// The same through the channels' format, unless it is the usual one.
+// One scan's vector of a three-axis group (at bytes into the batch), scaled:
+// read as the values lie in the usual layout (two bytes each, all of them
+// the value), else through the channels' format.
 void read_vector(const imu_ctx &imu, channel_index first, const char *const p[CHANNEL_COUNT], ptrdiff_t at,
                  double scale, float out[3])
 {
     if (imu.in_place)
-        return read_plain_vector(first, p, at, scale, out);
+        return scale_vector(load_unaligned<int16_t>(p[first] + at), load_unaligned<int16_t>(p[first + 1] + at),
+                            load_unaligned<int16_t>(p[first + 2] + at), scale, out);
     scale_vector(int16_t(channel_decode(imu.decoders[first], p[first] + at)),
                  int16_t(channel_decode(imu.decoders[first + 1], p[first + 1] + at)),
                  int16_t(channel_decode(imu.decoders[first + 2], p[first + 2] + at)), scale, out);
@@ -198,17 +192,40 @@ void read_scans(const imu_ctx &imu, const char *const p[CHANNEL_COUNT], ptrdiff_
     }
 }
 
-// The temperatures and times of a whole batch in the usual layout, read as
-// they lie (as the decoders would give them). Its vectors come after: their
-// thermal correction needs the batch's mean temperature.
-void read_plain_stamps(const imu_ctx &imu, const char *const p[CHANNEL_COUNT], ptrdiff_t step, size_t scans,
-                       sensors_imu_data &d)
+// A whole batch in the usual layout, every channel in every scan at its
+// place: the number of scans the batch's data holds whole, or 0 for any
+// other batch.
+size_t plain_scans(const imu_ctx &imu, const char *start, const char *end, ptrdiff_t step)
 {
-    for (size_t k = 0; k < scans; k++) {
-        const ptrdiff_t at = ptrdiff_t(k) * step;
+    const ptrdiff_t bytes = end - start;
+    if (!imu.plain || step <= 0 || bytes <= 0 || bytes % step != 0)
+        return 0;
+    return std::min(size_t(bytes / step), size_t(imu.fifo_size));
+}
+
+// A value of a plain batch's scan.
+template <typename T>
+T plain_value(const imu_ctx &imu, const char *scan, channel_index c)
+{
+    return load_unaligned<T>(scan + imu.decoders[c].offset);
+}
+
+void read_plain_vector(const imu_ctx &imu, const char *scan, channel_index first, double scale, float out[3])
+{
+    scale_vector(plain_value<int16_t>(imu, scan, first), plain_value<int16_t>(imu, scan, channel_index(first + 1)),
+                 plain_value<int16_t>(imu, scan, channel_index(first + 2)), scale, out);
+}
+
+// The temperatures and times of a plain batch's scans, read as they lie (as
+// the decoders would give them). Its vectors come after: their thermal
+// correction needs the batch's mean temperature.
+void read_plain_stamps(const imu_ctx &imu, const char *start, ptrdiff_t step, size_t scans, sensors_imu_data &d)
+{
+    const char *scan = start;
+    for (size_t k = 0; k < scans; k++, scan += step) {
         d.sample_flags[k] = 0;
-        d.temperature[k] = temperature_of(imu, float(load_unaligned<int16_t>(p[TEMP] + at)));
-        d.timestamps[k] = ns_to_timespec(load_unaligned<int64_t>(p[TIMESTAMP] + at));
+        d.temperature[k] = temperature_of(imu, float(plain_value<int16_t>(imu, scan, TEMP)));
+        d.timestamps[k] = ns_to_timespec(plain_value<int64_t>(imu, scan, TIMESTAMP));
     }
 }
 
@@ -243,18 +260,17 @@ void settle_read(const imu_ctx &imu, sensors_imu_data &d, unsigned n)
     }
 }
 
-// The n vectors of each kind of a whole batch in the usual layout, each
-// read, settled and stored in one go.
+// The n vectors of each kind of a plain batch, each read, settled and
+// stored in one go.
 template <turn T>
-void settle_plain(const imu_ctx &imu, const char *const p[CHANNEL_COUNT], ptrdiff_t step, unsigned n,
-                  sensors_imu_data &d)
+void settle_plain(const imu_ctx &imu, const char *start, ptrdiff_t step, unsigned n, sensors_imu_data &d)
 {
     const imu_calib_terms &t = imu.terms;
-    for (unsigned k = 0; k < n; k++) {
-        const ptrdiff_t at = ptrdiff_t(k) * step;
+    const char *scan = start;
+    for (unsigned k = 0; k < n; k++, scan += step) {
         float accel[3], gyro[3];
-        read_plain_vector(ACCEL_X, p, at, imu.accel_scale, accel);
-        read_plain_vector(ANGLVEL_X, p, at, imu.gyro_scale, gyro);
+        read_plain_vector(imu, scan, ACCEL_X, imu.accel_scale, accel);
+        read_plain_vector(imu, scan, ANGLVEL_X, imu.gyro_scale, gyro);
         settle<T>(accel, imu.accel_matrix, t.accel_bias, t.accel_matrix);
         settle<T>(gyro, imu.gyro_matrix, t.gyro_bias, t.gyro_matrix);
         memcpy(d.accel[k], accel, sizeof accel);
@@ -263,11 +279,10 @@ void settle_plain(const imu_ctx &imu, const char *const p[CHANNEL_COUNT], ptrdif
 }
 
 template <turn T>
-void settle_batch(const imu_ctx &imu, const char *const p[CHANNEL_COUNT], ptrdiff_t step, bool read, unsigned n,
-                  sensors_imu_data &d)
+void settle_batch(const imu_ctx &imu, const char *start, ptrdiff_t step, bool read, unsigned n, sensors_imu_data &d)
 {
     if (read)
-        settle_plain<T>(imu, p, step, n, d);
+        settle_plain<T>(imu, start, step, n, d);
     else
         settle_read<T>(imu, d, n);
 }
@@ -350,7 +365,9 @@ extern "C" imu_ctx *imu_new(const sensors_imu_config *config, iio_context *iio, 
             imu->in_place = imu->in_place && (d.kind == channel_decoder::s16 || d.kind == channel_decoder::u16);
     }
     imu->plain = imu->in_place && imu->decoders[TEMP].kind == channel_decoder::s16 &&
-                 imu->decoders[TIMESTAMP].kind == channel_decoder::whole64;
+                 imu->decoders[TIMESTAMP].kind == channel_decoder::whole64 &&
+                 std::all_of(std::begin(imu->decoders), std::end(imu->decoders),
+                             [](const channel_decoder &d) { return d.placed; });
 
     if (apply_scheduling(sched, *config) < 0)
         return nullptr;
@@ -428,25 +445,26 @@ extern "C" int imu_read(imu_ctx *imu, uint32_t *updated)
     const ptrdiff_t step = iio_buffer_step(buffer);
     const char *end = static_cast<const char *>(iio_buffer_end(buffer));
     const char *start = static_cast<const char *>(iio_buffer_start(buffer));
-    const char *p[CHANNEL_COUNT];
-    for (int c = 0; c < CHANNEL_COUNT; c++)
-        p[c] = buffer_first(buffer, start, imu->decoders[c]);
-    const size_t accel_count = scans_holding(p[ACCEL_X], end, step, imu->fifo_size);
-    const size_t gyro_count = scans_holding(p[ANGLVEL_X], end, step, imu->fifo_size);
-    const size_t temp_count = scans_holding(p[TEMP], end, step, imu->fifo_size);
-    const size_t ts_count = scans_holding(p[TIMESTAMP], end, step, imu->fifo_size);
-
-    // Scan by scan: each channel's values lie one step apart.
+    // A plain batch has its vectors read as they are settled, unless they
+    // are to be logged as read. Any other is read scan by scan, each
+    // channel as far as it holds values (one step apart).
+    const bool debug = LOG_DEBUG <= g_log_ceiling.load(std::memory_order_relaxed);
+    const size_t plain = debug ? 0 : plain_scans(*imu, start, end, step);
+    size_t accel_count = plain, gyro_count = plain, temp_count = plain, ts_count = plain;
+    if (plain) {
+        read_plain_stamps(*imu, start, step, plain, d);
+    } else {
+        const char *p[CHANNEL_COUNT];
+        for (int c = 0; c < CHANNEL_COUNT; c++)
+            p[c] = buffer_first(buffer, start, imu->decoders[c]);
+        accel_count = scans_holding(p[ACCEL_X], end, step, imu->fifo_size);
+        gyro_count = scans_holding(p[ANGLVEL_X], end, step, imu->fifo_size);
+        temp_count = scans_holding(p[TEMP], end, step, imu->fifo_size);
+        ts_count = scans_holding(p[TIMESTAMP], end, step, imu->fifo_size);
+        read_scans(*imu, p, step, {accel_count, gyro_count, temp_count, ts_count}, d);
+    }
     const size_t scans = std::max({accel_count, gyro_count, temp_count, ts_count});
     const bool whole = accel_count == scans && gyro_count == scans && temp_count == scans && ts_count == scans;
-    // A whole batch in the usual layout has its vectors read as they are
-    // settled, unless they are to be logged as read.
-    const bool debug = LOG_DEBUG <= g_log_ceiling.load(std::memory_order_relaxed);
-    const bool plain = imu->plain && whole && !debug;
-    if (plain)
-        read_plain_stamps(*imu, p, step, scans, d);
-    else
-        read_scans(*imu, p, step, {accel_count, gyro_count, temp_count, ts_count}, d);
     if (debug) {
         for (size_t k = 0; k < accel_count; k++)
             log_msg(kTag, LOG_DEBUG, "Accel\t%+f\t%+f\t%+f", d.accel[k][0], d.accel[k][1], d.accel[k][2]);
@@ -477,9 +495,9 @@ extern "C" int imu_read(imu_ctx *imu, uint32_t *updated)
         }
     }
     switch (turn_of(*imu->config)) {
-    case turn::before: settle_batch<turn::before>(*imu, p, step, plain, n, d); break;
-    case turn::after: settle_batch<turn::after>(*imu, p, step, plain, n, d); break;
-    case turn::none: settle_batch<turn::none>(*imu, p, step, plain, n, d); break;
+    case turn::before: settle_batch<turn::before>(*imu, start, step, plain, n, d); break;
+    case turn::after: settle_batch<turn::after>(*imu, start, step, plain, n, d); break;
+    case turn::none: settle_batch<turn::none>(*imu, start, step, plain, n, d); break;
     }
     // The record's slots beyond the batch are turned too, as the whole
     // record always was.

@@ -197,12 +197,20 @@ TEST_F(ImuTest, ShortBatchIsPublishedWithAWarning)
     EXPECT_THAT(messages("imu"), ElementsAre("4 samples count mismatch: nb_read:3, fifo_size:5"));
     // The mounting matrix (y and z negated) turns all five slots, the two
     // that the short batch left from the one before included.
-    for (int i = 3; i < 5; i++) {
-        SCOPED_TRACE(i);
-        EXPECT_THAT(data_.accel[i], ElementsAre(before.accel[i][0], -before.accel[i][1], -before.accel[i][2]));
-        EXPECT_THAT(data_.gyro[i], ElementsAre(before.gyro[i][0], -before.gyro[i][1], -before.gyro[i][2]));
-    }
+    auto expect_turned = [&](const sensors_imu_data &was, int from) {
+        for (int i = from; i < 5; i++) {
+            SCOPED_TRACE(i);
+            EXPECT_THAT(data_.accel[i], ElementsAre(was.accel[i][0], -was.accel[i][1], -was.accel[i][2]));
+            EXPECT_THAT(data_.gyro[i], ElementsAre(was.gyro[i][0], -was.gyro[i][1], -was.gyro[i][2]));
+        }
+    };
+    expect_turned(before, 3);
     EXPECT_EQ(imu_tlm_push(imu.get()), 0);
+    // Turning the record again on request turns every slot.
+    before = data_;
+    imu_rotate_data(imu.get());
+    expect_turned(before, 0);
+    imu_rotate_data(nullptr);
 }
 
 TEST_F(ImuTest, CalibrationActsOnVehicleAxesUnlessRotationComesAfterIt)
