@@ -51,7 +51,7 @@ expect "no kernel column" "\(kernel: not measured: --no-kernel\)\.$"
 # (callgrind counts, not times, so a short run gives them well) on either
 # transport. The budget is today's figure and some room for noise; it comes
 # down as the cycle does (docs/performance.md says where they go).
-budget=5500
+budget=4800
 own_row="^\| of which the plug-in's own code \(\`libsensors_orlune.so\`\) \| [0-9]+ \| ($board) \| - \|$"
 sys_row="^\| system calls without the IMU wait \(callgrind\) \|"
 expect "transports, own instructions" "$own_row"
