@@ -1092,10 +1092,12 @@ int read_section(shm_consumer *c, uint32_t index, uint32_t before, timespec *ts)
     }
     if (r < 0)
         return r;
+    // As many earlier samples as were asked for, written and held by the
+    // ring (a view holds at least one sample). An earlier sample
+    // overwritten meanwhile: the older ones are gone too.
+    const uint32_t earlier = uint32_t(std::min<uint64_t>({before, latest, s.view.sample_count - 1u}));
     uint32_t got = 0;
-    // An earlier sample overwritten meanwhile: the older ones are gone too.
-    while (got < before && got < latest && got + 1 < s.view.sample_count &&
-           image_of(c, s, latest - got - 1, &s.handout[got + 1]) == 0)
+    while (got < earlier && image_of(c, s, latest - got - 1, &s.handout[got + 1]) == 0)
         got++;
     hand_out(s, got + 1);
     if (ts)
