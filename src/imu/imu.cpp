@@ -148,15 +148,21 @@ inline void scale_vector(int16_t x, int16_t y, int16_t z, double scale, float ou
     out[2] = float(double(z) * scale);
 }
 
+// A vector's three values as they lie in the usual layout (two bytes each,
+// all of them the value), scaled.
+inline void load_vector(const char *x, const char *y, const char *z, double scale, float out[3])
+{
+    scale_vector(load_unaligned<int16_t>(x), load_unaligned<int16_t>(y), load_unaligned<int16_t>(z), scale, out);
+}
+
 // One scan's vector of a three-axis group (at bytes into the batch), scaled:
-// read as the values lie in the usual layout (two bytes each, all of them
-// the value), else through the channels' format.
+// read as the values lie in the usual layout, else through the channels'
+// format.
 void read_vector(const imu_ctx &imu, channel_index first, const char *const p[CHANNEL_COUNT], ptrdiff_t at,
                  double scale, float out[3])
 {
     if (imu.in_place)
-        return scale_vector(load_unaligned<int16_t>(p[first] + at), load_unaligned<int16_t>(p[first + 1] + at),
-                            load_unaligned<int16_t>(p[first + 2] + at), scale, out);
+        return load_vector(p[first] + at, p[first + 1] + at, p[first + 2] + at, scale, out);
     scale_vector(int16_t(channel_decode(imu.decoders[first], p[first] + at)),
                  int16_t(channel_decode(imu.decoders[first + 1], p[first + 1] + at)),
                  int16_t(channel_decode(imu.decoders[first + 2], p[first + 2] + at)), scale, out);
@@ -212,8 +218,8 @@ T plain_value(const imu_ctx &imu, const char *scan, channel_index c)
 
 void read_plain_vector(const imu_ctx &imu, const char *scan, channel_index first, double scale, float out[3])
 {
-    scale_vector(plain_value<int16_t>(imu, scan, first), plain_value<int16_t>(imu, scan, channel_index(first + 1)),
-                 plain_value<int16_t>(imu, scan, channel_index(first + 2)), scale, out);
+    const channel_decoder *d = &imu.decoders[first];
+    load_vector(scan + d[0].offset, scan + d[1].offset, scan + d[2].offset, scale, out);
 }
 
 // The temperatures and times of a plain batch's scans, read as they lie (as
@@ -279,9 +285,9 @@ void settle_plain(const imu_ctx &imu, const char *start, ptrdiff_t step, unsigne
 }
 
 template <turn T>
-void settle_batch(const imu_ctx &imu, const char *start, ptrdiff_t step, bool read, unsigned n, sensors_imu_data &d)
+void settle_batch(const imu_ctx &imu, const char *start, ptrdiff_t step, bool plain, unsigned n, sensors_imu_data &d)
 {
-    if (read)
+    if (plain)
         settle_plain<T>(imu, start, step, n, d);
     else
         settle_read<T>(imu, d, n);
@@ -495,9 +501,9 @@ extern "C" int imu_read(imu_ctx *imu, uint32_t *updated)
         }
     }
     switch (turn_of(*imu->config)) {
-    case turn::before: settle_batch<turn::before>(*imu, start, step, plain, n, d); break;
-    case turn::after: settle_batch<turn::after>(*imu, start, step, plain, n, d); break;
-    case turn::none: settle_batch<turn::none>(*imu, start, step, plain, n, d); break;
+    case turn::before: settle_batch<turn::before>(*imu, start, step, plain != 0, n, d); break;
+    case turn::after: settle_batch<turn::after>(*imu, start, step, plain != 0, n, d); break;
+    case turn::none: settle_batch<turn::none>(*imu, start, step, plain != 0, n, d); break;
     }
     // The record's slots beyond the batch are turned too, as the whole
     // record always was.
