@@ -150,8 +150,10 @@ TEST(HostStats, CycleStampsTheRowsAndAgesTheBatch)
               "imu age 0.50 ms median, 9.90 p99, 250.00 max; motor sample 3.00 ms after the batch (median)");
 }
 
-// The period is learnt from the first intervals; later gaps count k - 1
-// lost samples for k periods, jitter below half a period counts none.
+// The period is learnt from the first intervals; gaps count k - 1 lost
+// samples for k periods, jitter below half a period counts none. A gap
+// among the first intervals (a kernel buffer that filled before the first
+// read) is counted once the period is known.
 TEST(HostStats, ImuLossIsJudgedByTheTimestamps)
 {
     imu_continuity imu;
@@ -160,6 +162,15 @@ TEST(HostStats, ImuLossIsJudgedByTheTimestamps)
         t += step_ns;
         imu.add(timespec{time_t(t / 1'000'000'000), long(t % 1'000'000'000)});
     };
+    add(0);
+    add(1'000'000);
+    add(113'000'000); // 112 samples missing before the period is known
+    EXPECT_EQ(imu.lost(), 0u);
+    for (int i = 0; i < 100; i++)
+        add(1'000'000);
+    EXPECT_EQ(imu.period_s(), 0.001);
+    EXPECT_EQ(imu.lost(), 112u);
+    imu = imu_continuity{};
     for (int i = 0; i < 100; i++)
         add(1'000'000);
     EXPECT_EQ(imu.lost(), 0u);

@@ -24,15 +24,26 @@ void imu_continuity::add(const timespec &t)
         return;
     }
     last_ns_ = ns;
-    if (period_ns_ == 0) {
-        learning_.push_back(dt);
-        if (learning_.size() == kLearn) {
-            std::nth_element(learning_.begin(), learning_.begin() + kLearn / 2, learning_.end());
-            period_ns_ = learning_[kLearn / 2];
-            learning_.clear();
-        }
+    if (period_ns_ != 0) {
+        judge(dt);
         return;
     }
+    learning_.push_back(dt);
+    if (learning_.size() < kLearn)
+        return;
+    // The intervals learnt from are judged too: a host starts on a kernel
+    // buffer that filled before its first read, with the gap in its first
+    // batches.
+    std::vector<int64_t> sorted = learning_;
+    std::nth_element(sorted.begin(), sorted.begin() + kLearn / 2, sorted.end());
+    period_ns_ = sorted[kLearn / 2];
+    for (int64_t learnt : learning_)
+        judge(learnt);
+    learning_.clear();
+}
+
+void imu_continuity::judge(int64_t dt)
+{
     // A gap of k periods (rounded) holds k - 1 missing samples; jitter below
     // half a period is not a loss.
     int64_t k = (dt + period_ns_ / 2) / period_ns_;

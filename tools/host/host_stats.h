@@ -20,8 +20,8 @@ struct sensor_row {
 };
 
 // Judges IMU continuity from the sample timestamps: the sample period is the
-// median of the first intervals seen; a later gap of k periods means k - 1
-// samples lost.
+// median of the first intervals seen; a gap of k periods, among those or
+// later, means k - 1 samples lost.
 class imu_continuity {
 public:
     void add(const timespec &t);
@@ -31,6 +31,8 @@ public:
     uint64_t out_of_order() const { return out_of_order_; }
 
 private:
+    void judge(int64_t dt);
+
     static constexpr size_t kLearn = 64;
     int64_t last_ns_ = 0;
     bool have_last_ = false;
