@@ -108,6 +108,9 @@ status=0
   "${motors[@]}" "${host_args[@]}" || status=$?
 kill $sim_pid 2>/dev/null || true; wait $sim_pid 2>/dev/null || true
 sim_pid=""
+# Where the samples the summary counts as lost went: the scans a full kernel
+# buffer refused, and those the simulator's feeder never handed the kernel.
+[ $kernel = 0 ] || grep -E '^orlune-sim: kernel: .* scans (refused|missing)' "$out/sim.log" || true
 
 echo
 echo "recording:  $out/recording.csv (one row per cycle)"
