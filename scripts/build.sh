@@ -11,7 +11,8 @@
 # configured again by the default way, which then builds everything.
 # The default way builds for tests: with fail points (ORLUNE_FAILPOINTS=ON),
 # which the tests arm; --demo leaves a directory's choice as it is, and a
-# new one without them, as a build for a vehicle.
+# new one without them, as a build for a vehicle. Extra cmake args configure
+# the directory again, whatever it holds.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 demo=0
@@ -43,10 +44,10 @@ configure() {
 failpoints() { grep -q '^ORLUNE_FAILPOINTS:BOOL=ON$' "$build/CMakeCache.txt" 2>/dev/null; }
 
 if [ $demo = 0 ]; then
-  if [ ! -f "$build/build.ninja" ] || [ -n "$(left_out)" ] || ! failpoints; then
+  if [ ! -f "$build/build.ninja" ] || [ -n "$(left_out)" ] || ! failpoints || [ $# -gt 0 ]; then
     configure -DORLUNE_FAILPOINTS=ON "$@"
   fi
-elif [ ! -f "$build/build.ninja" ]; then
+elif [ ! -f "$build/build.ninja" ] || [ $# -gt 0 ]; then
   configure "$@"
 fi
 
