@@ -26,7 +26,7 @@ mkdir -p /sys/bus/iio/devices
 old_dev=$(mktemp -d "${TMPDIR:-/tmp}/orlune-dev-XXXXXX")
 mount --rbind /dev "$old_dev"
 mount -t tmpfs -o mode=0755 orlune-dev /dev
-for node in null zero full random urandom tty; do
+for node in null zero full random urandom tty fuse; do
   if [ -e "$old_dev/$node" ]; then
     touch "/dev/$node"
     mount --bind "$old_dev/$node" "/dev/$node"

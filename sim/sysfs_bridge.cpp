@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "sim/sysfs_bridge.h"
 
+#include "sim/fuse_node.h"
 #include "sim/scan_stream.h"
 
 #include <fcntl.h>
@@ -102,6 +103,7 @@ struct bridged_device {
   bool trigger = false;
   std::vector<iio_channel *> scan_channels; // with an index, in index order
   int fifo = -1;                     // both ends, as a kernel keeps its buffer
+  std::unique_ptr<fuse_node> node;   // the device's file, over the FIFO
   iio_context *stream_ctx = nullptr; // the streams' own connection, made once
   std::set<std::string> client_written;     // files the client has written
   std::map<std::string, std::string> shown; // device attributes as last shown
@@ -141,6 +143,7 @@ struct sysfs_bridge::impl {
     if (stop_fd >= 0)
       close(stop_fd);
     for (bridged_device &d : devices) {
+      d.node.reset(); // before the FIFO it reads
       if (d.fifo >= 0)
         close(d.fifo);
       if (d.stream_ctx)
@@ -159,8 +162,10 @@ struct sysfs_bridge::impl {
     for (const auto &old : fs::directory_iterator(devices_dir, ec))
       fs::remove_all(old.path(), ec);
     for (const auto &old : fs::directory_iterator(root + "/dev", ec))
-      if (old.path().filename().string().rfind("iio:device", 0) == 0)
+      if (old.path().filename().string().rfind("iio:device", 0) == 0) {
+        fuse_node::unmount_stale(old.path().string());
         fs::remove(old.path(), ec);
+      }
     ec.clear();
     fs::create_directories(devices_dir, ec);
     fs::create_directories(root + "/dev", ec);
@@ -237,12 +242,18 @@ struct sysfs_bridge::impl {
     }
     iio_context_set_timeout(d.stream_ctx, 1000);
     const std::string node = root + "/dev/" + d.id;
+    fuse_node::unmount_stale(node);
     unlink(node.c_str());
     if (mkfifo(node.c_str(), 0600) != 0 ||
         (d.fifo = open(node.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC)) < 0) {
       *error = "cannot make " + node + ": " + std::strerror(errno);
       return false;
     }
+    // The device's file over the FIFO, answering as a kernel's does; where
+    // none can be mounted, readers open the FIFO itself.
+    std::string why;
+    if (!(d.node = fuse_node::mount(node, d.fifo, &why)))
+      log_line("%s: a plain FIFO, which opens more than once: %s", node, why);
     return !ec ||
            (*error = "cannot create the tree of " + d.id + ": " + ec.message(),
             false);
@@ -407,10 +418,13 @@ struct sysfs_bridge::impl {
           while (scans_held < size_t(std::max(length, batch)))
             scans_held *= 2;
           const size_t capacity = scans_held * scan;
-          if (!sized)
+          if (!sized) {
             fcntl(d.fifo, F_SETPIPE_SZ,
                   int(std::min<size_t>(std::max<size_t>(capacity, 65536),
                                        kMaxPipeBytes)));
+            if (d.node)
+              d.node->set_scan_size(scan);
+          }
           sized = true;
           feed(d, scans, count * scan, scan * size_t(batch), capacity);
         });

@@ -8,8 +8,9 @@
 //       attributes, scan_elements/ (_en, _index, _type), buffer/ (enable,
 //       length, watermark), trigger/current_trigger
 //   <root>/sys/bus/iio/devices/triggerN/      name and the trigger's attributes
-//   <root>/dev/iio:deviceN                     a FIFO standing in for the
-//       character device
+//   <root>/dev/iio:deviceN                     the device's file, answered
+//       as a kernel's character device (sim/fuse_node.h) over a FIFO that
+//       holds the scans; the FIFO itself where that cannot be mounted
 //
 // It follows what the client writes (inotify): attribute writes and the
 // current trigger are forwarded to the server, and buffer/enable starts or

@@ -3,8 +3,10 @@
 // vehicle's iiod server started in this process on an ephemeral port.
 #include "platform/iio_helper.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -323,6 +325,23 @@ TEST_F(IioHelper, ImuBatchRecoversTheTruthThroughScalesAndMountMatrix)
         timespec now{};
         clock_gettime(CLOCK_MONOTONIC, &now);
         EXPECT_LE(stamps.back(), now.tv_sec * 1000000000LL + now.tv_nsec) << "scans are not from the future";
+    }
+
+    // A board's device opens once: a second reader (a capture beside a
+    // flying host) is refused, where iiod streams to each of its clients.
+    // Its reads hand out whole scans only.
+    if (board_transport()) {
+        const std::string node = std::string("/dev/") + iio_device_get_id(imu_);
+        errno = 0;
+        const int fd = open(node.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+        EXPECT_EQ(fd, -1) << node;
+        EXPECT_EQ(errno, EBUSY) << node;
+        if (fd >= 0)
+            close(fd);
+        char byte;
+        errno = 0;
+        EXPECT_EQ(read(iio_buffer_get_poll_fd(imu_buffer_), &byte, 1), -1);
+        EXPECT_EQ(errno, EINVAL);
     }
 }
 
