@@ -518,9 +518,10 @@ transport_row "IMU age at read return, median / p99 / max ms (orlune-host, ${age
 cat <<EOF
 
 On the local backend the simulator's stand-in forwards each batch from its
-own server to the FIFO the plug-in reads: the IMU age includes that hop,
-which a kernel's buffer does not make; the plug-in's system calls are its
-own, as on a board (a FIFO's read stands for the character device's).
+own server to a FIFO, and answers each \`poll()\` and \`read()\` of the
+device's file itself: the IMU age includes those hops, which a kernel's
+buffer does not make; the plug-in's system calls are its own, as on a board
+(the device file's read stands for the character device's).
 
 The genuine kernel's column runs under QEMU's emulation (TCG), with the
 simulator feeding the driver from the same guest: its wall times and IMU
