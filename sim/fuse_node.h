@@ -40,10 +40,6 @@ public:
   // multiples of it. 0 (the start): any byte count.
   void set_scan_size(size_t bytes);
 
-  // Takes away the mounts that an earlier process left over path (one
-  // killed before it could unmount): 0, or the number taken away.
-  static int unmount_stale(const std::string &path);
-
   struct impl;
 
 private:

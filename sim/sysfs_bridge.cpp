@@ -2,6 +2,8 @@
 #include "sim/sysfs_bridge.h"
 
 #include "sim/fuse_node.h"
+#include "sim/fuse_session.h"
+#include "sim/fuse_tree.h"
 #include "sim/scan_stream.h"
 
 #include <fcntl.h>
@@ -134,6 +136,9 @@ struct sysfs_bridge::impl {
   std::map<int, watch> watches;
   int inotify_fd = -1;
   int stop_fd = -1;
+  // The tree answered as a kernel's sysfs: writes judged at once. Without
+  // it, the writes are followed a moment later (inotify).
+  std::unique_ptr<fuse_tree> tree;
   std::thread watcher;
   bool stopped = false;
 
@@ -156,6 +161,7 @@ struct sysfs_bridge::impl {
   // ---- the tree ----------------------------------------------------------
   bool build(std::string *error) {
     const std::string devices_dir = root + kDevicesDir;
+    fuse_session::unmount_stale(devices_dir);
     std::error_code ec;
     // What an earlier bridge under this root left: a kernel's tree holds
     // only the devices there are.
@@ -163,7 +169,7 @@ struct sysfs_bridge::impl {
       fs::remove_all(old.path(), ec);
     for (const auto &old : fs::directory_iterator(root + "/dev", ec))
       if (old.path().filename().string().rfind("iio:device", 0) == 0) {
-        fuse_node::unmount_stale(old.path().string());
+        fuse_session::unmount_stale(old.path().string());
         fs::remove(old.path(), ec);
       }
     ec.clear();
@@ -242,7 +248,7 @@ struct sysfs_bridge::impl {
     }
     iio_context_set_timeout(d.stream_ctx, 1000);
     const std::string node = root + "/dev/" + d.id;
-    fuse_node::unmount_stale(node);
+    fuse_session::unmount_stale(node);
     unlink(node.c_str());
     if (mkfifo(node.c_str(), 0600) != 0 ||
         (d.fifo = open(node.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC)) < 0) {
@@ -259,13 +265,33 @@ struct sysfs_bridge::impl {
             false);
   }
 
-  bool watch_tree(std::string *error) {
+  // Answers the tree as a kernel's sysfs where it can be mounted, from
+  // then on reached beneath the mount; else follows the client's writes.
+  bool serve_tree(std::string *error) {
     inotify_fd = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
     stop_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     if (inotify_fd < 0 || stop_fd < 0) {
       *error = std::string("inotify: ") + std::strerror(errno);
       return false;
     }
+    const std::string devices_dir = root + kDevicesDir;
+    std::string why;
+    tree = fuse_tree::mount(
+        devices_dir,
+        [this](const std::string &path, const std::string &value) {
+          return judge(path, value);
+        },
+        writable, &why);
+    if (!tree) {
+      log_line("%s: plain files, which take any write: %s", devices_dir, why);
+      return watch_tree(error);
+    }
+    for (bridged_device &d : devices)
+      d.dir = tree->backing() + "/" + d.id;
+    return true;
+  }
+
+  bool watch_tree(std::string *error) {
     for (size_t i = 0; i < devices.size(); i++) {
       const bridged_device &d = devices[i];
       const std::pair<std::string, watch_kind> dirs[] = {
@@ -295,7 +321,7 @@ struct sysfs_bridge::impl {
     bridged_device &d = devices[w.device];
     switch (w.kind) {
     case watch_kind::device:
-      forward_attr(d, file);
+      forward_attr(d, file, read_value(d.dir + "/" + file));
       break;
     case watch_kind::buffer:
       // length and watermark are read when the buffer is enabled; a 1
@@ -312,10 +338,11 @@ struct sysfs_bridge::impl {
     }
   }
 
-  void forward_attr(bridged_device &d, const std::string &file) {
+  // The server's answer to the write of an attribute: 0 or a negative errno.
+  int forward_attr(bridged_device &d, const std::string &file,
+                   const std::string &value) {
     if (file == "name")
-      return;
-    const std::string value = read_value(d.dir + "/" + file);
+      return -EACCES;
     d.client_written.insert(file);
     int r = -ENOENT;
     bool channel_attr = false;
@@ -337,6 +364,66 @@ struct sysfs_bridge::impl {
       log_line("%s refused by the device: %s", d.id + "/" + file + "=" + value,
                std::strerror(-r));
     refresh(d);
+    return r < 0 ? r : 0;
+  }
+
+  // A write to the tree, judged as a kernel judges it, and done when it is
+  // accepted: 0, or the negative errno that the writer gets. Path is
+  // relative to the devices' directory.
+  int judge(const std::string &path, const std::string &written) {
+    std::string value = written;
+    while (!value.empty() && (value.back() == '\0' || value.back() == '\n'))
+      value.pop_back();
+    const size_t slash = path.find('/');
+    auto d = std::find_if(devices.begin(), devices.end(),
+                          [&](const bridged_device &b) {
+                            return b.id == path.substr(0, slash);
+                          });
+    if (slash == std::string::npos || d == devices.end())
+      return -EACCES;
+    const std::string rest = path.substr(slash + 1);
+    const size_t sub = rest.find('/');
+    if (sub == std::string::npos)
+      return forward_attr(*d, rest, value);
+    const std::string dir = rest.substr(0, sub), file = rest.substr(sub + 1);
+    const bool running = read_value(d->dir + "/buffer/enable") == "1";
+    if (dir == "buffer" && file == "enable") {
+      if (value != "0" && value != "1")
+        return -EINVAL;
+      if (value == "0") {
+        stop_stream(*d);
+        return 0;
+      }
+      if (running)
+        return 0;
+      // A kernel starts a buffer with a channel and its trigger only.
+      if (enabled_channels(*d).empty() ||
+          read_value(d->dir + "/trigger/current_trigger").empty())
+        return -EINVAL;
+      start_stream(*d);
+      return 0;
+    }
+    if ((dir == "buffer" && (file == "length" || file == "watermark")) ||
+        (dir == "scan_elements" && file.size() > 3 &&
+         file.compare(file.size() - 3, 3, "_en") == 0))
+      return running ? -EBUSY : 0;
+    if (dir == "trigger" && file == "current_trigger") {
+      if (running)
+        return -EBUSY;
+      set_trigger(*d, value);
+      return 0;
+    }
+    return -EACCES;
+  }
+
+  // Whether the client may write the file at path: what a kernel shows as
+  // read-only is refused at open.
+  static bool writable(const std::string &path) {
+    auto ends = [&](const char *tail) {
+      const size_t n = std::strlen(tail);
+      return path.size() >= n && path.compare(path.size() - n, n, tail) == 0;
+    };
+    return !ends("/name") && !ends("_index") && !ends("_type");
   }
 
   void set_trigger(bridged_device &d, const std::string &name) {
@@ -368,6 +455,18 @@ struct sysfs_bridge::impl {
   }
 
   // ---- streams -------------------------------------------------------------
+  std::vector<std::string> enabled_channels(const bridged_device &d) const {
+    std::vector<std::string> enabled;
+    for (iio_channel *ch : d.scan_channels) {
+      const std::string en = d.dir + "/scan_elements/" +
+                             (iio_channel_is_output(ch) ? "out_" : "in_") +
+                             iio_channel_get_id(ch) + "_en";
+      if (read_value(en) == "1")
+        enabled.push_back(iio_channel_get_id(ch));
+    }
+    return enabled;
+  }
+
   void drain(bridged_device &d) {
     char scratch[4096];
     while (read(d.fifo, scratch, sizeof scratch) > 0) {
@@ -377,14 +476,7 @@ struct sysfs_bridge::impl {
   void start_stream(bridged_device &d) {
     stop_stream(d);
     drain(d); // a kernel buffer starts empty
-    std::vector<std::string> enabled;
-    for (iio_channel *ch : d.scan_channels) {
-      const std::string en = d.dir + "/scan_elements/" +
-                             (iio_channel_is_output(ch) ? "out_" : "in_") +
-                             iio_channel_get_id(ch) + "_en";
-      if (read_value(en) == "1")
-        enabled.push_back(iio_channel_get_id(ch));
-    }
+    const std::vector<std::string> enabled = enabled_channels(d);
     const long length =
         std::max(1L, std::atol(read_value(d.dir + "/buffer/length").c_str()));
     // Batches as the trigger makes them: a blocking device releases a
@@ -468,10 +560,14 @@ struct sysfs_bridge::impl {
     auto next_refresh = std::chrono::steady_clock::now();
     alignas(inotify_event) char events[8192];
     for (;;) {
-      pollfd fds[2] = {{inotify_fd, POLLIN, 0}, {stop_fd, POLLIN, 0}};
-      poll(fds, 2, kRefreshMs);
+      pollfd fds[3] = {{inotify_fd, POLLIN, 0},
+                       {stop_fd, POLLIN, 0},
+                       {tree ? tree->fd() : -1, POLLIN, 0}};
+      poll(fds, 3, kRefreshMs);
       if (fds[1].revents)
         break;
+      if (fds[2].revents && !tree->serve())
+        tree.reset(); // unmounted from outside: nothing to answer
       std::vector<std::pair<watch, std::string>> writes;
       for (;;) {
         const ssize_t n = read(inotify_fd, events, sizeof events);
@@ -523,7 +619,7 @@ std::unique_ptr<sysfs_bridge> sysfs_bridge::start(const std::string &uri,
     *error = "sysfs: cannot reach " + uri + ": " + std::strerror(errno);
     return nullptr;
   }
-  if (!p->build(error) || !p->watch_tree(error))
+  if (!p->build(error) || !p->serve_tree(error))
     return nullptr;
   impl *raw = p.get();
   p->watcher = std::thread([raw] { raw->run(); });

@@ -12,9 +12,15 @@
 //       as a kernel's character device (sim/fuse_node.h) over a FIFO that
 //       holds the scans; the FIFO itself where that cannot be mounted
 //
-// It follows what the client writes (inotify): attribute writes and the
-// current trigger are forwarded to the server, and buffer/enable starts or
-// stops a stream of the enabled channels' scans, taken from the server (the
+// The tree is answered as a kernel's sysfs (sim/fuse_tree.h) where it can
+// be mounted: each write is judged at once, the server's answer or the
+// kernel's rule (EBUSY for the scan, the buffer's length or the trigger
+// while the buffer runs; EINVAL for a buffer enabled without a channel or a
+// trigger) being the write's result. Elsewhere the tree is plain files, and
+// the bridge follows what the client wrote a moment later (inotify).
+// Either way, attribute writes and the current trigger are forwarded to the
+// server, and buffer/enable starts or stops a stream of the enabled
+// channels' scans, taken from the server (the
 // same models, truth, thermal inverses and faults as over the network) and
 // written to the FIFO as they become available, in the kernel's scan layout.
 // Like a kernel buffer, the FIFO starts empty at each enable, holds
