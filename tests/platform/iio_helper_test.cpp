@@ -15,6 +15,7 @@
 #include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <cstring>
 #include <memory>
 #include <random>
 #include <string_view>
@@ -342,6 +343,25 @@ TEST_F(IioHelper, ImuBatchRecoversTheTruthThroughScalesAndMountMatrix)
         errno = 0;
         EXPECT_EQ(read(iio_buffer_get_poll_fd(imu_buffer_), &byte, 1), -1);
         EXPECT_EQ(errno, EINVAL);
+
+        // Its attribute files judge a write at once: none for a name the
+        // device does not have (EACCES), and no change of the scan while the
+        // buffer runs (EBUSY).
+        const std::string dir = std::string("/sys/bus/iio/devices/") + iio_device_get_id(imu_);
+        auto write_file = [](const std::string &path, const char *text) {
+            errno = 0;
+            // As libiio writes an attribute.
+            const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+            const bool written = fd >= 0 && write(fd, text, strlen(text)) == ssize_t(strlen(text));
+            const int err = written ? 0 : errno;
+            if (fd >= 0)
+                close(fd);
+            return err;
+        };
+        EXPECT_EQ(write_file(dir + "/no_such_attribute", "1"), EACCES);
+        EXPECT_EQ(write_file(dir + "/scan_elements/in_accel_x_en", "0"), EBUSY);
+        EXPECT_EQ(iio_device_buffer_attr_write(imu_, "length", "8"), -EBUSY);
+        EXPECT_EQ(iio_buffer_refill(imu_buffer_), 5 * 24) << "the stream runs on";
     }
 }
 
