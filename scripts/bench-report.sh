@@ -52,6 +52,8 @@ fi
 
 load_start=$(cut -d' ' -f1-3 /proc/loadavg)
 started=$(date -u '+%Y-%m-%d %H:%M UTC')
+# The commit measured: the tree as it is when the run builds.
+commit=$(git -C "$root" describe --always --dirty 2>/dev/null || echo unknown)
 t_start=$(date +%s)
 
 if [ $do_build = 1 ]; then
@@ -395,7 +397,6 @@ cpu=$(awk -F': *' '/^model name/ { print $2; exit }' /proc/cpuinfo)
 compiler=$(awk -F= '/^CMAKE_CXX_COMPILER:/ { print $2 }' "$build/CMakeCache.txt")
 compiler_version=$("${compiler:-c++}" --version | head -1)
 build_type=$(awk -F= '/^CMAKE_BUILD_TYPE:/ { print $2 }' "$build/CMakeCache.txt")
-commit=$(git -C "$root" describe --always --dirty 2>/dev/null || echo unknown)
 mode=full; [ $quick = 1 ] && mode="quick (--quick: short runs, indicative only)"
 
 c() { value "$1" "$work/cycles.txt"; }
