@@ -520,9 +520,11 @@ cat <<EOF
 
 On the local backend the simulator's stand-in forwards each batch from its
 own server to a FIFO, and answers each \`poll()\` and \`read()\` of the
-device's file itself: the IMU age includes those hops, which a kernel's
-buffer does not make; the plug-in's system calls are its own, as on a board
-(the device file's read stands for the character device's).
+device's file itself, a round trip to the simulator of some tens of
+microseconds: the IMU age and the cycle's wall time include those hops,
+which a kernel's buffer does not make; the plug-in's system calls and
+instructions are its own, as on a board (the device file's read stands for
+the character device's).
 
 The genuine kernel's column runs under QEMU's emulation (TCG), with the
 simulator feeding the driver from the same guest: its wall times and IMU
