@@ -248,7 +248,6 @@ struct sysfs_bridge::impl {
     }
     iio_context_set_timeout(d.stream_ctx, 1000);
     const std::string node = root + "/dev/" + d.id;
-    fuse_session::unmount_stale(node);
     unlink(node.c_str());
     if (mkfifo(node.c_str(), 0600) != 0 ||
         (d.fifo = open(node.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC)) < 0) {
@@ -423,7 +422,10 @@ struct sysfs_bridge::impl {
       const size_t n = std::strlen(tail);
       return path.size() >= n && path.compare(path.size() - n, n, tail) == 0;
     };
-    return !ends("/name") && !ends("_index") && !ends("_type");
+    const bool scan_element =
+        path.find("/scan_elements/") != std::string::npos;
+    return !ends("/name") &&
+           !(scan_element && (ends("_index") || ends("_type")));
   }
 
   void set_trigger(bridged_device &d, const std::string &name) {

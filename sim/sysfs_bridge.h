@@ -14,8 +14,8 @@
 //
 // The tree is answered as a kernel's sysfs (sim/fuse_tree.h) where it can
 // be mounted: each write is judged at once, the server's answer or the
-// kernel's rule (EBUSY for the scan, the buffer's length or the trigger
-// while the buffer runs; EINVAL for a buffer enabled without a channel or a
+// kernel's rule (EBUSY for the scan, the buffer's length and watermark or
+// the trigger while the buffer runs; EINVAL for a buffer enabled without a channel or a
 // trigger) being the write's result. Elsewhere the tree is plain files, and
 // the bridge follows what the client wrote a moment later (inotify).
 // Either way, attribute writes and the current trigger are forwarded to the
